@@ -1,0 +1,105 @@
+// One page's refresh: the cited-file cache, working out each citation's move, anchor or loss, and
+// turning that into the page's new citation records.
+#include <unordered_set>
+
+#include "workers/wiki/citation_refresh.h"
+#include "workers/wiki/citation_refresh/internal.h"
+
+namespace tolbarrow::workers::wiki::citation_refresh::detail {
+
+bool operator==(const PageRefresh& a, const PageRefresh& b) {
+  if (!(a.moves == b.moves) || a.anchors.size() != b.anchors.size() || a.lost != b.lost) {
+    return false;
+  }
+  for (const auto& [key, record] : a.anchors) {
+    const Record* other = b.anchors.find(key);
+    if (other == nullptr || !records_equal(record, *other)) return false;
+  }
+  return true;
+}
+
+Files::Files(const Module& module, Repository& repository, std::filesystem::path repo_root)
+    : repository_(repository),
+      repo_root_(std::move(repo_root)),
+      line_count_(module.citation_ranges().LineCounts(repo_root_)) {}
+
+const Symbols& Files::symbols(const std::string& path) {
+  auto it = symbols_.find(path);
+  if (it == symbols_.end()) it = symbols_.emplace(path, repository_.get_symbols_by_path(path)).first;
+  return it->second;
+}
+
+bool Files::indexed(const std::string& path) {
+  return repository_.get_file_by_path(path).has_value();
+}
+
+PageRefresh refresh_page(const Module& module, const Text& text,
+                         const std::vector<Record>& citations, Files& files) {
+  // Stored records by stored key; a later record replaces an earlier one with the same key.
+  std::unordered_map<CitationKey, const Record*, CitationKeyHash> stored;
+  stored.reserve(citations.size());
+  for (const Record& record : citations) stored[stored_key(record)] = &record;
+
+  PageRefresh result({}, {}, {});
+  std::unordered_set<CitationKey, CitationKeyHash> seen;
+  const auto& verify = module.verify();
+
+  for (const CitationMatchPtr& match : verify.prose_citations(text)) {
+    CitationKey key = module.types().citation_key(*match);
+    // Skipped citations do not enter `seen`: a repeat of one is tested again.
+    if (seen.count(key) || key.start < 1 || !files.indexed(key.path)) continue;
+    seen.insert(key);
+    const Symbols& symbols = files.symbols(key.path);
+
+    auto found_stored = stored.find(key);
+    const Record* stored_record = found_stored == stored.end() ? nullptr : found_stored->second;
+    const Record cite = stored_record != nullptr ? *stored_record
+                                                 : Record{{"path", key.path},
+                                                          {"line_start", key.start},
+                                                          {"line_end", key.end}};
+    SymbolPtr found;
+    LineRange proposed;
+    if (const Record* symbol = internal::truthy_member(cite, "symbol")) {
+      // An anchored citation follows its declaration, or is lost with it.
+      found = find_again(symbols, cite);
+      if (!found) {
+        const Record* name = internal::truthy_member(cite, "name");
+        result.lost.emplace_back(std::move(key), to_path(name != nullptr ? *name : *symbol));
+        continue;
+      }
+      proposed = relocated_range(cite, *found);
+    } else {
+      const auto names = module.claim_identifiers(text, match->start());
+      std::tie(found, proposed) = legacy_anchor(module, symbols, key.start, key.end, names);
+    }
+
+    const auto fitted = module.citation_ranges().fit_range(proposed.first, proposed.last,
+                                                           files.line_count(key.path));
+    if (!fitted) {
+      result.lost.emplace_back(std::move(key), found ? found->name : std::string());
+      continue;
+    }
+    if (*fitted != LineRange{key.start, key.end}) result.moves.set(key, *fitted);
+
+    Record moved = cite;
+    moved["line_start"] = fitted->first;
+    moved["line_end"] = fitted->last;
+    Record updated = verify.anchored(std::move(moved), found);
+    if (stored_record != nullptr && !records_equal(updated, cite)) {
+      result.anchors.set(std::move(key), std::move(updated));
+    }
+  }
+  return result;
+}
+
+std::vector<Record> apply(const std::vector<Record>& citations, const PageRefresh& page) {
+  std::vector<Record> out;
+  out.reserve(citations.size());
+  for (const Record& record : citations) {
+    const Record* anchored = page.anchors.find(stored_key(record));
+    out.push_back(anchored != nullptr ? *anchored : record);
+  }
+  return out;
+}
+
+}  // namespace tolbarrow::workers::wiki::citation_refresh::detail

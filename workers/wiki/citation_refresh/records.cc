@@ -1,0 +1,219 @@
+// Record conversions shared by every part of the refresh: line numbers, stored keys, record
+// equality, JSON text forms, and page rows kept as records.
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+
+#include "workers/wiki/citation_refresh.h"
+#include "workers/wiki/citation_refresh/internal.h"
+
+namespace tolbarrow::workers::wiki {
+namespace cr = citation_refresh;
+using cr::internal::truthy;
+
+// ---- PageRow over a record --------------------------------------------------------------------
+
+namespace {
+
+const Record* member(const Record& map, const char* key) {
+  if (!map.is_object()) return nullptr;
+  auto it = map.find(key);
+  return it == map.end() ? nullptr : &*it;
+}
+
+}  // namespace
+
+std::optional<std::string> RecordPageRow::rel_path() const {
+  const Record* v = member(row_, "rel_path");
+  if (v == nullptr || v->is_null()) return std::nullopt;
+  if (!v->is_string()) throw cr::RecordTypeError("rel_path: expected text, got " + v->dump());
+  auto path = v->get<std::string>();
+  if (path.empty()) return std::nullopt;
+  return path;
+}
+
+std::string RecordPageRow::page_id() const {
+  const Record* v = member(row_, "page_id");
+  if (v == nullptr) throw MissingKey("page_id");
+  return cr::to_path(*v);
+}
+
+std::vector<Record> RecordPageRow::citations() const {
+  const Record* v = member(row_, "citations");
+  if (v == nullptr || !truthy(*v)) return {};
+  if (!v->is_array()) throw cr::RecordTypeError("citations: expected a list, got " + v->dump());
+  return std::vector<Record>(v->begin(), v->end());
+}
+
+Record RecordPageRow::build_cache() const {
+  const Record* v = member(row_, "build_cache");
+  if (v == nullptr || !truthy(*v)) return Record::object();
+  if (!v->is_object()) throw cr::RecordTypeError("build_cache: expected a map, got " + v->dump());
+  return *v;
+}
+
+HostValue RecordPageRow::content_hash() const {
+  const Record* v = member(row_, "content_hash");
+  return v == nullptr ? HostValue() : HostValue(*v);
+}
+
+}  // namespace tolbarrow::workers::wiki
+
+namespace tolbarrow::workers::wiki::citation_refresh {
+namespace {
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+
+Line parse_line(const std::string& text, std::string_view what) {
+  std::size_t b = 0, e = text.size();
+  while (b < e && is_space(text[b])) ++b;
+  while (e > b && is_space(text[e - 1])) --e;
+  std::size_t digits = b;
+  if (digits < e && (text[digits] == '+' || text[digits] == '-')) ++digits;
+  bool ok = digits < e;
+  for (std::size_t i = digits; i < e; ++i) ok = ok && text[i] >= '0' && text[i] <= '9';
+  if (!ok) {
+    throw RecordValueError(std::string(what) + ": not an integer: " + Record(text).dump());
+  }
+  const std::string number = text.substr(b, e - b);
+  errno = 0;
+  char* end = nullptr;
+  const long long value = std::strtoll(number.c_str(), &end, 10);
+  if (errno == ERANGE) {
+    throw RecordValueError(std::string(what) + ": integer out of range: " + number);
+  }
+  return value;
+}
+
+}  // namespace
+
+Line to_line(const Record& value, std::string_view what) {
+  switch (value.type()) {
+    case Record::value_t::number_integer:
+      return value.get<std::int64_t>();
+    case Record::value_t::number_unsigned: {
+      const auto u = value.get<std::uint64_t>();
+      if (u > static_cast<std::uint64_t>(std::numeric_limits<Line>::max())) {
+        throw RecordValueError(std::string(what) + ": integer out of range: " + value.dump());
+      }
+      return static_cast<Line>(u);
+    }
+    case Record::value_t::number_float: {
+      const double d = std::trunc(value.get<double>());
+      // [-2^63, 2^63) is exactly representable at both ends as a double.
+      if (!std::isfinite(d) || d < -9223372036854775808.0 || d >= 9223372036854775808.0) {
+        throw RecordValueError(std::string(what) + ": number out of range: " + value.dump());
+      }
+      return static_cast<Line>(d);
+    }
+    case Record::value_t::boolean:
+      return value.get<bool>() ? 1 : 0;
+    case Record::value_t::string:
+      return parse_line(value.get_ref<const std::string&>(), what);
+    default:
+      throw RecordTypeError(std::string(what) + ": expected an integer, got " +
+                            (value.is_null() ? std::string("null") : value.type_name()));
+  }
+}
+
+std::string to_path(const Record& value) {
+  return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+CitationKey stored_key(const Record& record) {
+  if (!record.is_object()) {
+    throw RecordTypeError("citation record: expected a map, got " + record.dump());
+  }
+  CitationKey key;
+  if (auto it = record.find("path"); it != record.end()) key.path = to_path(*it);
+  if (auto it = record.find("line_start"); it != record.end()) key.start = to_line(*it, "line_start");
+  if (auto it = record.find("line_end"); it != record.end()) key.end = to_line(*it, "line_end");
+  return key;
+}
+
+bool records_equal(const Record& a, const Record& b) {
+  if (a.is_object() && b.is_object()) {
+    if (a.size() != b.size()) return false;
+    for (auto it = a.begin(); it != a.end(); ++it) {
+      auto other = b.find(it.key());
+      if (other == b.end() || !records_equal(*it, *other)) return false;
+    }
+    return true;
+  }
+  if (a.is_array() && b.is_array()) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      if (!records_equal(a[i], b[i])) return false;
+    }
+    return true;
+  }
+  return a == b;
+}
+
+bool operator==(const CitationRefresh& a, const CitationRefresh& b) {
+  if (a.repaired != b.repaired || a.unrepairable != b.unrepairable ||
+      a.pages_written != b.pages_written || a.lost.size() != b.lost.size() ||
+      a.moved.size() != b.moved.size()) {
+    return false;
+  }
+  for (std::size_t i = 0; i < a.lost.size(); ++i) {
+    if (!records_equal(a.lost[i], b.lost[i])) return false;
+  }
+  for (const auto& [page, count] : a.moved) {
+    auto it = b.moved.find(page);
+    if (it == b.moved.end() || it->second != count) return false;
+  }
+  return true;
+}
+
+std::string to_string(const CitationRefresh& r) {
+  std::ostringstream out;
+  out << "CitationRefresh(repaired=" << r.repaired << ", unrepairable=" << r.unrepairable
+      << ", pages_written=" << r.pages_written << ", lost=[";
+  for (std::size_t i = 0; i < r.lost.size(); ++i) out << (i ? ", " : "") << detail::dump_one_line(r.lost[i]);
+  out << "], moved={";
+  bool first = true;
+  for (const auto& [page, count] : r.moved) {
+    out << (first ? "" : ", ") << Record(page).dump() << ": " << count;
+    first = false;
+  }
+  out << "})";
+  return out.str();
+}
+
+std::ostream& operator<<(std::ostream& out, const CitationRefresh& result) {
+  return out << to_string(result);
+}
+
+namespace detail {
+
+std::string dump_one_line(const Record& value) {
+  if (value.is_object()) {
+    std::string out = "{";
+    bool first = true;
+    for (auto it = value.begin(); it != value.end(); ++it) {
+      if (!first) out += ", ";
+      first = false;
+      out += Record(it.key()).dump(-1, ' ', false);
+      out += ": ";
+      out += dump_one_line(*it);
+    }
+    return out + "}";
+  }
+  if (value.is_array()) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < value.size(); ++i) {
+      if (i) out += ", ";
+      out += dump_one_line(value[i]);
+    }
+    return out + "]";
+  }
+  return value.dump(-1, ' ', false);
+}
+
+std::string dump_digests(const Record& digests) { return digests.dump(2, ' ', false); }
+
+}  // namespace detail
+}  // namespace tolbarrow::workers::wiki::citation_refresh
