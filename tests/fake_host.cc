@@ -52,7 +52,7 @@ class FakePattern : public CitationPattern {
                                      std::size_t end) const override {
     ++searches_;
     std::vector<PatternMatch> out;
-    for (const auto& m : find_citations(text, start, end)) out.push_back({m->start_point, m->end_point});
+    for (const auto& m : find_citations(text, start, end)) out.push_back({m->end_point});
     return out;
   }
 

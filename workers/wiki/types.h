@@ -125,10 +125,8 @@ class CitationMatch {
 };
 using CitationMatchPtr = std::shared_ptr<const CitationMatch>;
 
-// One match of the host's citation pattern: code-point offsets of its first character and of
-// the character just past it.
+// One match of the host's citation pattern: the code-point offset just past it (its `end()`).
 struct PatternMatch {
-  std::size_t start = 0;
   std::size_t end = 0;
 };
 
