@@ -10,6 +10,26 @@
 
 #include "workers/wiki/citation_refresh/regex.h"
 
+namespace tolbarrow::workers::wiki {
+void PrintTo(const CitationKey& key, std::ostream* out) {
+  *out << "(" << key.path << ", " << key.start << ", " << key.end << ")";
+}
+void PrintTo(const LineRange& range, std::ostream* out) {
+  *out << "(" << range.first << ", " << range.last << ")";
+}
+void PrintTo(const Moves& moves, std::ostream* out) {
+  *out << "{";
+  for (const auto& [key, range] : moves) {
+    PrintTo(key, out);
+    *out << ": ";
+    PrintTo(range, out);
+    *out << "; ";
+  }
+  *out << "}";
+}
+
+}  // namespace tolbarrow::workers::wiki
+
 namespace tolbarrow::testing {
 namespace {
 
@@ -156,7 +176,7 @@ cr::HostModules FakeHost::modules() {
       .UNANCHORED_KINDS = std::unordered_set<std::string>(unanchored_kinds.begin(),
                                                           unanchored_kinds.end()),
       .anchor_symbol = [this](const Symbols& symbols, Line first, Line last) -> SymbolPtr {
-        calls.push_back("anchor_symbol " + std::to_string(first) + "-" + std::to_string(last));
+        anchor_calls.push_back(std::to_string(first) + "-" + std::to_string(last));
         for (const auto& s : symbols) {
           if (s->start_line <= first && last <= s->end_line) return s;
         }

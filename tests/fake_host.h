@@ -12,6 +12,13 @@
 
 #include "workers/wiki/citation_refresh.h"
 
+namespace tolbarrow::workers::wiki {
+// Readable failure messages.
+void PrintTo(const CitationKey& key, std::ostream* out);
+void PrintTo(const LineRange& range, std::ostream* out);
+void PrintTo(const Moves& moves, std::ostream* out);
+}  // namespace tolbarrow::workers::wiki
+
 namespace tolbarrow::testing {
 
 using namespace tolbarrow::workers::wiki;
@@ -37,8 +44,9 @@ class FakeHost {
   std::shared_ptr<spdlog::logger> logger;
   std::vector<std::string> log_lines;  // what the logger received, as "level: text"
 
-  // What the host was asked, in order: "acquire", "release", "write <path>", "anchor_symbol ..."
+  // What the host was asked, in order: "lock <dir>", "acquire", "release", "write <file name>"
   std::vector<std::string> calls;
+  std::vector<std::string> anchor_calls;  // "first-last" of each anchor_symbol call
   int pattern_searches = 0;
 
  private:

@@ -1,1 +1,133 @@
 #include <gtest/gtest.h>
+
+#include "fake_host.h"
+
+namespace tolbarrow::testing {
+namespace {
+
+Record anchored_at(Line start, Line end, const char* symbol, const char* name, Line old_start,
+                   Line old_end) {
+  return {{"path", "src/a.py"},   {"line_start", start},  {"line_end", end},
+          {"symbol", symbol},     {"name", name},         {"symbol_start", old_start},
+          {"symbol_end", old_end}};
+}
+
+class RefreshPage : public ::testing::Test {
+ protected:
+  RefreshPage() {
+    repo.files = {"src/a.py", "src/b.py"};
+    repo.symbols["src/a.py"] = {sym("a.f", 18, 30), sym("a.gg", 40, 50)};
+    repo.symbols["src/b.py"] = {sym("b.tiny", 20, 30)};
+    host.line_counts["src/b.py"] = 5;
+  }
+  cr::detail::PageRefresh run(const std::string& text, const std::vector<Record>& stored) {
+    return cr::detail::refresh_page(module, Text(text), stored, files);
+  }
+
+  FakeHost host;
+  FakeRepository repo;
+  cr::Module module = host.load();
+  cr::detail::Files files{module, repo, "/repo"};
+};
+
+TEST_F(RefreshPage, MovesAnchorsAndLosesInTextOrder) {
+  const std::string text =
+      "Intro. `f` does it " + cite("src/a.py", 10, 12) + ". Again " + cite("src/a.py", 10, 12) +
+      ". No line " + cite("src/a.py", 0, 3) + ". Unindexed " + cite("gone.py", 1, 2) +
+      cite("gone.py", 1, 2) + ". Gone " + cite("src/a.py", 60, 61) + ". Legacy `gg` " +
+      cite("src/a.py", 5, 6) + ". Unstored `gg` " + cite("src/a.py", 7, 8) + ". Too far `tiny` " +
+      cite("src/b.py", 1, 2) + ".";
+  const std::vector<Record> stored = {
+      anchored_at(10, 12, "a.f", "f", 8, 20),
+      anchored_at(60, 61, "a.h", "", 60, 70),
+      {{"path", "src/a.py"}, {"line_start", 5}, {"line_end", 6}, {"note", "kept"}},
+      anchored_at(90, 91, "a.f", "f", 8, 20),  // not cited: never looked at
+  };
+  const std::vector<Record> before = stored;
+
+  const auto page = run(text, stored);
+
+  Moves moves;
+  moves.set({"src/a.py", 10, 12}, {20, 22});
+  moves.set({"src/a.py", 5, 6}, {40, 41});
+  moves.set({"src/a.py", 7, 8}, {40, 41});
+  EXPECT_EQ(page.moves, moves);
+  ASSERT_EQ(page.anchors.size(), 2u);
+  EXPECT_TRUE(cr::records_equal(*page.anchors.find({"src/a.py", 10, 12}),
+                                anchored_at(20, 22, "a.f", "f", 18, 30)));
+  EXPECT_EQ(page.anchors.find({"src/a.py", 5, 6})->dump(),
+            R"({"path":"src/a.py","line_start":40,"line_end":41,"note":"kept","symbol":"a.gg","name":"gg","symbol_start":40,"symbol_end":50})");
+  EXPECT_EQ(page.lost, (std::vector<cr::LostPair>{{{"src/a.py", 60, 61}, "a.h"},
+                                                   {{"src/b.py", 1, 2}, "tiny"}}));
+  EXPECT_EQ(stored, before);
+
+  // One symbol query per path; a file query per distinct citation, and per repeat of one that
+  // was not indexed.
+  EXPECT_EQ(repo.symbol_queries, (std::map<std::string, int>{{"src/a.py", 1}, {"src/b.py", 1}}));
+  EXPECT_EQ(repo.file_queries,
+            (std::map<std::string, int>{{"gone.py", 2}, {"src/a.py", 4}, {"src/b.py", 1}}));
+
+  // Run again over what the first run produced: nothing left to do but the lost citations.
+  const std::string rewritten = module.verify().rewrite_citations(Text(text), page.moves);
+  const auto again = run(rewritten, cr::detail::apply(stored, page));
+  EXPECT_TRUE(again.moves.empty());
+  EXPECT_TRUE(again.anchors.empty());
+  EXPECT_EQ(again.lost, page.lost);
+  EXPECT_EQ(repo.symbol_queries["src/a.py"], 1);
+}
+
+TEST_F(RefreshPage, LegacyCitationWithoutAnchorStillMoves) {
+  host.line_counts["src/a.py"] = 11;  // the fitted range is cut at the file's end
+  const auto page = run("Nothing named " + cite("src/a.py", 9, 14), {});
+  Moves moves;
+  moves.set({"src/a.py", 9, 14}, {9, 11});
+  EXPECT_EQ(page, cr::detail::PageRefresh(moves, {}, {}));
+  EXPECT_EQ(host.anchor_calls, std::vector<std::string>{"9-14"});
+}
+
+TEST_F(RefreshPage, BadStoredLinesFailBeforeAnyCitation) {
+  EXPECT_THROW(run(cite("src/a.py", 1, 2), {{{"path", "x"}, {"line_start", nullptr}}}),
+               cr::RecordTypeError);
+  EXPECT_TRUE(repo.file_queries.empty());
+}
+
+TEST(Files, AsksTheIndexOncePerPathAndStoresNothingOnFailure) {
+  struct Flaky : FakeRepository {
+    int failures = 1;
+    Symbols get_symbols_by_path(const std::string& path) override {
+      if (failures-- > 0) throw std::runtime_error("index down");
+      return FakeRepository::get_symbols_by_path(path);
+    }
+  } repo;
+  FakeHost host;
+  const cr::Module module = host.load();
+  cr::detail::Files files(module, repo, "/repo");
+  EXPECT_THROW(files.symbols("a"), std::runtime_error);
+  const Symbols& first = files.symbols("a");
+  EXPECT_EQ(&files.symbols("a"), &first);
+  EXPECT_TRUE(files.symbols("./a").empty());
+  EXPECT_EQ(repo.symbol_queries, (std::map<std::string, int>{{"./a", 1}, {"a", 1}}));
+  EXPECT_FALSE(files.indexed("a"));
+  EXPECT_FALSE(files.indexed("a"));
+  EXPECT_EQ(repo.file_queries["a"], 2);
+}
+
+TEST(Apply, ReplacesEveryRecordOfAnAnchoredKeyAndKeepsTheRest) {
+  const std::vector<Record> citations = {
+      {{"path", "a"}, {"line_start", 1}, {"line_end", 2}},
+      {{"path", "b"}, {"line_start", 3}, {"line_end", 4}},
+      {{"path", "a"}, {"line_start", "1"}, {"line_end", 2.0}},
+  };
+  const std::vector<Record> before = citations;
+  KeyedMap<Record> anchors;
+  anchors.set({"a", 1, 2}, {{"anchored", true}});
+  Moves moves;
+  moves.set({"b", 3, 4}, {5, 6});  // moves alone change no record
+  const auto out = cr::detail::apply(citations, cr::detail::PageRefresh(moves, anchors, {}));
+  EXPECT_EQ(out, (std::vector<Record>{{{"anchored", true}}, citations[1], {{"anchored", true}}}));
+  EXPECT_EQ(citations, before);
+  EXPECT_TRUE(cr::detail::apply({}, cr::detail::PageRefresh({}, {}, {})).empty());
+}
+
+}  // namespace
+}  // namespace tolbarrow::testing

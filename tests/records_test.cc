@@ -1,1 +1,77 @@
 #include <gtest/gtest.h>
+
+#include "fake_host.h"
+
+namespace tolbarrow::testing {
+namespace {
+
+TEST(ToLine, ConvertsWhatALineMayBeStoredAs) {
+  const std::pair<Record, Line> cases[] = {
+      {Record(12), 12},
+      {Record(-3), -3},
+      {Record(12.9), 12},
+      {Record(-12.9), -12},
+      {Record(true), 1},
+      {Record(false), 0},
+      {Record("12"), 12},
+      {Record("  -7\n"), -7},
+      {Record("+5"), 5},
+      {Record(9223372036854775807LL), 9223372036854775807LL},
+  };
+  for (const auto& [value, line] : cases) EXPECT_EQ(cr::to_line(value, "line_start"), line) << value;
+}
+
+TEST(ToLine, RejectsNonNumbersAndAbsurdValuesWithClearErrors) {
+  const Record type_errors[] = {Record(nullptr), Record::object(), Record::array()};
+  for (const auto& value : type_errors) {
+    EXPECT_THROW(cr::to_line(value, "line_end"), cr::RecordTypeError) << value;
+  }
+  const Record value_errors[] = {
+      Record("12a"), Record(""), Record("1.5"), Record("- 3"), Record("0x10"),
+      Record(1e30), Record(-1e30), Record(9223372036854775808.0),
+      Record(std::numeric_limits<double>::infinity()), Record(std::nan("")),
+      Record(9223372036854775808ULL),  // 2^63
+      Record("99999999999999999999"), Record("-99999999999999999999"),
+  };
+  for (const auto& value : value_errors) {
+    try {
+      cr::to_line(value, "line_end");
+      ADD_FAILURE() << "accepted " << value;
+    } catch (const cr::RecordValueError& e) {
+      EXPECT_EQ(std::string(e.what()).rfind("line_end: ", 0), 0u) << e.what();
+    }
+  }
+}
+
+TEST(StoredKey, DefaultsAndConversions) {
+  EXPECT_EQ(cr::stored_key(Record::object()), CitationKey("", 0, 0));
+  EXPECT_EQ(cr::stored_key({{"path", "src/a.py"}, {"line_start", "3"}, {"line_end", 9.0}}),
+            CitationKey("src/a.py", 3, 9));
+  // A path that is not text never equals a real file path.
+  EXPECT_EQ(cr::stored_key({{"path", 5}}).path, "5");
+  EXPECT_THROW(cr::stored_key({{"path", "a"}, {"line_start", nullptr}}), cr::RecordTypeError);
+}
+
+TEST(RecordsEqual, IgnoresKeyOrderAtEveryDepth) {
+  const Record a = {{"x", 1}, {"m", {{"p", 1}, {"q", {1, 2}}}}};
+  const Record b = {{"m", {{"q", {1, 2}}, {"p", 1}}}, {"x", 1.0}};
+  EXPECT_TRUE(cr::records_equal(a, b));
+  EXPECT_FALSE(a == b);  // nlohmann's own == compares in key order
+  EXPECT_FALSE(cr::records_equal(a, {{"x", 1}}));
+  EXPECT_FALSE(cr::records_equal({{"q", {1, 2}}}, {{"q", {2, 1}}}));
+}
+
+TEST(JsonText, OneLineAndIndentedForms) {
+  const Record cache = Record::parse(R"j({"prose": "é (a#L1-L2)", "n": [1, {"k": null}], "e": {}})j");
+  EXPECT_EQ(cr::detail::dump_one_line(cache),
+            R"j({"prose": "é (a#L1-L2)", "n": [1, {"k": null}], "e": {}})j");
+
+  const Record digests = Record::parse(
+      "{\"p\": {\"citations\": [], \"t\": \"\\u0001\\t\\u001f\xe2\x9c\x93\", \"o\": {}}}");
+  EXPECT_EQ(cr::detail::dump_digests(digests),
+            "{\n  \"p\": {\n    \"citations\": [],\n    \"t\": \"\\u0001\\t\\u001f\xe2\x9c\x93\",\n"
+            "    \"o\": {}\n  }\n}");
+}
+
+}  // namespace
+}  // namespace tolbarrow::testing

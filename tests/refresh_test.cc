@@ -1,1 +1,184 @@
 #include <gtest/gtest.h>
+
+#include "fake_host.h"
+
+namespace tolbarrow::testing {
+namespace {
+
+using Calls = std::vector<std::string>;
+
+Record anchored_f(Line start, Line end, Line old_start, Line old_end) {
+  return {{"path", "src/a.py"}, {"line_start", start},         {"line_end", end},
+          {"symbol", "a.f"},    {"name", "f"},                 {"symbol_start", old_start},
+          {"symbol_end", old_end}};
+}
+
+class RefreshCitations : public ::testing::Test {
+ protected:
+  RefreshCitations() {
+    repo.files = {"src/a.py"};
+    repo.symbols["src/a.py"] = {sym("a.f", 18, 30), sym("a.g", 40, 50)};
+  }
+  void add_page(const std::string& id, const std::string& rel_path, const std::string& text,
+                Record citations, Record extra = Record::object()) {
+    Record row = {{"page_id", id}, {"rel_path", rel_path}, {"citations", citations}};
+    row.update(extra);
+    repo.pages.push_back(row);
+    if (!text.empty()) wiki.write(rel_path, text);
+  }
+  cr::CitationRefresh refresh(bool write = true) {
+    return module.refresh_citations(repo, "main", wiki.path(), "/repo", {.write = write});
+  }
+
+  FakeHost host;
+  FakeRepository repo;
+  cr::Module module = host.load();
+  TempDir wiki;
+};
+
+TEST_F(RefreshCitations, OneCitationFollowsItsDeclarationThenNothingMoves) {
+  const std::string text = "`f` is here " + cite("src/a.py", 10, 12) + "\n";
+  add_page("p1", "p1.md", text, {anchored_f(10, 12, 8, 20)},
+           {{"build_cache", {{"prose", "Also " + cite("src/a.py", 10, 12)}, {"n", "é"}}},
+            {"content_hash", "old"}});
+  wiki.write("digests.json",
+             "{\n    \"p1\": {\"citations\": [{\"path\": \"src/a.py\", \"line_start\": \"10\", "
+             "\"line_end\": 12, \"x\": 1}], \"summary\": \"s\"},\n    \"p9\": null\n}\n");
+
+  const auto result = refresh();
+
+  EXPECT_EQ(result, (cr::CitationRefresh{.repaired = 1, .pages_written = 1}));
+  const std::string new_text = "`f` is here " + cite("src/a.py", 20, 22) + "\n";
+  EXPECT_EQ(wiki.read("p1.md"), new_text);
+  ASSERT_EQ(repo.updates.size(), 1u);
+  const PageUpdate& update = repo.updates[0].update;
+  EXPECT_EQ(repo.updates[0].page_id, "p1");
+  EXPECT_EQ(update.citations, std::vector<Record>{anchored_f(20, 22, 18, 30)});
+  EXPECT_EQ(std::any_cast<std::string>(update.content_hash),
+            std::any_cast<std::string>(host.modules().repo_facts->text_hash(new_text)));
+  EXPECT_EQ(update.build_cache, R"j({"prose": "Also (src/a.py#L20-L22)", "n": "é"})j");
+  EXPECT_EQ(update.rewrite("see " + cite("src/a.py", 10, 12)), "see " + cite("src/a.py", 20, 22));
+  EXPECT_EQ(update.moves.size(), 1u);
+  EXPECT_EQ(wiki.read("digests.json"),
+            "{\n  \"p1\": {\n    \"citations\": [\n      {\n        \"path\": \"src/a.py\",\n"
+            "        \"line_start\": 20,\n        \"line_end\": 22,\n        \"x\": 1\n      }\n"
+            "    ],\n    \"summary\": \"s\"\n  },\n  \"p9\": null\n}");
+  EXPECT_EQ(host.calls, (Calls{"write p1.md", "write digests.json"}));
+
+  // The store kept what it was given: a second refresh finds everything in place.
+  EXPECT_EQ(refresh(), cr::CitationRefresh());
+  EXPECT_EQ(host.calls.size(), 2u);
+  EXPECT_EQ(repo.updates.size(), 1u);
+}
+
+TEST_F(RefreshCitations, ReportOnlyFindsWhatWritingFindsAndWritesNothing) {
+  add_page("moves", "moves.md", "`f` " + cite("src/a.py", 10, 12) + " gone " +
+               cite("src/a.py", 60, 60), {anchored_f(10, 12, 8, 20), {{"path", "src/a.py"}, {"line_start", 60}, {"line_end", 60}, {"symbol", "a.h"}, {"name", "h"}}});
+  // Only gains an anchor: a legacy stored citation whose lines stay.
+  add_page("anchors", "sub/anchors.md", "`g` " + cite("src/a.py", 41, 42),
+           {{{"path", "src/a.py"}, {"line_start", 41}, {"line_end", 42}}},
+           {{"content_hash", "kept"}});
+  add_page("no-file", "missing.md", "", Record::array());
+  add_page("dir", "sub", "", Record::array());
+  repo.pages.push_back({{"page_id", "no-path"}, {"rel_path", nullptr}});
+  const std::vector<Record> pages_before = repo.pages;
+
+  const auto report = refresh(false);
+  EXPECT_EQ(report.repaired, 0);
+  EXPECT_EQ(report.pages_written, 0);
+  EXPECT_EQ(report.moved, (nlohmann::ordered_map<std::string, std::int64_t>{{"moves", 1}}));
+  EXPECT_EQ(report.lost, (std::vector<Record>{{{"page_id", "moves"}, {"path", "src/a.py"},
+                                                {"lines", "L60-L60"}, {"name", "h"}}}));
+  EXPECT_TRUE(host.calls.empty());
+  EXPECT_TRUE(repo.updates.empty());
+  EXPECT_EQ(repo.pages, pages_before);
+
+  const auto written = refresh();
+  EXPECT_EQ(written.lost, report.lost);
+  EXPECT_EQ(written.unrepairable, report.unrepairable);
+  EXPECT_TRUE(written.moved.empty());
+  EXPECT_EQ(written.repaired, 1);
+  // The anchors-only page: record stored with its own hash, file untouched, digests created
+  // for the page with moves only (and holding nothing, as there was no digest file).
+  ASSERT_EQ(repo.updates.size(), 2u);
+  EXPECT_EQ(std::any_cast<Record>(repo.updates[1].update.content_hash), "kept");
+  EXPECT_TRUE(repo.updates[1].update.moves.empty());
+  EXPECT_FALSE(repo.updates[1].update.build_cache.has_value());
+  EXPECT_EQ(host.calls, (Calls{"write moves.md", "write digests.json"}));
+  EXPECT_EQ(wiki.read("digests.json"), "{}");
+}
+
+TEST_F(RefreshCitations, CrLfPagesAreReadAndWrittenWithLineFeeds) {
+  add_page("p", "p.md", "a\r\n`f` " + cite("src/a.py", 10, 12) + "\rb\r\n", {anchored_f(10, 12, 8, 20)});
+  refresh();
+  const std::string expected = "a\n`f` " + cite("src/a.py", 20, 22) + "\nb\n";
+  EXPECT_EQ(wiki.read("p.md"), expected);
+  EXPECT_EQ(std::any_cast<std::string>(repo.updates[0].update.content_hash),
+            std::any_cast<std::string>(host.modules().repo_facts->text_hash(expected)));
+}
+
+TEST_F(RefreshCitations, AnErrorKeepsWhatWasWrittenAndSkipsTheDigestFile) {
+  add_page("first", "first.md", "`f` " + cite("src/a.py", 10, 12), {anchored_f(10, 12, 8, 20)});
+  add_page("second", "second.md", "`f` " + cite("src/a.py", 10, 12), {anchored_f(10, 12, 8, 20)});
+  repo.fail_update = "second";
+  EXPECT_THROW(refresh(), std::runtime_error);
+  EXPECT_EQ(host.calls, (Calls{"write first.md", "write second.md"}));
+  EXPECT_EQ(repo.updates.size(), 1u);
+  EXPECT_FALSE(std::filesystem::exists(wiki.path() / "digests.json"));
+}
+
+TEST_F(RefreshCitations, APageThatIsNotUtf8IsAnErrorNamingIt) {
+  add_page("bad", "bad.md", "caf\xE9 " + cite("src/a.py", 10, 12), Record::array());
+  try {
+    refresh(false);
+    FAIL() << "no error";
+  } catch (const InvalidUtf8& e) {
+    EXPECT_NE(std::string(e.what()).find("bad.md"), std::string::npos) << e.what();
+    EXPECT_EQ(e.offset(), 3u);
+  }
+}
+
+TEST(ReadDigests, AnythingButAJsonObjectIsAnEmptyMap) {
+  TempDir dir;
+  const std::pair<std::string, std::string> cases[] = {
+      {"[1]", "{}"}, {"\"text\"", "{}"}, {"3", "{}"}, {"{nope", "{}"},
+      {"\xEF\xBB\xBF{\"a\": 1}", "{}"}, {"{\"a\": \"\xFF\"}", "{}"},
+      {"{\"b\": 1, \"a\": 2}", R"({"b":1,"a":2})"},
+  };
+  for (const auto& [content, expected] : cases) {
+    dir.write("digests.json", content);
+    EXPECT_EQ(cr::detail::read_digests(dir.path() / "digests.json").dump(), expected) << content;
+  }
+  EXPECT_EQ(cr::detail::read_digests(dir.path() / "absent.json"), Record::object());
+  EXPECT_EQ(cr::detail::read_digests(dir.path()), Record::object());  // a directory
+}
+
+TEST(MoveDigestCitations, MovesMatchingCitationsOnly) {
+  Moves moves;
+  moves.set({"a", 12, 14}, {20, 22});
+  moves.set({"", 0, 0}, {1, 1});
+  Record digest = Record::parse(R"({"citations": [
+      {"path": "a", "line_start": "12", "line_end": 14, "k": 1},
+      {"path": "a", "line_start": 12, "line_end": 14},
+      {"path": "a", "line_start": 1, "line_end": 2},
+      {}], "other": "o"})");
+  cr::detail::move_digest_citations(&digest, moves);
+  EXPECT_EQ(digest.dump(), R"({"citations":[{"path":"a","line_start":20,"line_end":22,"k":1},)"
+                           R"({"path":"a","line_start":20,"line_end":22},)"
+                           R"({"path":"a","line_start":1,"line_end":2},)"
+                           R"({"line_start":1,"line_end":1}],"other":"o"})");
+  for (const char* ignored : {"null", "[1]", "{\"citations\": []}", "{\"citations\": false}"}) {
+    Record value = Record::parse(ignored);
+    cr::detail::move_digest_citations(&value, moves);
+    EXPECT_EQ(value, Record::parse(ignored));
+  }
+  cr::detail::move_digest_citations(nullptr, moves);
+  for (const char* bad : {"{\"citations\": \"ab\"}", "{\"citations\": [1]}",
+                          "{\"citations\": [{\"line_start\": \"x\"}]}"}) {
+    Record value = Record::parse(bad);
+    EXPECT_THROW(cr::detail::move_digest_citations(&value, moves), std::invalid_argument) << bad;
+  }
+}
+
+}  // namespace
+}  // namespace tolbarrow::testing

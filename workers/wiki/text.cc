@@ -83,7 +83,8 @@ Text::Text(std::string utf8, std::string_view what) : utf8_(std::move(utf8)) {
 }
 
 std::size_t Text::byte_at(std::size_t point) const {
-  if (ascii() || point >= length_) return std::min(point, utf8_.size());
+  if (point >= length_) return utf8_.size();
+  if (ascii()) return point;
   std::size_t byte = index_[point / kIndexStep];
   const auto* p = reinterpret_cast<const unsigned char*>(utf8_.data());
   for (std::size_t k = point % kIndexStep; k > 0; --k) byte += sequence_length(p[byte]);

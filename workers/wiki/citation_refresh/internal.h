@@ -21,6 +21,7 @@ inline bool truthy(const Record& v) {
     case Record::value_t::number_float:
       return v.get<double>() != 0.0;
     case Record::value_t::string:
+      return !v.get_ref<const std::string&>().empty();  // nlohmann's empty() is for containers
     case Record::value_t::array:
     case Record::value_t::object:
       return !v.empty();
