@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs the build dependencies from Debian's archive, builds everything into build/, and runs a
+# small example: a wiki page whose cited function moved, refreshed through the Python extension.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo=sudo; fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends \
+  cmake g++ make pkg-config \
+  libpcre2-dev nlohmann-json3-dev libspdlog-dev \
+  libgtest-dev libgmock-dev libbenchmark-dev \
+  pybind11-dev python3-dev python3-pytest >/dev/null
+
+cmake -S . -B build -DTOLBARROW_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3
+cmake --build build -j"$(nproc)"
+
+if [ -x examples/road_of_one_citation.sh ]; then
+  examples/road_of_one_citation.sh build
+fi

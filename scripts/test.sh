@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Builds and runs every test: the C++ tests and the Python extension's tests, then the C++ tests
+# again under AddressSanitizer and UndefinedBehaviorSanitizer (build-asan/).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs="$(nproc)"
+
+cmake -S . -B build -DTOLBARROW_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3 >/dev/null
+cmake --build build -j"$jobs"
+ctest --test-dir build --output-on-failure -j"$jobs"
+
+cmake -S . -B build-asan -DTOLBARROW_SANITIZE=ON -DTOLBARROW_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug \
+  -DPython_EXECUTABLE=/usr/bin/python3 >/dev/null
+cmake --build build-asan -j"$jobs"
+ctest --test-dir build-asan --output-on-failure -j"$jobs"
