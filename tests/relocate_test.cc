@@ -16,6 +16,8 @@ struct RelocateCase {
   LineRange expected;
 };
 
+void PrintTo(const RelocateCase& c, std::ostream* out) { *out << c.what; }
+
 class RelocatedRange : public ::testing::TestWithParam<RelocateCase> {};
 
 TEST_P(RelocatedRange, MovesWithTheDeclaration) {
