@@ -83,7 +83,9 @@ class FakePattern : public CitationPattern {
 class FakeLock : public lock::WriteLockMixin {
  public:
   FakeLock(FakeHost& host, lock::WriteLockState state) : host_(host), state_(std::move(state)) {
-    host_.calls.push_back("lock " + state_.wiki_dir.string());
+    host_.calls.push_back("lock " + state_.wiki_dir.string() +
+                          (state_.held_lock_nonce ? " held" : "") +
+                          (state_.lock_refreshed_at != 0.0 ? " refreshed" : ""));
   }
   void acquire_write_lock() override {
     host_.calls.push_back("acquire");
