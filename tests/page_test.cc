@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "fake_host.h"
+#include "testing/fake_host.h"
 
 namespace tolbarrow::testing {
 namespace {

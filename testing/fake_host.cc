@@ -1,4 +1,4 @@
-#include "fake_host.h"
+#include "testing/fake_host.h"
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>

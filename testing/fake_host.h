@@ -1,4 +1,4 @@
-// In-memory host for tests: every host service of workers/wiki/, recording what it is asked.
+// In-memory host: every host service of workers/wiki/, recording what it is asked.
 // Page citations are written "(path#Lfirst-Llast)".
 #pragma once
 
