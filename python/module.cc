@@ -1,8 +1,6 @@
 // The Python module tolbarrow.workers.wiki.citation_refresh: binds the host's services from the
 // sibling modules of its package, loads the core once, and presents the core's operations, records
 // and constants under their Python names.
-#include <pybind11/stl.h>
-
 #include "bridge.h"
 
 namespace tolbarrow::workers::wiki::pybridge {
@@ -255,13 +253,16 @@ void define(py::module_ m) {
 
   m.def(
       "relocated_range",
-      [bridge](py::object citation, py::object symbol) {
+      [](py::object citation, py::object symbol) {
         const Record record = to_record(citation, "citation record");
-        const SymbolPtr declaration = to_symbol(*bridge->host, symbol);
+        // Only the declaration's lines take part; its other fields are not read.
+        Symbol declaration;
+        declaration.start_line = to_line(symbol.attr("start_line"), "Symbol.start_line");
+        declaration.end_line = to_line(symbol.attr("end_line"), "Symbol.end_line");
         LineRange range;
         {
           py::gil_scoped_release nogil;
-          range = cr::relocated_range(record, *declaration);
+          range = cr::relocated_range(record, declaration);
         }
         return range_object(range);
       },

@@ -17,6 +17,5 @@ $sudo apt-get install -y -qq --no-install-recommends \
 cmake -S . -B build -DTOLBARROW_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3
 cmake --build build -j"$(nproc)"
 
-if [ -x examples/road_of_one_citation.sh ]; then
-  examples/road_of_one_citation.sh build
-fi
+PYTHONPATH=build/python:tests/python/host PYTHONDONTWRITEBYTECODE=1 \
+  /usr/bin/python3 examples/road_of_one_citation.py

@@ -1,12 +1,12 @@
-"""What the test host's services were asked, in order, and the errors they are told to raise."""
+"""What the test host's services were asked, in order, and the errors they are told to raise once."""
 
 CALLS = []  # (service, args)
-FAIL = {}  # service -> exception to raise when it is called
+FAIL = {}  # service -> exception to raise the next time it is called
 
 
 def enter(service, *args):
     CALLS.append((service, args))
-    error = FAIL.get(service)
+    error = FAIL.pop(service, None)
     if error is not None:
         raise error
 
