@@ -10,6 +10,9 @@
 
 namespace tolbarrow::workers::wiki::citation_ranges {
 
+// Every service may raise; the module catches nothing of them, so the error reaches the caller of
+// the refresh unchanged. Services are called on the caller's thread, one at a time.
+
 // A `LineCounts` object: called with a path relative to the repository root, it gives that file's
 // line count in the form `fit_range` takes it (a Line for C++ hosts; what it is for a missing
 // file is the host's choice).

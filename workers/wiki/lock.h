@@ -31,6 +31,8 @@ class WriteLockMixin {
 // Makes a writer object from its first state. Making it takes no lock and touches no file.
 using WriteLockFactory = std::function<std::unique_ptr<WriteLockMixin>(WriteLockState)>;
 
+// `acquire_write_lock` raising WikiBusy is the one host error the module catches (to fall back to
+// a report-only refresh); every other error of the lock reaches the caller unchanged.
 struct Module {
   WriteLockFactory WriteLockMixin;
 };

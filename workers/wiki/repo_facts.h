@@ -9,6 +9,9 @@
 
 namespace tolbarrow::workers::wiki::repo_facts {
 
+// Every service may raise; the module catches nothing of them, so the error reaches the caller of
+// the refresh unchanged. Services are called on the caller's thread, one at a time.
+
 struct Module {
   // `_atomic_write(path, content)`: replaces the file's content as one step, so that a reader sees
   // the old content or the new, never a mix. `content` is UTF-8.

@@ -152,6 +152,7 @@ namespace types {
 
 // The host module `types`. `CitationKey` and `_WikiBusy` are the C++ types above; the module binds
 // the two services below.
+// Both services may raise; the error reaches the caller of the refresh unchanged.
 struct Module {
   // `_CITATION_RE`: the citation pattern of page text.
   std::shared_ptr<const CitationPattern> CITATION_RE;

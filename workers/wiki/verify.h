@@ -13,6 +13,9 @@
 
 namespace tolbarrow::workers::wiki::verify {
 
+// Every service may raise; the module catches nothing of them, so the error reaches the caller of
+// the refresh unchanged. Services are called on the caller's thread, one at a time.
+
 struct Module {
   // `_SKIP_IDENT_EXTS`: file-name endings; a backticked token whose lower-case form ends with one
   // of them is a file name, not an identifier.

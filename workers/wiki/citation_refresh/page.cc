@@ -53,10 +53,11 @@ PageRefresh refresh_page(const Module& module, const Text& text,
 
     auto found_stored = stored.find(key);
     const Record* stored_record = found_stored == stored.end() ? nullptr : found_stored->second;
-    const Record cite = stored_record != nullptr ? *stored_record
-                                                 : Record{{"path", key.path},
-                                                          {"line_start", key.start},
-                                                          {"line_end", key.end}};
+    Record fresh;
+    if (stored_record == nullptr) {
+      fresh = Record{{"path", key.path}, {"line_start", key.start}, {"line_end", key.end}};
+    }
+    const Record& cite = stored_record != nullptr ? *stored_record : fresh;
     SymbolPtr found;
     LineRange proposed;
     if (const Record* symbol = internal::truthy_member(cite, "symbol")) {
