@@ -215,8 +215,6 @@ class WikiDirLock {
   // passes on after the release; an error of the release is the one that reaches the caller.
   void held(const std::function<void()>& block);
 
-  lock::WriteLockMixin& mixin() const { return *mixin_; }
-
  private:
   std::unique_ptr<lock::WriteLockMixin> mixin_;
 };

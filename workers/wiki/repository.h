@@ -50,7 +50,6 @@ class RecordPageRow : public PageRow {
   std::vector<Record> citations() const override;
   Record build_cache() const override;
   HostValue content_hash() const override;  // the JSON value of `content_hash`
-  const Record& record() const { return row_; }
 
  private:
   Record row_;
