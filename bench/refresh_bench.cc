@@ -2,7 +2,7 @@
 // a citation's work is bounded by the claim window, never by the page's length.
 #include <benchmark/benchmark.h>
 
-#include "testing/fake_host.h"
+#include "hosts/memory/memory_host.h"
 
 namespace tolbarrow::testing {
 namespace {

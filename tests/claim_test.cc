@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "testing/fake_host.h"
+#include "hosts/memory/memory_host.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
-namespace tolbarrow::testing {
+namespace tolbarrow::hosts::memory {
 namespace {
 
 using Names = std::vector<std::string>;
@@ -12,10 +13,10 @@ class ClaimIdentifiers : public ::testing::Test {
   // The identifiers claimed for a citation that follows `before`.
   Names claim(const std::string& before) {
     const Text text(before + cite("a.py", 1, 2) + " tail");
-    return module.claim_identifiers(text, count_points(before));
+    return cr::claim_identifiers(services, text, count_points(before));
   }
-  FakeHost host;
-  cr::Module module = host.load();
+  MemoryHost host;
+  cr::Host services = host.host();
 };
 
 TEST_F(ClaimIdentifiers, ReadsTheLastSentenceOfTheClaim) {
@@ -61,12 +62,12 @@ TEST_F(ClaimIdentifiers, WindowCountsCodePoints) {
   // 300 two-byte characters push it out; the window starts inside them.
   EXPECT_EQ(claim("`first` " + accents + " `second` "), Names{"second"});
   EXPECT_EQ(host.pattern_searches, 2);
-  EXPECT_THROW(module.claim_identifiers(Text("ab"), 3), std::out_of_range);
+  EXPECT_THROW(cr::claim_identifiers(services, Text("ab"), 3), std::out_of_range);
 }
 
 TEST(LegacyAnchor, ChoosesTheNamedDeclaration) {
-  FakeHost host;
-  const cr::Module module = host.load();
+  MemoryHost host;
+  const cr::Host services = host.host();
   const auto load = sym("m.load", 10, 30), beta = sym("m.beta", 12, 20),
              alpha = sym("m.alpha", 10, 30), far_beta = sym("m.beta", 40, 50),
              load_far = sym("m.load", 40, 60), load_short = sym("m.load", 40, 42),
@@ -75,10 +76,10 @@ TEST(LegacyAnchor, ChoosesTheNamedDeclaration) {
              wide2 = sym("m.load", 8, 90), touch_low = sym("m.load", 5, 10),
              mod = sym("m.load", 10, 30, "module");
   struct Case {
-    Symbols symbols;
+    std::vector<Symbol> symbols;
     Line start, end;
     Names names;
-    SymbolPtr symbol;
+    Symbol symbol;
     LineRange range;
   } cases[] = {
       {{load}, 15, 16, {"load"}, load, {15, 16}},
@@ -94,22 +95,23 @@ TEST(LegacyAnchor, ChoosesTheNamedDeclaration) {
       {{wide1, wide2}, 10, 11, {"load"}, wide1, {10, 11}},
   };
   for (const auto& c : cases) {
-    const auto [symbol, range] = cr::detail::legacy_anchor(module, c.symbols, c.start, c.end, c.names);
-    EXPECT_EQ(symbol, c.symbol) << c.start << "-" << c.end;
+    const auto [symbol, range] = cr::detail::legacy_anchor(services, c.symbols, c.start, c.end, c.names);
+    ASSERT_TRUE(symbol >= c.symbols.data() && symbol < c.symbols.data() + c.symbols.size());
+    EXPECT_EQ(*symbol, c.symbol) << c.start << "-" << c.end;
     EXPECT_EQ(range, c.range) << c.start << "-" << c.end;
   }
   EXPECT_TRUE(host.anchor_calls.empty());
 
   // No usable name (none given, none matching, or only an unanchored kind): the host decides.
-  for (const auto& [symbols, names] : std::vector<std::pair<Symbols, Names>>{
+  for (const auto& [symbols, names] : std::vector<std::pair<std::vector<Symbol>, Names>>{
            {{load}, {}}, {{load}, {"other"}}, {{mod}, {"load"}}}) {
     host.anchor_calls.clear();
-    const auto [symbol, range] = cr::detail::legacy_anchor(module, symbols, 15, 16, names);
-    EXPECT_EQ(symbol, symbols[0]->kind == "module" ? mod : load);
+    const auto [symbol, range] = cr::detail::legacy_anchor(services, symbols, 15, 16, names);
+    EXPECT_EQ(symbol, &symbols[0]);
     EXPECT_EQ(range, (LineRange{15, 16}));
     EXPECT_EQ(host.anchor_calls, Names{"15-16"});
   }
 }
 
 }  // namespace
-}  // namespace tolbarrow::testing
+}  // namespace tolbarrow::hosts::memory

@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
-#include "testing/fake_host.h"
+#include "hosts/memory/memory_host.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
-namespace tolbarrow::testing {
+namespace tolbarrow::hosts::memory {
 namespace {
 
 using Calls = std::vector<std::string>;
+const Calls kBusyLog = {"info: wiki citation refresh: the wiki is being written; reporting only"};
 
 class GuardedRefresh : public ::testing::Test {
  protected:
@@ -18,31 +20,39 @@ class GuardedRefresh : public ::testing::Test {
                            {{{"path", "src/a.py"}, {"line_start", 10}, {"line_end", 12},
                              {"symbol", "a.f"}, {"name", "f"}, {"symbol_start", 8},
                              {"symbol_end", 20}}}}});
-    wiki.write("p.md", "`f` " + cite("src/a.py", 10, 12));
+    host.file_system.files["/wiki/p.md"] = "`f` " + cite("src/a.py", 10, 12);
   }
   cr::CitationRefresh run() {
-    return module.refresh_citations_if_free(repo, "main", wiki.path(), "/repo");
+    return cr::refresh_citations_if_free(host.host(), repo, "main", "/wiki", "/repo");
   }
 
-  FakeHost host;
-  FakeRepository repo;
-  cr::Module module = host.load();
-  TempDir wiki;
+  MemoryHost host;
+  MemoryRepository repo;
 };
 
 TEST_F(GuardedRefresh, WritesUnderTheLockWhenItIsFree) {
   EXPECT_EQ(run(), (cr::CitationRefresh{.repaired = 1, .pages_written = 1}));
-  EXPECT_EQ(host.calls, (Calls{"lock " + wiki.path().string(), "acquire", "write p.md",
-                               "write digests.json", "release"}));
+  EXPECT_EQ(host.calls, (Calls{"lock /wiki", "acquire", "read p.md", "write p.md",
+                               "read digests.json", "write digests.json", "release"}));
   EXPECT_TRUE(host.log_lines.empty());
 }
 
 TEST_F(GuardedRefresh, OnlyReportsWhileAnotherWriterHoldsTheLock) {
   host.busy = true;
   EXPECT_EQ(run(), (cr::CitationRefresh{.moved = {{"p", 1}}}));
-  EXPECT_EQ(host.calls, (Calls{"lock " + wiki.path().string(), "acquire"}));
-  EXPECT_EQ(host.log_lines,
-            Calls{"info: wiki citation refresh: the wiki is being written; reporting only"});
+  EXPECT_EQ(host.calls, (Calls{"lock /wiki", "acquire", "read p.md"}));
+  EXPECT_EQ(host.log_lines, kBusyLog);
+}
+
+// The wiki generator may find the wiki taken only once the refresh is under way.
+TEST_F(GuardedRefresh, BusyInsideTheLockedRefreshReleasesAndOnlyReports) {
+  int busy = 1;
+  repo.fault = [&](const std::string& service) {
+    if (service == "get_wiki_pages" && busy-- > 0) throw WikiBusy("generator started");
+  };
+  EXPECT_EQ(run(), (cr::CitationRefresh{.moved = {{"p", 1}}}));
+  EXPECT_EQ(host.calls, (Calls{"lock /wiki", "acquire", "release", "read p.md"}));
+  EXPECT_EQ(host.log_lines, kBusyLog);
 }
 
 TEST_F(GuardedRefresh, ReleasesOnceAndPassesOnTheRefreshError) {
@@ -54,10 +64,9 @@ TEST_F(GuardedRefresh, ReleasesOnceAndPassesOnTheRefreshError) {
 }
 
 TEST(WikiDirLock, ReleaseErrorReachesTheCallerAfterOneRelease) {
-  FakeHost host;
-  const cr::Module module = host.load();
+  MemoryHost host;
   host.release_fails = true;
-  cr::detail::WikiDirLock lock(module, "/wiki");
+  cr::detail::WikiDirLock lock(host.host(), "/wiki");
   try {
     lock.held([] { throw std::logic_error("block failed"); });
     FAIL();
@@ -67,29 +76,12 @@ TEST(WikiDirLock, ReleaseErrorReachesTheCallerAfterOneRelease) {
   EXPECT_EQ(host.calls, (Calls{"lock /wiki", "acquire", "release"}));
 }
 
-TEST(ModuleLoad, NamesTheFirstHostServiceItCannotBind) {
-  FakeHost host;
-  const std::vector<std::pair<std::function<void(cr::HostModules&)>, std::string>> cases = {
-      {[](auto& m) { m.citation_ranges.reset(); }, "citation_ranges"},
-      {[](auto& m) { m.lock->WriteLockMixin = nullptr; }, "lock.WriteLockMixin"},
-      {[](auto& m) { m.repo_facts->text_hash = nullptr; m.verify.reset(); }, "repo_facts._text_hash"},
-      {[](auto& m) { m.types->CITATION_RE = nullptr; }, "types._CITATION_RE"},
-      {[](auto& m) { m.verify->UNANCHORED_KINDS.reset(); }, "verify._UNANCHORED_KINDS"},
-      {[](auto& m) { m.verify->rewrite_citations = nullptr; }, "verify.rewrite_citations"},
-  };
-  for (const auto& [remove, name] : cases) {
-    cr::HostModules modules = host.modules();
-    remove(modules);
-    try {
-      cr::Module::load(modules, host.logger);
-      ADD_FAILURE() << "loaded without " << name;
-    } catch (const cr::HostBindingError& e) {
-      EXPECT_EQ(e.name(), name);
-      EXPECT_NE(std::string(e.what()).find(name), std::string::npos);
-    }
-  }
-  EXPECT_TRUE(host.calls.empty());  // start-up calls no host service
+TEST(WikiDirLock, AHostThatOpensNoLockIsAnErrorNotACrash) {
+  struct NoLock : MemoryHost {
+    std::unique_ptr<WriteLock> open(const fs::path&) override { return nullptr; }
+  } host;
+  EXPECT_THROW(cr::detail::WikiDirLock(host.host(), "/wiki"), std::logic_error);
 }
 
 }  // namespace
-}  // namespace tolbarrow::testing
+}  // namespace tolbarrow::hosts::memory

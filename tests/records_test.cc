@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "testing/fake_host.h"
+#include "hosts/memory/memory_host.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
-namespace tolbarrow::testing {
+namespace tolbarrow::hosts::memory {
 namespace {
 
 TEST(ToLine, ConvertsWhatALineMayBeStoredAs) {
@@ -16,18 +17,23 @@ TEST(ToLine, ConvertsWhatALineMayBeStoredAs) {
       {Record("12"), 12},
       {Record("  -7\n"), -7},
       {Record("+5"), 5},
+      // Any Unicode white space around the digits: no-break, em and ideographic spaces.
+      {Record("12\u3000"), 12},
+      {Record("\u00a012"), 12},
+      {Record("\u2003 12 \u2029"), 12},
       {Record(9223372036854775807LL), 9223372036854775807LL},
   };
-  for (const auto& [value, line] : cases) EXPECT_EQ(cr::to_line(value, "line_start"), line) << value;
+  for (const auto& [value, line] : cases) EXPECT_EQ(cr::detail::to_line(value, "line_start"), line) << value;
 }
 
 TEST(ToLine, RejectsNonNumbersAndAbsurdValuesWithClearErrors) {
   const Record type_errors[] = {Record(nullptr), Record::object(), Record::array()};
   for (const auto& value : type_errors) {
-    EXPECT_THROW(cr::to_line(value, "line_end"), cr::RecordTypeError) << value;
+    EXPECT_THROW(cr::detail::to_line(value, "line_end"), cr::RecordTypeError) << value;
   }
   const Record value_errors[] = {
-      Record("12a"), Record(""), Record("1.5"), Record("- 3"), Record("0x10"),
+      Record("12a"), Record(""), Record("1.5"), Record("- 3"), Record("0x10"), Record("1\u30002"),
+      Record("\u3000"), Record("\xff1"),
       Record(1e30), Record(-1e30), Record(9223372036854775808.0),
       Record(std::numeric_limits<double>::infinity()), Record(std::nan("")),
       Record(9223372036854775808ULL),  // 2^63
@@ -35,7 +41,7 @@ TEST(ToLine, RejectsNonNumbersAndAbsurdValuesWithClearErrors) {
   };
   for (const auto& value : value_errors) {
     try {
-      cr::to_line(value, "line_end");
+      cr::detail::to_line(value, "line_end");
       ADD_FAILURE() << "accepted " << value;
     } catch (const cr::RecordValueError& e) {
       EXPECT_EQ(std::string(e.what()).rfind("line_end: ", 0), 0u) << e.what();
@@ -44,12 +50,12 @@ TEST(ToLine, RejectsNonNumbersAndAbsurdValuesWithClearErrors) {
 }
 
 TEST(StoredKey, DefaultsAndConversions) {
-  EXPECT_EQ(cr::stored_key(Record::object()), CitationKey("", 0, 0));
-  EXPECT_EQ(cr::stored_key({{"path", "src/a.py"}, {"line_start", "3"}, {"line_end", 9.0}}),
-            CitationKey("src/a.py", 3, 9));
+  EXPECT_EQ(cr::detail::stored_key(Record::object()), (CitationKey{"", 0, 0}));
+  EXPECT_EQ(cr::detail::stored_key({{"path", "src/a.py"}, {"line_start", "3"}, {"line_end", 9.0}}),
+            (CitationKey{"src/a.py", 3, 9}));
   // A path that is not text never equals a real file path.
-  EXPECT_EQ(cr::stored_key({{"path", 5}}).path, "5");
-  EXPECT_THROW(cr::stored_key({{"path", "a"}, {"line_start", nullptr}}), cr::RecordTypeError);
+  EXPECT_EQ(cr::detail::stored_key({{"path", 5}}).path, "5");
+  EXPECT_THROW(cr::detail::stored_key({{"path", "a"}, {"line_start", nullptr}}), cr::RecordTypeError);
 }
 
 TEST(RecordsEqual, IgnoresKeyOrderAtEveryDepth) {
@@ -74,4 +80,4 @@ TEST(JsonText, OneLineAndIndentedForms) {
 }
 
 }  // namespace
-}  // namespace tolbarrow::testing
+}  // namespace tolbarrow::hosts::memory

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "testing/fake_host.h"
+#include "hosts/memory/memory_host.h"
+#include "tests/temp_dir.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
-namespace tolbarrow::testing {
+namespace tolbarrow::hosts::memory {
 namespace {
 
 using Calls = std::vector<std::string>;
@@ -24,16 +26,23 @@ class RefreshCitations : public ::testing::Test {
     Record row = {{"page_id", id}, {"rel_path", rel_path}, {"citations", citations}};
     row.update(extra);
     repo.pages.push_back(row);
-    if (!text.empty()) wiki.write(rel_path, text);
+    if (!text.empty()) files()[wiki / rel_path] = text;
   }
   cr::CitationRefresh refresh(bool write = true) {
-    return module.refresh_citations(repo, "main", wiki.path(), "/repo", {.write = write});
+    return cr::refresh_citations(host.host(), repo, "main", wiki, "/repo", {.write = write});
+  }
+  std::map<fs::path, std::string>& files() { return host.file_system.files; }
+  std::vector<std::string> writes() const {
+    std::vector<std::string> out;
+    for (const auto& call : host.calls) {
+      if (call.rfind("write ", 0) == 0) out.push_back(call);
+    }
+    return out;
   }
 
-  FakeHost host;
-  FakeRepository repo;
-  cr::Module module = host.load();
-  TempDir wiki;
+  MemoryHost host;
+  MemoryRepository repo;
+  const fs::path wiki = "/wiki";
 };
 
 TEST_F(RefreshCitations, OneCitationFollowsItsDeclarationThenNothingMoves) {
@@ -41,33 +50,32 @@ TEST_F(RefreshCitations, OneCitationFollowsItsDeclarationThenNothingMoves) {
   add_page("p1", "p1.md", text, {anchored_f(10, 12, 8, 20)},
            {{"build_cache", {{"prose", "Also " + cite("src/a.py", 10, 12)}, {"n", "é"}}},
             {"content_hash", "old"}});
-  wiki.write("digests.json",
-             "{\n    \"p1\": {\"citations\": [{\"path\": \"src/a.py\", \"line_start\": \"10\", "
+  files()[wiki / "digests.json"] =
+             ("{\n    \"p1\": {\"citations\": [{\"path\": \"src/a.py\", \"line_start\": \"10\", "
              "\"line_end\": 12, \"x\": 1}], \"summary\": \"s\"},\n    \"p9\": null\n}\n");
 
   const auto result = refresh();
 
   EXPECT_EQ(result, (cr::CitationRefresh{.repaired = 1, .pages_written = 1}));
   const std::string new_text = "`f` is here " + cite("src/a.py", 20, 22) + "\n";
-  EXPECT_EQ(wiki.read("p1.md"), new_text);
+  EXPECT_EQ(files()[wiki / "p1.md"], new_text);
   ASSERT_EQ(repo.updates.size(), 1u);
   const PageUpdate& update = repo.updates[0].update;
   EXPECT_EQ(repo.updates[0].page_id, "p1");
   EXPECT_EQ(update.citations, std::vector<Record>{anchored_f(20, 22, 18, 30)});
-  EXPECT_EQ(std::any_cast<std::string>(update.content_hash),
-            std::any_cast<std::string>(host.modules().repo_facts->text_hash(new_text)));
-  EXPECT_EQ(update.build_cache, R"j({"prose": "Also (src/a.py#L20-L22)", "n": "é"})j");
-  EXPECT_EQ(update.rewrite("see " + cite("src/a.py", 10, 12)), "see " + cite("src/a.py", 20, 22));
+  EXPECT_EQ(update.content_hash, repo.text_hash(new_text));
+  EXPECT_EQ(cr::detail::dump_one_line(*update.build_cache),
+            R"j({"prose": "Also (src/a.py#L20-L22)", "n": "é"})j");
   EXPECT_EQ(update.moves.size(), 1u);
-  EXPECT_EQ(wiki.read("digests.json"),
+  EXPECT_EQ(files()[wiki / "digests.json"],
             "{\n  \"p1\": {\n    \"citations\": [\n      {\n        \"path\": \"src/a.py\",\n"
             "        \"line_start\": 20,\n        \"line_end\": 22,\n        \"x\": 1\n      }\n"
             "    ],\n    \"summary\": \"s\"\n  },\n  \"p9\": null\n}");
-  EXPECT_EQ(host.calls, (Calls{"write p1.md", "write digests.json"}));
+  EXPECT_EQ(writes(), (Calls{"write p1.md", "write digests.json"}));
 
   // The store kept what it was given: a second refresh finds everything in place.
   EXPECT_EQ(refresh(), cr::CitationRefresh());
-  EXPECT_EQ(host.calls.size(), 2u);
+  EXPECT_EQ(writes().size(), 2u);
   EXPECT_EQ(repo.updates.size(), 1u);
 }
 
@@ -80,6 +88,7 @@ TEST_F(RefreshCitations, ReportOnlyFindsWhatWritingFindsAndWritesNothing) {
            {{"content_hash", "kept"}});
   add_page("no-file", "missing.md", "", Record::array());
   add_page("dir", "sub", "", Record::array());
+  host.file_system.directories.insert(wiki / "sub");
   repo.pages.push_back({{"page_id", "no-path"}, {"rel_path", nullptr}});
   const std::vector<Record> pages_before = repo.pages;
 
@@ -89,7 +98,7 @@ TEST_F(RefreshCitations, ReportOnlyFindsWhatWritingFindsAndWritesNothing) {
   EXPECT_EQ(report.moved, (nlohmann::ordered_map<std::string, std::int64_t>{{"moves", 1}}));
   EXPECT_EQ(report.lost, (std::vector<Record>{{{"page_id", "moves"}, {"path", "src/a.py"},
                                                 {"lines", "L60-L60"}, {"name", "h"}}}));
-  EXPECT_TRUE(host.calls.empty());
+  EXPECT_TRUE(writes().empty());
   EXPECT_TRUE(repo.updates.empty());
   EXPECT_EQ(repo.pages, pages_before);
 
@@ -101,20 +110,20 @@ TEST_F(RefreshCitations, ReportOnlyFindsWhatWritingFindsAndWritesNothing) {
   // The anchors-only page: record stored with its own hash, file untouched, digests created
   // for the page with moves only (and holding nothing, as there was no digest file).
   ASSERT_EQ(repo.updates.size(), 2u);
-  EXPECT_EQ(std::any_cast<Record>(repo.updates[1].update.content_hash), "kept");
+  EXPECT_FALSE(repo.updates[1].update.content_hash.has_value());
+  EXPECT_EQ(repo.pages[1]["content_hash"], "kept");
   EXPECT_TRUE(repo.updates[1].update.moves.empty());
   EXPECT_FALSE(repo.updates[1].update.build_cache.has_value());
-  EXPECT_EQ(host.calls, (Calls{"write moves.md", "write digests.json"}));
-  EXPECT_EQ(wiki.read("digests.json"), "{}");
+  EXPECT_EQ(writes(), (Calls{"write moves.md", "write digests.json"}));
+  EXPECT_EQ(files()[wiki / "digests.json"], "{}");
 }
 
 TEST_F(RefreshCitations, CrLfPagesAreReadAndWrittenWithLineFeeds) {
   add_page("p", "p.md", "a\r\n`f` " + cite("src/a.py", 10, 12) + "\rb\r\n", {anchored_f(10, 12, 8, 20)});
   refresh();
   const std::string expected = "a\n`f` " + cite("src/a.py", 20, 22) + "\nb\n";
-  EXPECT_EQ(wiki.read("p.md"), expected);
-  EXPECT_EQ(std::any_cast<std::string>(repo.updates[0].update.content_hash),
-            std::any_cast<std::string>(host.modules().repo_facts->text_hash(expected)));
+  EXPECT_EQ(files()[wiki / "p.md"], expected);
+  EXPECT_EQ(repo.updates[0].update.content_hash, repo.text_hash(expected));
 }
 
 TEST_F(RefreshCitations, AnErrorKeepsWhatWasWrittenAndSkipsTheDigestFile) {
@@ -122,9 +131,35 @@ TEST_F(RefreshCitations, AnErrorKeepsWhatWasWrittenAndSkipsTheDigestFile) {
   add_page("second", "second.md", "`f` " + cite("src/a.py", 10, 12), {anchored_f(10, 12, 8, 20)});
   repo.fail_update = "second";
   EXPECT_THROW(refresh(), std::runtime_error);
-  EXPECT_EQ(host.calls, (Calls{"write first.md", "write second.md"}));
+  EXPECT_EQ(writes(), (Calls{"write first.md", "write second.md"}));
   EXPECT_EQ(repo.updates.size(), 1u);
-  EXPECT_FALSE(std::filesystem::exists(wiki.path() / "digests.json"));
+  EXPECT_FALSE(files().count(wiki / "digests.json"));
+}
+
+TEST_F(RefreshCitations, EveryPagesMovesReachTheDigestReadOnce) {
+  add_page("one", "one.md", "`f` " + cite("src/a.py", 10, 12), {anchored_f(10, 12, 8, 20)});
+  add_page("two", "two.md", "`f` " + cite("src/a.py", 12, 13), {anchored_f(12, 13, 8, 20)});
+  files()[wiki / "digests.json"] =
+      R"({"one": {"citations": [{"path": "src/a.py", "line_start": 10, "line_end": 12}]},)"
+      R"( "two": {"citations": [{"path": "src/a.py", "line_start": 12, "line_end": 13}]}})";
+  refresh();
+  EXPECT_EQ(Record::parse(files()[wiki / "digests.json"]),
+            Record::parse(R"({"one": {"citations": [{"path": "src/a.py", "line_start": 20, "line_end": 22}]},)"
+                          R"( "two": {"citations": [{"path": "src/a.py", "line_start": 22, "line_end": 23}]}})"));
+  EXPECT_EQ(std::count(host.calls.begin(), host.calls.end(), "read digests.json"), 1);
+}
+
+TEST_F(RefreshCitations, AFailedPageWriteLeavesTheDigestAndStoreAlone) {
+  add_page("p", "p.md", "`f` " + cite("src/a.py", 10, 12), {anchored_f(10, 12, 8, 20)});
+  host.file_system.fault = [](const std::string& operation, const fs::path& path) {
+    if (operation == "write" && path.filename() == "p.md") {
+      throw fs::filesystem_error("cannot write", path, std::make_error_code(std::errc::no_space_on_device));
+    }
+  };
+  EXPECT_THROW(refresh(), fs::filesystem_error);
+  EXPECT_EQ(files()[wiki / "p.md"], "`f` " + cite("src/a.py", 10, 12));
+  EXPECT_TRUE(repo.updates.empty());
+  EXPECT_FALSE(files().count(wiki / "digests.json"));
 }
 
 TEST_F(RefreshCitations, APageThatIsNotUtf8IsAnErrorNamingIt) {
@@ -139,7 +174,8 @@ TEST_F(RefreshCitations, APageThatIsNotUtf8IsAnErrorNamingIt) {
 }
 
 TEST(ReadDigests, AnythingButAJsonObjectIsAnEmptyMap) {
-  TempDir dir;
+  testing::TempDir dir;
+  RealFileSystem real;
   const std::pair<std::string, std::string> cases[] = {
       {"[1]", "{}"}, {"\"text\"", "{}"}, {"3", "{}"}, {"{nope", "{}"},
       {"\xEF\xBB\xBF{\"a\": 1}", "{}"}, {"{\"a\": \"\xFF\"}", "{}"},
@@ -147,10 +183,10 @@ TEST(ReadDigests, AnythingButAJsonObjectIsAnEmptyMap) {
   };
   for (const auto& [content, expected] : cases) {
     dir.write("digests.json", content);
-    EXPECT_EQ(cr::detail::read_digests(dir.path() / "digests.json").dump(), expected) << content;
+    EXPECT_EQ(cr::detail::read_digests(real, dir / "digests.json").dump(), expected) << content;
   }
-  EXPECT_EQ(cr::detail::read_digests(dir.path() / "absent.json"), Record::object());
-  EXPECT_EQ(cr::detail::read_digests(dir.path()), Record::object());  // a directory
+  EXPECT_EQ(cr::detail::read_digests(real, dir / "absent.json"), Record::object());
+  EXPECT_EQ(cr::detail::read_digests(real, dir.path()), Record::object());  // a directory
 }
 
 TEST(MoveDigestCitations, MovesMatchingCitationsOnly) {
@@ -181,4 +217,4 @@ TEST(MoveDigestCitations, MovesMatchingCitationsOnly) {
 }
 
 }  // namespace
-}  // namespace tolbarrow::testing
+}  // namespace tolbarrow::hosts::memory

@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "testing/fake_host.h"
+#include "hosts/memory/memory_host.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
-namespace tolbarrow::testing {
+namespace tolbarrow::hosts::memory {
 namespace {
 
 Record anchored_record(Record start, Record end, Record old_start, Record old_end) {
@@ -23,7 +24,7 @@ class RelocatedRange : public ::testing::TestWithParam<RelocateCase> {};
 TEST_P(RelocatedRange, MovesWithTheDeclaration) {
   const RelocateCase& c = GetParam();
   const auto symbol = sym("a.f", c.now_start, c.now_end);
-  EXPECT_EQ(cr::relocated_range(anchored_record(c.start, c.end, c.old_start, c.old_end), *symbol),
+  EXPECT_EQ(cr::relocated_range(anchored_record(c.start, c.end, c.old_start, c.old_end), symbol),
             c.expected)
       << c.what;
 }
@@ -52,27 +53,25 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(RelocatedRangeRecord, ComparesAfterConversionAndFailsOnMissingOrAbsurdValues) {
   const auto symbol = sym("a.f", 30, 45);
-  EXPECT_EQ(cr::relocated_range(anchored_record("10", 20, " 10 ", 20), *symbol), (LineRange{30, 45}));
+  EXPECT_EQ(cr::relocated_range(anchored_record("10", 20, " 10 ", 20), symbol), (LineRange{30, 45}));
 
   Record missing = anchored_record(12, 15, 10, 20);
   missing.erase("symbol_end");
-  EXPECT_THROW(cr::relocated_range(missing, *symbol), MissingKey);
-  EXPECT_THROW(cr::relocated_range(anchored_record(nullptr, 15, 10, 20), *symbol),
+  EXPECT_THROW(cr::relocated_range(missing, symbol), MissingKey);
+  EXPECT_THROW(cr::relocated_range(anchored_record(nullptr, 15, 10, 20), symbol),
                cr::RecordTypeError);
   // A shift that leaves the range of a line is an error, not a wrapped number.
   const auto far = sym("a.f", std::numeric_limits<Line>::max(), std::numeric_limits<Line>::max());
-  EXPECT_THROW(cr::relocated_range(anchored_record(1, 3, -5, -2), *far), cr::RecordValueError);
+  EXPECT_THROW(cr::relocated_range(anchored_record(1, 3, -5, -2), far), cr::RecordValueError);
 }
 
 TEST(FindAgain, ByQualifiedNameThenNameNearestTheOldStart) {
-  const auto far_fqn = sym("m.C.load", 200, 210);
-  const auto near_name = sym("m.D.load", 50, 60);
-  const auto above = sym("m.E.save", 47, 49);
-  const auto below = sym("m.F.save", 53, 55);
-  const Symbols symbols = {far_fqn, near_name, above, below};
+  const std::vector<Symbol> symbols = {sym("m.C.load", 200, 210), sym("m.D.load", 50, 60),
+                                      sym("m.E.save", 47, 49), sym("m.F.save", 53, 55)};
+  const Symbol *far_fqn = &symbols[0], *near_name = &symbols[1], *above = &symbols[2];
   struct Case {
     Record citation;
-    SymbolPtr expected;
+    const Symbol* expected;
   } cases[] = {
       // The qualified match wins however far away it is.
       {{{"symbol", "m.C.load"}, {"name", "load"}, {"symbol_start", 50}}, far_fqn},
@@ -83,6 +82,9 @@ TEST(FindAgain, ByQualifiedNameThenNameNearestTheOldStart) {
       {{{"symbol", "gone"}, {"name", "save"}, {"symbol_start", 50}}, above},
       // No symbol_start measures from line 0; an empty symbol counts as absent.
       {{{"symbol", ""}, {"name", "load"}}, near_name},
+      // false and 0 are names that are there, though no declaration has them.
+      {{{"symbol", false}, {"name", "load"}, {"symbol_start", 190}}, far_fqn},
+      {{{"symbol", 0}, {"name", 0}}, nullptr},
       {{{"name", ""}, {"symbol", ""}}, nullptr},
       {{{"symbol", "nothing"}, {"name", "nothing"}}, nullptr},
   };
@@ -95,4 +97,4 @@ TEST(FindAgain, ByQualifiedNameThenNameNearestTheOldStart) {
 }
 
 }  // namespace
-}  // namespace tolbarrow::testing
+}  // namespace tolbarrow::hosts::memory

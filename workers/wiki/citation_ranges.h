@@ -1,29 +1,35 @@
-// The host module `citation_ranges`: file line counts and fitting a range into a file.
+// File line counts and fitting a citation's range into its file.
 #pragma once
 
 #include <filesystem>
-#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "workers/wiki/types.h"
 
-namespace tolbarrow::workers::wiki::citation_ranges {
+namespace tolbarrow::workers::wiki {
 
-// Every service may raise; the module catches nothing of them, so the error reaches the caller of
-// the refresh unchanged. Services are called on the caller's thread, one at a time.
+// Every call may throw; the error reaches the caller of the refresh unchanged.
 
-// A `LineCounts` object: called with a path relative to the repository root, it gives that file's
-// line count in the form `fit_range` takes it (a Line for C++ hosts; what it is for a missing
-// file is the host's choice).
-using LineCount = std::function<HostValue(const std::string& path)>;
-
-struct Module {
-  // `LineCounts(repo_root)`: made once per refresh.
-  std::function<LineCount(const std::filesystem::path& repo_root)> LineCounts;
-  // `fit_range(first, last, line_count)`: the range fitted into the file, or nullopt when the
-  // citation can no longer be placed there (it is then reported lost).
-  std::function<std::optional<LineRange>(Line, Line, const HostValue&)> fit_range;
+// The line counts of one refresh's cited files.
+class LineCounts {
+ public:
+  virtual ~LineCounts() = default;
+  // The number of lines of `path` (relative to the repository root); what it is for a missing
+  // file is the host's choice, as long as fit_range understands it.
+  virtual Line count(const std::string& path) = 0;
 };
 
-}  // namespace tolbarrow::workers::wiki::citation_ranges
+class CitationRanges {
+ public:
+  virtual ~CitationRanges() = default;
+  // The line counts of files under `repo_root`. Made once per refresh.
+  virtual std::unique_ptr<LineCounts> line_counts(const std::filesystem::path& repo_root) = 0;
+  // The range first..last fitted into a file of `line_count` lines, or nullopt when the citation
+  // can no longer be placed there (it is then reported lost). `line_count` is a count that
+  // LineCounts::count just gave.
+  virtual std::optional<LineRange> fit_range(Line first, Line last, Line line_count) = 0;
+};
+
+}  // namespace tolbarrow::workers::wiki

@@ -1,40 +1,27 @@
-// The host module `lock`: the wiki directory's write lock that every writer of a wiki takes.
+// The wiki directory's write lock that every writer of a wiki takes.
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <memory>
-#include <optional>
-#include <string>
 
-namespace tolbarrow::workers::wiki::lock {
+namespace tolbarrow::workers::wiki {
 
-// The state a writer object gives the host's lock behaviour: the directory whose lock it takes,
-// the record of the lock it holds (none while it holds none) and the time of the held lock's last
-// refresh (0.0 while there has been none). What they hold while the lock is held is the host's.
-struct WriteLockState {
-  std::filesystem::path wiki_dir;
-  std::optional<std::string> held_lock_nonce;
-  double lock_refreshed_at = 0.0;
-};
-
-// A writer object with the host's lock behaviour mixed in (`WriteLockMixin`).
-class WriteLockMixin {
+// One writer's hold on a wiki directory's write lock.
+class WriteLock {
  public:
-  virtual ~WriteLockMixin() = default;
-  // Takes the wiki directory's write lock, or raises WikiBusy when another writer holds it.
-  virtual void acquire_write_lock() = 0;
-  // Gives the lock up.
-  virtual void release_write_lock() = 0;
+  virtual ~WriteLock() = default;
+  // Takes the lock, or throws WikiBusy (types.h) when another writer holds it. Any other error
+  // reaches the caller of the refresh unchanged.
+  virtual void acquire() = 0;
+  // Gives the lock up. Called once after each successful acquire().
+  virtual void release() = 0;
 };
 
-// Makes a writer object from its first state. Making it takes no lock and touches no file.
-using WriteLockFactory = std::function<std::unique_ptr<WriteLockMixin>(WriteLockState)>;
-
-// `acquire_write_lock` raising WikiBusy is the one host error the module catches (to fall back to
-// a report-only refresh); every other error of the lock reaches the caller unchanged.
-struct Module {
-  WriteLockFactory WriteLockMixin;
+class WriteLocks {
+ public:
+  virtual ~WriteLocks() = default;
+  // A writer's lock for `wiki_dir`. Opening takes no lock and touches no file.
+  virtual std::unique_ptr<WriteLock> open(const std::filesystem::path& wiki_dir) = 0;
 };
 
-}  // namespace tolbarrow::workers::wiki::lock
+}  // namespace tolbarrow::workers::wiki

@@ -1,23 +1,36 @@
-// The host module `repo_facts`: replacing a file in one step, and the content hash of a page.
+// The files the refresh reads and writes: page files and the wiki's digest file.
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <string>
+#include <string_view>
 
-#include "workers/wiki/types.h"
+namespace tolbarrow::workers::wiki {
 
-namespace tolbarrow::workers::wiki::repo_facts {
-
-// Every service may raise; the module catches nothing of them, so the error reaches the caller of
-// the refresh unchanged. Services are called on the caller's thread, one at a time.
-
-struct Module {
-  // `_atomic_write(path, content)`: replaces the file's content as one step, so that a reader sees
-  // the old content or the new, never a mix. `content` is UTF-8.
-  std::function<void(const std::filesystem::path&, const std::string&)> atomic_write;
-  // `_text_hash(text)`: a page text's content hash, in the form the store keeps.
-  std::function<HostValue(const std::string&)> text_hash;
+// Errors are std::filesystem::filesystem_error naming the path; the refresh lets them reach its
+// caller (except for the digest file, whose read errors it treats as no digest).
+class FileSystem {
+ public:
+  virtual ~FileSystem() = default;
+  // Whether `path` is an existing regular file (a symbolic link counts by its target). A path
+  // that leads to nothing (missing, not a directory on the way, a link loop, a name too long) is
+  // no file; any other failure to look throws.
+  virtual bool is_file(const std::filesystem::path& path) = 0;
+  // The whole content of the file at `path`, as bytes.
+  virtual std::string read_file(const std::filesystem::path& path) = 0;
+  // Replaces the file's content as one step, so that a reader sees the old content or the new,
+  // never a mix.
+  virtual void atomic_write(const std::filesystem::path& path, std::string_view content) = 0;
 };
 
-}  // namespace tolbarrow::workers::wiki::repo_facts
+// The operating system's file system. atomic_write writes a temporary file in the same
+// directory, flushes it to disk, renames it over the file (keeping the file's mode) and flushes
+// the directory.
+class RealFileSystem : public FileSystem {
+ public:
+  bool is_file(const std::filesystem::path& path) override;
+  std::string read_file(const std::filesystem::path& path) override;
+  void atomic_write(const std::filesystem::path& path, std::string_view content) override;
+};
+
+}  // namespace tolbarrow::workers::wiki

@@ -1,10 +1,13 @@
 #include "workers/wiki/text.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 namespace tolbarrow::workers::wiki {
 namespace {
+
+std::atomic<std::uint64_t> next_id{1};
 
 bool is_continuation(unsigned char c) { return (c & 0xC0) == 0x80; }
 
@@ -65,12 +68,16 @@ std::size_t count_points(std::string_view bytes) {
   return count;
 }
 
-Text::Text(std::string utf8, std::string_view what) : utf8_(std::move(utf8)) {
-  const std::size_t bad = first_invalid_utf8(utf8_);
+void check_utf8(const std::string& bytes, std::string_view what) {
+  const std::size_t bad = first_invalid_utf8(bytes);
   if (bad != std::string_view::npos) {
     throw InvalidUtf8(std::string(what) + ": not valid UTF-8 at byte " + std::to_string(bad), bad,
-                      utf8_);
+                      bytes);
   }
+}
+
+Text::Text(std::string utf8, std::string_view what) : utf8_(std::move(utf8)), id_(next_id++) {
+  check_utf8(utf8_, what);
   const auto* p = reinterpret_cast<const unsigned char*>(utf8_.data());
   std::size_t points = 0;
   for (std::size_t i = 0; i < utf8_.size(); ++i) {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -28,6 +28,9 @@ class InvalidUtf8 : public std::runtime_error {
 // forms, nothing above U+10FFFF), or npos when `bytes` is valid.
 std::size_t first_invalid_utf8(std::string_view bytes);
 
+// Throws InvalidUtf8 naming `what` (a file name, say) when `bytes` is not strict UTF-8.
+void check_utf8(const std::string& bytes, std::string_view what);
+
 // An immutable page text. Offsets that cross the module's boundary count code points; the text
 // keeps a sparse index (one entry per kIndexStep code points) so that converting an offset costs
 // O(kIndexStep), not O(length), and a page with thousands of citations is never rescanned.
@@ -51,19 +54,15 @@ class Text {
   // The bytes of code points [begin, end).
   std::string_view slice(std::size_t begin, std::size_t end) const;
 
-  // A slot in which a host may keep its own form of this text (built on first use), so that a
-  // host called many times with one page converts the page once. Copies share the slot.
-  const std::shared_ptr<const void>& host_form() const { return host_form_->value; }
-  void set_host_form(std::shared_ptr<const void> form) const { host_form_->value = std::move(form); }
+  // A number no other Text made in this process has (copies keep it), so that a host called
+  // many times with one page can keep its own form of the page under it.
+  std::uint64_t id() const { return id_; }
 
  private:
-  struct Slot {
-    std::shared_ptr<const void> value;
-  };
   std::string utf8_;
   std::size_t length_ = 0;
   std::vector<std::size_t> index_;  // byte offset of every kIndexStep-th code point
-  std::shared_ptr<Slot> host_form_ = std::make_shared<Slot>();
+  std::uint64_t id_;
 };
 
 // Number of code points in valid UTF-8 `bytes`.

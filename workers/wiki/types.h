@@ -1,13 +1,10 @@
-// Records and values that cross the boundary between the citation refresh and its host, and the
-// host's `types` module: the citation pattern, citation keys and the busy-wiki error.
+// Values that cross the boundary between the citation refresh and its host: line ranges,
+// citation records, citation keys and the maps keyed by them, and the busy-wiki error.
 #pragma once
 
-#include <any>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
@@ -15,8 +12,6 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
-
-#include "workers/wiki/text.h"
 
 namespace tolbarrow::workers::wiki {
 
@@ -31,34 +26,17 @@ struct LineRange {
 };
 
 // A string-keyed map of JSON values that keeps its key order: citation records, build caches,
-// digests. Note that nlohmann's own == compares objects in key order; records compare with
+// digests. nlohmann's own == compares objects in key order; records compare with
 // records_equal() (citation_refresh.h), for which key order does not count.
 using Record = nlohmann::ordered_json;
 
-// A host value that the module only hands back to the host (a content hash, a line count). C++
-// hosts put plain values in it; the Python host puts its own objects.
-using HostValue = std::any;
-
-// A host object carried through the module unchanged, so that the host gets back the very object
-// it gave (a Symbol's or a CitationKey's own object). Null for values made in C++.
-using HostObject = std::shared_ptr<const void>;
-
 // The identity of a citation within one page: (path, first line, last line). It equals, and
-// hashes like, the stored key of a record with the same path and lines. A key made by the host's
-// `citation_key` carries the host's own key object in `host`, which takes no part in equality.
+// hashes like, the stored key of a record with the same path and lines.
 struct CitationKey {
   std::string path;
   Line start = 0;
   Line end = 0;
-  HostObject host;
-
-  CitationKey() = default;
-  CitationKey(std::string path, Line start, Line end, HostObject host = {})
-      : path(std::move(path)), start(start), end(end), host(std::move(host)) {}
-
-  friend bool operator==(const CitationKey& a, const CitationKey& b) {
-    return a.start == b.start && a.end == b.end && a.path == b.path;
-  }
+  friend bool operator==(const CitationKey&, const CitationKey&) = default;
 };
 
 struct CitationKeyHash {
@@ -87,7 +65,7 @@ class KeyedMap {
     return it == index_.end() ? nullptr : &items_[it->second].second;
   }
   bool contains(const CitationKey& key) const { return index_.count(key) != 0; }
-  // Sets the value under `key`; a new key goes last, an existing key keeps its place (and key).
+  // Sets the value under `key`; a new key goes last, an existing key keeps its place.
   void set(CitationKey key, V value) {
     auto [it, added] = index_.try_emplace(key, items_.size());
     if (added) {
@@ -114,51 +92,23 @@ class KeyedMap {
 // The new line range of each citation whose lines change, keyed by its CitationKey.
 using Moves = KeyedMap<LineRange>;
 
-// One citation found in a page text by `verify.prose_citations`. The module reads only its start
-// offset and hands it back to `types.citation_key`; hosts derive from it to carry their own
-// match.
-class CitationMatch {
- public:
-  virtual ~CitationMatch() = default;
-  // Offset, in code points, of the citation's first character in the page text.
-  virtual std::size_t start() const = 0;
-};
-using CitationMatchPtr = std::shared_ptr<const CitationMatch>;
-
-// One match of the host's citation pattern: the code-point offset just past it (its `end()`).
-struct PatternMatch {
-  std::size_t end = 0;
-};
-
-// The host's regular expression of one citation in page text (`_CITATION_RE`).
-class CitationPattern {
- public:
-  virtual ~CitationPattern() = default;
-  // The non-overlapping matches, left to right, that start at or after `start` and end at or
-  // before `end` (code points). The search is bounded, not a search of a copy: the text counts as
-  // ending at `end`, and characters before `start` stay visible to look-behind assertions.
-  virtual std::vector<PatternMatch> finditer(const Text& text, std::size_t start,
-                                             std::size_t end) const = 0;
-};
-
-// Raised by a write lock when another writer of the wiki holds it (`_WikiBusy`). Hosts whose
-// own busy error is of another kind derive from this to carry it.
+// Raised by a write lock when another writer of the wiki holds it. The guarded refresh catches
+// it to fall back to reporting only; hosts whose own busy error is of another kind derive from
+// this to carry it.
 class WikiBusy : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-namespace types {
+// Raised when a record or page row lacks a key that must be read.
+class MissingKey : public std::runtime_error {
+ public:
+  explicit MissingKey(const std::string& key)
+      : std::runtime_error("missing key: " + key), key_(key) {}
+  const std::string& key() const { return key_; }
 
-// The host module `types`. `CitationKey` and `_WikiBusy` are the C++ types above; the module binds
-// the two services below.
-// Both services may raise; the error reaches the caller of the refresh unchanged.
-struct Module {
-  // `_CITATION_RE`: the citation pattern of page text.
-  std::shared_ptr<const CitationPattern> CITATION_RE;
-  // `citation_key`: the CitationKey of a match that `verify.prose_citations` yielded. May raise.
-  std::function<CitationKey(const CitationMatch&)> citation_key;
+ private:
+  std::string key_;
 };
 
-}  // namespace types
 }  // namespace tolbarrow::workers::wiki

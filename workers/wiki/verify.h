@@ -1,39 +1,65 @@
-// The host module `verify`: the citation syntax of page prose, anchoring, and its constants.
+// The host's citation syntax, and how it anchors citations to declarations.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "workers/wiki/symbol.h"
 #include "workers/wiki/text.h"
 #include "workers/wiki/types.h"
 
-namespace tolbarrow::workers::wiki::verify {
+namespace tolbarrow::workers::wiki {
 
-// Every service may raise; the module catches nothing of them, so the error reaches the caller of
-// the refresh unchanged. Services are called on the caller's thread, one at a time.
+// Every call may throw; the refresh catches nothing of them, so the error reaches its caller
+// unchanged. Calls are made on the caller's thread, one at a time.
 
-struct Module {
-  // `_SKIP_IDENT_EXTS`: file-name endings; a backticked token whose lower-case form ends with one
-  // of them is a file name, not an identifier.
-  std::optional<std::vector<std::string>> SKIP_IDENT_EXTS;
-  // `_UNANCHORED_KINDS`: Symbol kinds that are never chosen as a named anchor.
-  std::optional<std::unordered_set<std::string>> UNANCHORED_KINDS;
-  // `anchor_symbol(symbols, first, last)`: the declaration among `symbols` that anchors a
-  // citation of those lines, or null. Must return an element of `symbols` (or null).
-  std::function<SymbolPtr(const Symbols&, Line, Line)> anchor_symbol;
-  // `anchored(record, symbol)`: the record to store for a citation anchored to `symbol` (null for
-  // a legacy citation with no anchor). With a symbol it sets `symbol`, `name`, `symbol_start` and
-  // `symbol_end` from it. The record passed in is a new map the module does not use again.
-  std::function<Record(Record, const SymbolPtr&)> anchored;
-  // `prose_citations(text)`: the citations of a page text, in text order.
-  std::function<std::vector<CitationMatchPtr>(const Text&)> prose_citations;
-  // `rewrite_citations(text, moves)`: the text with each citation whose key is in `moves` given
-  // its new range, and nothing else changed.
-  std::function<std::string(const Text&, const Moves&)> rewrite_citations;
+// One citation of a page text.
+struct Citation {
+  CitationKey key;
+  std::size_t start = 0;  // code-point offset of its first character
 };
 
-}  // namespace tolbarrow::workers::wiki::verify
+// How a page's prose writes a citation (a path and a first and last line).
+class CitationSyntax {
+ public:
+  virtual ~CitationSyntax() = default;
+
+  // Calls `each` with every citation of `text`, in text order. Stops when `each` throws.
+  virtual void find(const Text& text, const std::function<void(const Citation&)>& each) = 0;
+
+  // The code-point offset just past the last citation written inside [start, end) of `text`, or
+  // nullopt when there is none. The search is bounded: the text counts as ending at `end`, and
+  // characters before `start` stay visible to look-behind. Matches are those of a left-to-right
+  // search for non-overlapping citations beginning at `start`.
+  virtual std::optional<std::size_t> last_end(const Text& text, std::size_t start,
+                                              std::size_t end) = 0;
+
+  // `text` with each citation whose key is in `moves` given its new range, and not one other
+  // byte changed.
+  virtual std::string rewrite(const Text& text, const Moves& moves) = 0;
+};
+
+// How a citation is anchored to a declaration.
+class Anchoring {
+ public:
+  virtual ~Anchoring() = default;
+
+  // File-name endings: a backticked token whose lower-case form ends with one of them is a file
+  // name, not an identifier. Read once per refresh.
+  virtual const std::vector<std::string>& file_name_endings() = 0;
+  // Whether a declaration of `kind` is never chosen as a named anchor.
+  virtual bool unanchored_kind(const std::string& kind) = 0;
+  // The declaration among `symbols` that anchors a citation of lines first..last, or null.
+  // Returns an element of `symbols` (its address), never a copy.
+  virtual const Symbol* anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) = 0;
+  // The record to store for a citation anchored to `symbol` (null: a legacy citation that found
+  // no anchor). With a symbol it sets `symbol`, `name`, `symbol_start` and `symbol_end` from it;
+  // other keys are the host's to keep or add.
+  virtual Record anchored(Record record, const Symbol* symbol) = 0;
+};
+
+}  // namespace tolbarrow::workers::wiki

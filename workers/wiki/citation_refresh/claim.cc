@@ -1,14 +1,12 @@
 // Anchoring legacy citations: reading the identifiers that the claim before a citation names, and
 // choosing the declaration to anchor the citation to.
-#include <clocale>
-#include <cwctype>
-#include <locale.h>
+#include <unicode/ucasemap.h>
 
 #include <algorithm>
 #include <stdexcept>
 #include <unordered_map>
 
-#include "workers/wiki/citation_refresh.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
 namespace tolbarrow::workers::wiki::citation_refresh {
 namespace {
@@ -26,40 +24,28 @@ const Regex& cut_point() {
   return re;
 }
 
-// Lower-cases valid UTF-8 by the Unicode simple lower-case mapping.
+// Lower-cases valid UTF-8 by Unicode's full lower-case mapping, whatever the process locale (as
+// Python's str.lower does: "İ" becomes "i̇", a final "Σ" becomes "ς").
 std::string lower(std::string_view s) {
-  std::string out;
-  out.reserve(s.size());
-  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-  for (std::size_t i = 0; i < s.size();) {
-    if (p[i] < 0x80) {
-      out += static_cast<char>(p[i] >= 'A' && p[i] <= 'Z' ? p[i] + 32 : p[i]);
-      ++i;
+  static UCaseMap* const map = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    UCaseMap* made = ucasemap_open("", 0, &status);
+    if (U_FAILURE(status)) throw std::runtime_error(std::string("ICU: ") + u_errorName(status));
+    return made;
+  }();
+  std::string out(s.size() + 8, '\0');
+  for (;;) {
+    UErrorCode status = U_ZERO_ERROR;
+    const int32_t n = ucasemap_utf8ToLower(map, out.data(), static_cast<int32_t>(out.size()),
+                                           s.data(), static_cast<int32_t>(s.size()), &status);
+    if (status == U_BUFFER_OVERFLOW_ERROR) {
+      out.assign(static_cast<std::size_t>(n), '\0');
       continue;
     }
-    const std::size_t len = p[i] < 0xE0 ? 2 : p[i] < 0xF0 ? 3 : 4;
-    char32_t cp = p[i] & (0x7F >> len);
-    for (std::size_t k = 1; k < len; ++k) cp = (cp << 6) | (p[i + k] & 0x3F);
-    i += len;
-    if (utf8 != nullptr) cp = static_cast<char32_t>(towlower_l(static_cast<wint_t>(cp), utf8));
-    if (cp < 0x80) {
-      out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-      out += static_cast<char>(0xC0 | (cp >> 6));
-      out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-      out += static_cast<char>(0xE0 | (cp >> 12));
-      out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (cp >> 18));
-      out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
+    if (U_FAILURE(status)) throw std::runtime_error(std::string("ICU: ") + u_errorName(status));
+    out.resize(static_cast<std::size_t>(n));
+    return out;
   }
-  return out;
 }
 
 bool ends_with(std::string_view s, std::string_view suffix) {
@@ -77,7 +63,8 @@ const Regex& CLAIM_IDENT_RE() {
 
 }  // namespace detail
 
-std::vector<std::string> Module::claim_identifiers(const Text& text, std::size_t position) const {
+std::vector<std::string> claim_identifiers(const Host& host, const Text& text,
+                                           std::size_t position) {
   if (position > text.length()) {
     throw std::out_of_range("claim_identifiers: position " + std::to_string(position) +
                             " is past the end of the text (" + std::to_string(text.length()) +
@@ -87,8 +74,9 @@ std::vector<std::string> Module::claim_identifiers(const Text& text, std::size_t
 
   // The claim starts after the last earlier citation inside the look-back, if any.
   std::size_t claim_start = start;
-  const auto previous = types().CITATION_RE->finditer(text, start, position);
-  if (!previous.empty()) claim_start = std::min(previous.back().end, position);
+  if (const auto previous = host.syntax.last_end(text, start, position)) {
+    claim_start = std::min(*previous, position);
+  }
 
   // Only the last sentence of the claim counts. The chunk is searched as a string of its own.
   const std::size_t chunk_begin = text.byte_at(claim_start);
@@ -99,7 +87,7 @@ std::vector<std::string> Module::claim_identifiers(const Text& text, std::size_t
   chunk = chunk.substr(sentence);
 
   std::vector<std::string> out;
-  const auto& skip = *verify().SKIP_IDENT_EXTS;
+  const auto& skip = host.anchoring.file_name_endings();
   std::size_t at = 0;
   while (auto m = detail::CLAIM_IDENT_RE().search(chunk, at)) {
     at = m->end;
@@ -120,22 +108,21 @@ std::vector<std::string> Module::claim_identifiers(const Text& text, std::size_t
 
 namespace detail {
 
-std::pair<SymbolPtr, LineRange> legacy_anchor(const Module& module, const Symbols& symbols,
-                                              Line start, Line end,
-                                              const std::vector<std::string>& names) {
+std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host,
+                                                  std::span<const Symbol> symbols, Line start,
+                                                  Line end, const std::vector<std::string>& names) {
   // A name is preferred by its first mention: the later that is, the nearer the citation.
   std::unordered_map<std::string_view, std::size_t> first_mention;
   for (std::size_t i = 0; i < names.size(); ++i) first_mention.try_emplace(names[i], i);
 
-  const auto& unanchored = *module.verify().UNANCHORED_KINDS;
-  std::vector<std::pair<SymbolPtr, std::size_t>> named;
-  for (const SymbolPtr& symbol : symbols) {
-    auto it = first_mention.find(symbol->name);
-    if (it != first_mention.end() && !unanchored.count(symbol->kind)) {
-      named.emplace_back(symbol, it->second);
+  std::vector<std::pair<const Symbol*, std::size_t>> named;
+  for (const Symbol& symbol : symbols) {
+    auto it = first_mention.find(symbol.name);
+    if (it != first_mention.end() && !host.anchoring.unanchored_kind(symbol.kind)) {
+      named.emplace_back(&symbol, it->second);
     }
   }
-  if (named.empty()) return {module.verify().anchor_symbol(symbols, start, end), {start, end}};
+  if (named.empty()) return {host.anchoring.anchor_symbol(symbols, start, end), {start, end}};
 
   std::stable_sort(named.begin(), named.end(),
                    [](const auto& a, const auto& b) { return a.second > b.second; });
@@ -143,10 +130,10 @@ std::pair<SymbolPtr, LineRange> legacy_anchor(const Module& module, const Symbol
     if (symbol->start_line <= end && start <= symbol->end_line) return {symbol, {start, end}};
   }
   // Named elsewhere: the citation moves to the declaration's first line, keeping its span.
-  const SymbolPtr& symbol = named.front().first;
-  const __int128 span = std::max<__int128>(0, static_cast<__int128>(end) - start);
-  const __int128 last = std::min<__int128>(symbol->end_line, symbol->start_line + span);
-  return {symbol, {symbol->start_line, static_cast<Line>(last)}};
+  const Symbol* symbol = named.front().first;
+  const WideLine span = std::max<WideLine>(0, static_cast<WideLine>(end) - start);
+  const WideLine last = std::min<WideLine>(symbol->end_line, symbol->start_line + span);
+  return {symbol, {symbol->start_line, narrow(last)}};
 }
 
 }  // namespace detail

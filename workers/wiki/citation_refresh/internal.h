@@ -1,40 +1,145 @@
-// Helpers shared by the module's sources; not part of its surface.
+// The module's internal operations: what the refresh is made of, for the module's sources, the
+// Python extension (which exposes them under underscore names) and the tests. Not for hosts.
 #pragma once
 
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <span>
 #include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
-#include "workers/wiki/types.h"
+#include "workers/wiki/citation_refresh.h"
+#include "workers/wiki/citation_refresh/regex.h"
 
-namespace tolbarrow::workers::wiki::citation_refresh::internal {
+namespace tolbarrow::workers::wiki::citation_refresh::detail {
 
-// Python-like truth of a JSON value: null, false, 0, "", [] and {} are false.
-inline bool truthy(const Record& v) {
-  switch (v.type()) {
-    case Record::value_t::null:
-      return false;
-    case Record::value_t::boolean:
-      return v.get<bool>();
-    case Record::value_t::number_integer:
-      return v.get<std::int64_t>() != 0;
-    case Record::value_t::number_unsigned:
-      return v.get<std::uint64_t>() != 0;
-    case Record::value_t::number_float:
-      return v.get<double>() != 0.0;
-    case Record::value_t::string:
-      return !v.get_ref<const std::string&>().empty();  // nlohmann's empty() is for containers
-    case Record::value_t::array:
-    case Record::value_t::object:
-      return !v.empty();
-    default:
-      return true;
-  }
-}
+// How many characters before a citation the claim of a legacy citation is looked for in.
+inline constexpr std::size_t CLAIM_WINDOW = 260;
+// One backticked span of prose, group 1 its inside.
+inline constexpr std::string_view CLAIM_IDENT_PATTERN = "`([^`\\n]{2,80})`";
+// The prepared span pattern (compiled once, on first use).
+const Regex& CLAIM_IDENT_RE();
 
-// The member `key` of a map when it is present and true (not null, not empty); else null.
-inline const Record* truthy_member(const Record& map, const char* key) {
-  if (!map.is_object()) return nullptr;
-  auto it = map.find(key);
-  return it != map.end() && truthy(*it) ? &*it : nullptr;
-}
+// ---- Record values ----------------------------------------------------------------------------
 
-}  // namespace tolbarrow::workers::wiki::citation_refresh::internal
+// Whether a record value is there: not null, and not an empty text, list or map. false and 0 are
+// there.
+bool present(const Record& value);
+// The member `key` of a map when it is there (present()); else null.
+const Record* present_member(const Record& map, std::string_view key);
+
+// A record value as a line number: integers as they are, numbers with a fraction truncated
+// toward zero, text holding an optionally signed decimal integer with white space around it (any
+// Unicode white space), true and false as 1 and 0. Anything else throws RecordTypeError (null,
+// maps, lists) or RecordValueError (other text, values beyond a 64-bit line). `what` names the
+// value in errors.
+Line to_line(const Record& value, std::string_view what);
+
+// A record value as text, for the path of a stored key: text as it is, any other value as its
+// JSON text (so that it never equals a real file path).
+std::string to_path(const Record& value);
+
+// The stored key of a citation record or digest citation: (`path`, absent ""; `line_start`,
+// absent 0; `line_end`, absent 0).
+CitationKey stored_key(const Record& record);
+
+// Line arithmetic is done in 128 bits and brought back by narrow(), which throws
+// RecordValueError when the result is no 64-bit line.
+using WideLine = __int128;
+Line narrow(WideLine value);
+
+// A build cache as one-line JSON text: ", " between items, ": " after keys, non-ASCII as UTF-8.
+std::string dump_one_line(const Record& value);
+
+// ---- One page ---------------------------------------------------------------------------------
+
+// A lost pair of a page: the citation's key and the name of the declaration it cited.
+using LostPair = std::pair<CitationKey, std::string>;
+
+// The result of one page's refresh. Entries are in the order the page text first cites them.
+struct PageRefresh {
+  Moves moves;                 // new range of each citation whose lines change
+  KeyedMap<Record> anchors;    // new record of each stored citation whose record changes
+  std::vector<LostPair> lost;  // each citation that can no longer be placed
+
+  PageRefresh(Moves moves, KeyedMap<Record> anchors, std::vector<LostPair> lost)
+      : moves(std::move(moves)), anchors(std::move(anchors)), lost(std::move(lost)) {}
+  friend bool operator==(const PageRefresh&, const PageRefresh&);
+};
+
+// The per-refresh cache of cited files: each path's symbols are asked of the index once.
+class Files {
+ public:
+  Files(const Host& host, Repository& repository, std::filesystem::path repo_root);
+
+  // The declarations of `path` (the path exactly as cited), asked of the index on first use and
+  // the same list afterwards. A failed query stores nothing.
+  std::span<const Symbol> symbols(const std::string& path);
+  // Whether the index knows `path`; asked anew on every call.
+  bool indexed(const std::string& path) { return repository_.is_indexed(path); }
+  // The file's line count, from the host's LineCounts made for this refresh.
+  Line line_count(const std::string& path) { return line_counts_->count(path); }
+
+  Repository& repository() const { return repository_; }
+  const std::filesystem::path& repo_root() const { return repo_root_; }
+
+ private:
+  Repository& repository_;
+  std::filesystem::path repo_root_;
+  std::unordered_map<std::string, std::vector<Symbol>> symbols_;
+  std::unique_ptr<LineCounts> line_counts_;
+};
+
+// Finds the declaration that an anchored citation cites among the file's current `symbols`: by
+// fully qualified name, else by name, nearest the old start line; null when there is none.
+const Symbol* find_again(std::span<const Symbol> symbols, const Record& citation);
+
+// Chooses the declaration that a legacy citation of lines start..end is anchored to, and the
+// range it takes with it, from the identifiers `names` that its claim names (nearest last).
+std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host,
+                                                  std::span<const Symbol> symbols, Line start,
+                                                  Line end, const std::vector<std::string>& names);
+
+// Works out one page's moves, new anchors and lost citations. Changes nothing.
+PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
+                         Files& files);
+
+// The page's new citation records: each stored record replaced by its anchored record, if any.
+std::vector<Record> apply(const std::vector<Record>& citations, const PageRefresh& page);
+
+// ---- The digest file --------------------------------------------------------------------------
+
+// The digest map of "digests.json" at `path`; an empty map when it is absent, unreadable, not
+// UTF-8, not JSON, or not a JSON object. Never throws.
+Record read_digests(FileSystem& file_system, const std::filesystem::path& path);
+
+// Moves the citation ranges of one page's digest in place. `digest` may be null (no entry) or any
+// JSON value; only a map with citations is changed.
+void move_digest_citations(Record* digest, const Moves& moves);
+
+// The text of "digests.json": 2-space indentation, members in the map's order, non-ASCII as
+// UTF-8, no line feed at the end.
+std::string dump_digests(const Record& digests);
+
+// ---- The lock ---------------------------------------------------------------------------------
+
+// The wiki directory's write lock, for a writer that is not the wiki generator.
+class WikiDirLock {
+ public:
+  WikiDirLock(const Host& host, const std::filesystem::path& wiki_dir);
+
+  // Runs `block` holding the lock: acquires before it (a failed acquisition runs nothing and
+  // releases nothing), releases exactly once after it however it ends. An error of the block
+  // passes on after the release; an error of the release is the one that reaches the caller.
+  void held(const std::function<void()>& block);
+
+ private:
+  std::unique_ptr<WriteLock> lock_;
+};
+
+}  // namespace tolbarrow::workers::wiki::citation_refresh::detail

@@ -2,7 +2,6 @@
 // turning that into the page's new citation records.
 #include <unordered_set>
 
-#include "workers/wiki/citation_refresh.h"
 #include "workers/wiki/citation_refresh/internal.h"
 
 namespace tolbarrow::workers::wiki::citation_refresh::detail {
@@ -18,23 +17,21 @@ bool operator==(const PageRefresh& a, const PageRefresh& b) {
   return true;
 }
 
-Files::Files(const Module& module, Repository& repository, std::filesystem::path repo_root)
+Files::Files(const Host& host, Repository& repository, std::filesystem::path repo_root)
     : repository_(repository),
       repo_root_(std::move(repo_root)),
-      line_count_(module.citation_ranges().LineCounts(repo_root_)) {}
+      line_counts_(host.ranges.line_counts(repo_root_)) {
+  if (!line_counts_) throw std::logic_error("CitationRanges::line_counts gave no LineCounts");
+}
 
-const Symbols& Files::symbols(const std::string& path) {
+std::span<const Symbol> Files::symbols(const std::string& path) {
   auto it = symbols_.find(path);
   if (it == symbols_.end()) it = symbols_.emplace(path, repository_.get_symbols_by_path(path)).first;
   return it->second;
 }
 
-bool Files::indexed(const std::string& path) {
-  return repository_.get_file_by_path(path).has_value();
-}
-
-PageRefresh refresh_page(const Module& module, const Text& text,
-                         const std::vector<Record>& citations, Files& files) {
+PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
+                         Files& files) {
   // Stored records by stored key; a later record replaces an earlier one with the same key.
   std::unordered_map<CitationKey, const Record*, CitationKeyHash> stored;
   stored.reserve(citations.size());
@@ -42,14 +39,13 @@ PageRefresh refresh_page(const Module& module, const Text& text,
 
   PageRefresh result({}, {}, {});
   std::unordered_set<CitationKey, CitationKeyHash> seen;
-  const auto& verify = module.verify();
 
-  for (const CitationMatchPtr& match : verify.prose_citations(text)) {
-    CitationKey key = module.types().citation_key(*match);
+  host.syntax.find(text, [&](const Citation& citation) {
+    const CitationKey& key = citation.key;
     // Skipped citations do not enter `seen`: a repeat of one is tested again.
-    if (seen.count(key) || key.start < 1 || !files.indexed(key.path)) continue;
+    if (seen.count(key) || key.start < 1 || !files.indexed(key.path)) return;
     seen.insert(key);
-    const Symbols& symbols = files.symbols(key.path);
+    const std::span<const Symbol> symbols = files.symbols(key.path);
 
     auto found_stored = stored.find(key);
     const Record* stored_record = found_stored == stored.end() ? nullptr : found_stored->second;
@@ -58,38 +54,38 @@ PageRefresh refresh_page(const Module& module, const Text& text,
       fresh = Record{{"path", key.path}, {"line_start", key.start}, {"line_end", key.end}};
     }
     const Record& cite = stored_record != nullptr ? *stored_record : fresh;
-    SymbolPtr found;
+    const Symbol* found = nullptr;
     LineRange proposed;
-    if (const Record* symbol = internal::truthy_member(cite, "symbol")) {
+    if (const Record* symbol = present_member(cite, "symbol")) {
       // An anchored citation follows its declaration, or is lost with it.
       found = find_again(symbols, cite);
-      if (!found) {
-        const Record* name = internal::truthy_member(cite, "name");
-        result.lost.emplace_back(std::move(key), to_path(name != nullptr ? *name : *symbol));
-        continue;
+      if (found == nullptr) {
+        const Record* name = present_member(cite, "name");
+        result.lost.emplace_back(key, to_path(name != nullptr ? *name : *symbol));
+        return;
       }
       proposed = relocated_range(cite, *found);
     } else {
-      const auto names = module.claim_identifiers(text, match->start());
-      std::tie(found, proposed) = legacy_anchor(module, symbols, key.start, key.end, names);
+      const auto names = claim_identifiers(host, text, citation.start);
+      std::tie(found, proposed) = legacy_anchor(host, symbols, key.start, key.end, names);
     }
 
-    const auto fitted = module.citation_ranges().fit_range(proposed.first, proposed.last,
-                                                           files.line_count(key.path));
+    const Line line_count = files.line_count(key.path);
+    const auto fitted = host.ranges.fit_range(proposed.first, proposed.last, line_count);
     if (!fitted) {
-      result.lost.emplace_back(std::move(key), found ? found->name : std::string());
-      continue;
+      result.lost.emplace_back(key, found != nullptr ? found->name : std::string());
+      return;
     }
     if (*fitted != LineRange{key.start, key.end}) result.moves.set(key, *fitted);
 
     Record moved = cite;
     moved["line_start"] = fitted->first;
     moved["line_end"] = fitted->last;
-    Record updated = verify.anchored(std::move(moved), found);
+    Record updated = host.anchoring.anchored(std::move(moved), found);
     if (stored_record != nullptr && !records_equal(updated, cite)) {
-      result.anchors.set(std::move(key), std::move(updated));
+      result.anchors.set(key, std::move(updated));
     }
-  }
+  });
   return result;
 }
 

@@ -1,93 +1,124 @@
-// Record conversions shared by every part of the refresh: line numbers, stored keys, record
-// equality, JSON text forms, and page rows kept as records.
+// Record conversions shared by every part of the refresh: record values, line numbers, stored
+// keys, record equality, JSON text forms, and page rows.
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <sstream>
 
-#include "workers/wiki/citation_refresh.h"
 #include "workers/wiki/citation_refresh/internal.h"
 
 namespace tolbarrow::workers::wiki {
-namespace cr = citation_refresh;
-using cr::internal::truthy;
+namespace detail = citation_refresh::detail;
+using citation_refresh::RecordTypeError;
 
-// ---- PageRow over a record --------------------------------------------------------------------
+// ---- Page rows --------------------------------------------------------------------------------
 
-namespace {
-
-const Record* member(const Record& map, const char* key) {
-  if (!map.is_object()) return nullptr;
-  auto it = map.find(key);
-  return it == map.end() ? nullptr : &*it;
+std::optional<std::string> PageRow::rel_path() const {
+  const auto v = field("rel_path");
+  if (!v || !detail::present(*v)) return std::nullopt;
+  if (!v->is_string()) throw RecordTypeError("page row rel_path: expected text, got " + v->dump());
+  return v->get<std::string>();
 }
 
-}  // namespace
-
-std::optional<std::string> RecordPageRow::rel_path() const {
-  const Record* v = member(row_, "rel_path");
-  if (v == nullptr || v->is_null()) return std::nullopt;
-  if (!v->is_string()) throw cr::RecordTypeError("rel_path: expected text, got " + v->dump());
-  auto path = v->get<std::string>();
-  if (path.empty()) return std::nullopt;
-  return path;
+std::string PageRow::page_id() const {
+  const auto v = field("page_id");
+  if (!v) throw MissingKey("page_id");
+  return detail::to_path(*v);
 }
 
-std::string RecordPageRow::page_id() const {
-  const Record* v = member(row_, "page_id");
-  if (v == nullptr) throw MissingKey("page_id");
-  return cr::to_path(*v);
+std::vector<Record> PageRow::citations() const {
+  auto v = field("citations");
+  if (!v || !detail::present(*v)) return {};
+  if (!v->is_array()) throw RecordTypeError("page row citations: expected a list, got " + v->dump());
+  return std::move(v->get_ref<Record::array_t&>());
 }
 
-std::vector<Record> RecordPageRow::citations() const {
-  const Record* v = member(row_, "citations");
-  if (v == nullptr || !truthy(*v)) return {};
-  if (!v->is_array()) throw cr::RecordTypeError("citations: expected a list, got " + v->dump());
-  return std::vector<Record>(v->begin(), v->end());
+Record PageRow::build_cache() const {
+  auto v = field("build_cache");
+  if (!v || !detail::present(*v)) return Record::object();
+  if (!v->is_object()) throw RecordTypeError("page row build_cache: expected a map, got " + v->dump());
+  return std::move(*v);
 }
 
-Record RecordPageRow::build_cache() const {
-  const Record* v = member(row_, "build_cache");
-  if (v == nullptr || !truthy(*v)) return Record::object();
-  if (!v->is_object()) throw cr::RecordTypeError("build_cache: expected a map, got " + v->dump());
-  return *v;
-}
-
-HostValue RecordPageRow::content_hash() const {
-  const Record* v = member(row_, "content_hash");
-  return v == nullptr ? HostValue() : HostValue(*v);
+std::optional<Record> RecordPageRow::field(std::string_view key) const {
+  if (!row_.is_object()) return std::nullopt;
+  auto it = row_.find(key);
+  if (it == row_.end()) return std::nullopt;
+  return *it;
 }
 
 }  // namespace tolbarrow::workers::wiki
 
 namespace tolbarrow::workers::wiki::citation_refresh {
+namespace detail {
 namespace {
 
-bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+bool is_ascii_space(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
+
+// The digits of a line written as text, with the white space around them dropped: any Unicode
+// white space, as the claim reading's patterns count it.
+std::string_view line_digits(const std::string& text) {
+  const bool ascii = std::all_of(text.begin(), text.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii) {
+    std::size_t b = 0, e = text.size();
+    while (b < e && is_ascii_space(text[b])) ++b;
+    while (e > b && is_ascii_space(text[e - 1])) --e;
+    return std::string_view(text).substr(b, e - b);
+  }
+  static const Regex spaced("(?s)\\A\\s*(.*?)\\s*\\z");
+  if (first_invalid_utf8(text) != std::string_view::npos) return {};
+  const auto m = spaced.search(text);
+  return std::string_view(text).substr(m->group_begin, m->group_end - m->group_begin);
+}
 
 Line parse_line(const std::string& text, std::string_view what) {
-  std::size_t b = 0, e = text.size();
-  while (b < e && is_space(text[b])) ++b;
-  while (e > b && is_space(text[e - 1])) --e;
-  std::size_t digits = b;
-  if (digits < e && (text[digits] == '+' || text[digits] == '-')) ++digits;
-  bool ok = digits < e;
-  for (std::size_t i = digits; i < e; ++i) ok = ok && text[i] >= '0' && text[i] <= '9';
-  if (!ok) {
-    throw RecordValueError(std::string(what) + ": not an integer: " + Record(text).dump());
-  }
-  const std::string number = text.substr(b, e - b);
+  const std::string_view number = line_digits(text);
+  std::size_t digits = 0;
+  if (digits < number.size() && (number[digits] == '+' || number[digits] == '-')) ++digits;
+  bool ok = digits < number.size();
+  for (std::size_t i = digits; i < number.size(); ++i) ok = ok && number[i] >= '0' && number[i] <= '9';
+  if (!ok) throw RecordValueError(std::string(what) + ": not an integer: " +
+                           Record(text).dump(-1, ' ', false, Record::error_handler_t::replace));
   errno = 0;
-  char* end = nullptr;
-  const long long value = std::strtoll(number.c_str(), &end, 10);
-  if (errno == ERANGE) {
-    throw RecordValueError(std::string(what) + ": integer out of range: " + number);
-  }
+  const std::string copy(number);
+  const long long value = std::strtoll(copy.c_str(), nullptr, 10);
+  if (errno == ERANGE) throw RecordValueError(std::string(what) + ": integer out of range: " + copy);
   return value;
 }
 
 }  // namespace
+
+bool present(const Record& v) {
+  switch (v.type()) {
+    case Record::value_t::null:
+      return false;
+    case Record::value_t::string:
+      return !v.get_ref<const std::string&>().empty();  // nlohmann's empty() is for containers
+    case Record::value_t::array:
+    case Record::value_t::object:
+      return !v.empty();
+    default:
+      return true;
+  }
+}
+
+const Record* present_member(const Record& map, std::string_view key) {
+  if (!map.is_object()) return nullptr;
+  auto it = map.find(key);
+  return it != map.end() && present(*it) ? &*it : nullptr;
+}
+
+Line narrow(WideLine value) {
+  if (value < std::numeric_limits<Line>::min() || value > std::numeric_limits<Line>::max()) {
+    throw RecordValueError("line arithmetic out of range");
+  }
+  return static_cast<Line>(value);
+}
 
 Line to_line(const Record& value, std::string_view what) {
   switch (value.type()) {
@@ -132,6 +163,8 @@ CitationKey stored_key(const Record& record) {
   if (auto it = record.find("line_end"); it != record.end()) key.end = to_line(*it, "line_end");
   return key;
 }
+
+}  // namespace detail
 
 bool records_equal(const Record& a, const Record& b) {
   if (a.is_object() && b.is_object()) {

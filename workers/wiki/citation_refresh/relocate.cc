@@ -1,55 +1,45 @@
 // Relocating anchored citations: finding a stored declaration again in the current index, and
 // moving the citation's lines with it.
-#include <limits>
-
-#include "workers/wiki/citation_refresh.h"
 #include "workers/wiki/citation_refresh/internal.h"
 
 namespace tolbarrow::workers::wiki::citation_refresh {
 namespace {
 
-using Wide = __int128;
+using detail::WideLine;
 
-Wide distance(Line a, Line b) {
-  const Wide d = static_cast<Wide>(a) - static_cast<Wide>(b);
+WideLine distance(Line a, Line b) {
+  const WideLine d = static_cast<WideLine>(a) - static_cast<WideLine>(b);
   return d < 0 ? -d : d;
 }
 
-Line checked(Wide value) {
-  if (value < std::numeric_limits<Line>::min() || value > std::numeric_limits<Line>::max()) {
-    throw RecordValueError("line arithmetic out of range");
-  }
-  return static_cast<Line>(value);
-}
-
-const Record& strict(const Record& citation, const char* key) {
+Line strict_line(const Record& citation, const char* key) {
   auto it = citation.find(key);
   if (it == citation.end()) throw MissingKey(key);
-  return *it;
+  return detail::to_line(*it, key);
 }
 
 }  // namespace
 
 namespace detail {
 
-SymbolPtr find_again(const Symbols& symbols, const Record& citation) {
+const Symbol* find_again(std::span<const Symbol> symbols, const Record& citation) {
   Line old = 0;
-  if (const Record* start = internal::truthy_member(citation, "symbol_start")) {
+  if (const Record* start = present_member(citation, "symbol_start")) {
     old = to_line(*start, "symbol_start");
   }
   // By fully qualified name first; only when that names nothing, by short name.
-  for (auto field : {&Symbol::fqn, &Symbol::name}) {
-    const Record* value = internal::truthy_member(citation, field == &Symbol::fqn ? "symbol" : "name");
+  for (auto [field, key] : {std::pair{&Symbol::fqn, "symbol"}, std::pair{&Symbol::name, "name"}}) {
+    const Record* value = present_member(citation, key);
     if (value == nullptr || !value->is_string()) continue;  // a non-text value equals no name
     const auto& wanted = value->get_ref<const std::string&>();
-    SymbolPtr best;
-    Wide best_distance = 0;
-    for (const SymbolPtr& symbol : symbols) {
-      if ((*symbol).*field != wanted) continue;
-      const Wide d = distance(symbol->start_line, old);
-      if (!best || d < best_distance) best = symbol, best_distance = d;  // ties: first listed
+    const Symbol* best = nullptr;
+    WideLine best_distance = 0;
+    for (const Symbol& symbol : symbols) {
+      if (symbol.*field != wanted) continue;
+      const WideLine d = distance(symbol.start_line, old);
+      if (best == nullptr || d < best_distance) best = &symbol, best_distance = d;  // ties: first
     }
-    if (best) return best;
+    if (best != nullptr) return best;
   }
   return nullptr;
 }
@@ -57,23 +47,23 @@ SymbolPtr find_again(const Symbols& symbols, const Record& citation) {
 }  // namespace detail
 
 LineRange relocated_range(const Record& citation, const Symbol& symbol) {
-  const Line start = to_line(strict(citation, "line_start"), "line_start");
-  const Line end = to_line(strict(citation, "line_end"), "line_end");
-  const Line old_start = to_line(strict(citation, "symbol_start"), "symbol_start");
-  const Line old_end = to_line(strict(citation, "symbol_end"), "symbol_end");
+  const Line start = strict_line(citation, "line_start");
+  const Line end = strict_line(citation, "line_end");
+  const Line old_start = strict_line(citation, "symbol_start");
+  const Line old_end = strict_line(citation, "symbol_end");
 
   // A citation of the whole declaration follows it whole.
   if (start == old_start && end == old_end) return {symbol.start_line, symbol.end_line};
 
-  const Wide shift = static_cast<Wide>(symbol.start_line) - old_start;
-  Wide new_start = start + shift;
-  Wide new_end = end + shift;
+  const WideLine shift = static_cast<WideLine>(symbol.start_line) - old_start;
+  WideLine new_start = start + shift;
+  WideLine new_end = end + shift;
   // Inside the declaration: keep the offset from its first line, stay inside it.
   if (old_start <= start && end <= old_end) {
-    new_end = std::min<Wide>(new_end, symbol.end_line);
+    new_end = std::min<WideLine>(new_end, symbol.end_line);
     new_start = std::min(new_start, new_end);
   }
-  return {checked(new_start), checked(new_end)};
+  return {detail::narrow(new_start), detail::narrow(new_end)};
 }
 
 }  // namespace tolbarrow::workers::wiki::citation_refresh

@@ -1,0 +1,258 @@
+#include "hosts/memory/memory_host.h"
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/base_sink.h>
+
+#include <mutex>
+
+#include "workers/wiki/citation_refresh/regex.h"
+
+namespace tolbarrow::workers::wiki {
+void PrintTo(const CitationKey& key, std::ostream* out) {
+  *out << "(" << key.path << ", " << key.start << ", " << key.end << ")";
+}
+void PrintTo(const LineRange& range, std::ostream* out) {
+  *out << "(" << range.first << ", " << range.last << ")";
+}
+void PrintTo(const Moves& moves, std::ostream* out) {
+  *out << "{";
+  for (const auto& [key, range] : moves) {
+    PrintTo(key, out);
+    *out << ": ";
+    PrintTo(range, out);
+    *out << "; ";
+  }
+  *out << "}";
+}
+void PrintTo(const Symbol& s, std::ostream* out) {
+  *out << s.fqn << " " << s.kind << " " << s.start_line << "-" << s.end_line;
+}
+}  // namespace tolbarrow::workers::wiki
+
+namespace tolbarrow::hosts::memory {
+namespace {
+
+const Regex& citation_regex() {
+  static const Regex re("\\(([^()\\s#]+)#L(-?\\d+)-L(-?\\d+)\\)");
+  return re;
+}
+
+// A citation found in the text: its key and its code-point span.
+struct Found {
+  CitationKey key;
+  std::size_t start = 0, end = 0;
+};
+
+std::vector<Found> find_citations(const Text& text, std::size_t from_point, std::size_t to_point) {
+  std::vector<Found> out;
+  const std::string_view subject = std::string_view(text.str()).substr(0, text.byte_at(to_point));
+  std::size_t at = text.byte_at(from_point);
+  while (auto m = citation_regex().search(subject, at)) {
+    at = m->end;
+    const std::string body(subject.substr(m->begin + 1, m->end - m->begin - 2));
+    const auto hash = body.rfind("#L");
+    const auto dash = body.rfind("-L");
+    out.push_back({{body.substr(0, hash), std::stoll(body.substr(hash + 2, dash - hash - 2)),
+                    std::stoll(body.substr(dash + 2))},
+                   text.point_at(m->begin),
+                   text.point_at(m->end)});
+  }
+  return out;
+}
+
+class MemoryLock : public WriteLock {
+ public:
+  MemoryLock(MemoryHost& host, const fs::path& wiki_dir) : host_(host) {
+    host_.calls.push_back("lock " + wiki_dir.string());
+  }
+  void acquire() override {
+    host_.calls.push_back("acquire");
+    if (host_.busy) throw WikiBusy("wiki busy");
+  }
+  void release() override {
+    host_.calls.push_back("release");
+    if (host_.release_fails) throw std::runtime_error("release failed");
+  }
+
+ private:
+  MemoryHost& host_;
+};
+
+class MemoryLineCounts : public LineCounts {
+ public:
+  explicit MemoryLineCounts(const std::map<std::string, Line>& counts) : counts_(counts) {}
+  Line count(const std::string& path) override {
+    auto it = counts_.find(path);
+    return it == counts_.end() ? 1000 : it->second;
+  }
+
+ private:
+  const std::map<std::string, Line>& counts_;
+};
+
+class CaptureSink : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit CaptureSink(std::vector<std::string>& lines) : lines_(lines) {}
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override {
+    lines_.push_back(std::string(spdlog::level::to_string_view(msg.level).data()) + ": " +
+                     std::string(msg.payload.data(), msg.payload.size()));
+  }
+  void flush_() override {}
+
+ private:
+  std::vector<std::string>& lines_;
+};
+
+[[noreturn]] void no_file(const fs::path& path) {
+  throw fs::filesystem_error("cannot open", path,
+                             std::make_error_code(std::errc::no_such_file_or_directory));
+}
+
+}  // namespace
+
+Symbol sym(std::string fqn, Line start, Line end, std::string kind) {
+  const auto dot = fqn.rfind('.');
+  std::string name = dot == std::string::npos ? fqn : fqn.substr(dot + 1);
+  return Symbol{std::move(fqn), std::move(name), std::move(kind), start, end};
+}
+
+std::string cite(const std::string& path, Line first, Line last) {
+  return "(" + path + "#L" + std::to_string(first) + "-L" + std::to_string(last) + ")";
+}
+
+// ---- Files ------------------------------------------------------------------------------------
+
+bool MemoryFileSystem::is_file(const fs::path& path) { return files.count(path) != 0; }
+
+std::string MemoryFileSystem::read_file(const fs::path& path) {
+  calls_.push_back("read " + path.filename().string());
+  if (fault) fault("read", path);
+  if (directories.count(path)) {
+    throw fs::filesystem_error("cannot read", path, std::make_error_code(std::errc::is_a_directory));
+  }
+  auto it = files.find(path);
+  if (it == files.end()) no_file(path);
+  return it->second;
+}
+
+void MemoryFileSystem::atomic_write(const fs::path& path, std::string_view content) {
+  calls_.push_back("write " + path.filename().string());
+  if (fault) fault("write", path);
+  files[path] = std::string(content);
+}
+
+// ---- Host services ----------------------------------------------------------------------------
+
+MemoryHost::MemoryHost()
+    : logger(std::make_shared<spdlog::logger>(std::string(cr::MODULE_NAME),
+                                              std::make_shared<CaptureSink>(log_lines))) {}
+
+cr::Host MemoryHost::host() {
+  return cr::Host{.syntax = *this,
+                  .anchoring = *this,
+                  .ranges = *this,
+                  .file_system = file_system,
+                  .locks = *this,
+                  .logger = logger};
+}
+
+void MemoryHost::find(const Text& text, const std::function<void(const Citation&)>& each) {
+  for (const Found& found : find_citations(text, 0, text.length())) each({found.key, found.start});
+}
+
+std::optional<std::size_t> MemoryHost::last_end(const Text& text, std::size_t start,
+                                                std::size_t end) {
+  ++pattern_searches;
+  const auto found = find_citations(text, start, end);
+  if (found.empty()) return std::nullopt;
+  return found.back().end;
+}
+
+std::string MemoryHost::rewrite(const Text& text, const Moves& moves) {
+  std::string out;
+  std::size_t copied = 0;
+  for (const Found& found : find_citations(text, 0, text.length())) {
+    const LineRange* range = moves.find(found.key);
+    if (range == nullptr) continue;
+    const std::size_t begin = text.byte_at(found.start);
+    out.append(text.str(), copied, begin - copied);
+    out += cite(found.key.path, range->first, range->last);
+    copied = text.byte_at(found.end);
+  }
+  return out + text.str().substr(copied);
+}
+
+const Symbol* MemoryHost::anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) {
+  anchor_calls.push_back(std::to_string(first) + "-" + std::to_string(last));
+  for (const Symbol& s : symbols) {
+    if (s.start_line <= first && last <= s.end_line) return &s;
+  }
+  return nullptr;
+}
+
+Record MemoryHost::anchored(Record record, const Symbol* symbol) {
+  if (symbol != nullptr) {
+    record["symbol"] = symbol->fqn;
+    record["name"] = symbol->name;
+    record["symbol_start"] = symbol->start_line;
+    record["symbol_end"] = symbol->end_line;
+  }
+  return record;
+}
+
+std::unique_ptr<LineCounts> MemoryHost::line_counts(const fs::path&) {
+  return std::make_unique<MemoryLineCounts>(line_counts_by_path);
+}
+
+std::optional<LineRange> MemoryHost::fit_range(Line first, Line last, Line lines) {
+  if (first > lines || last < 1 || first > last) return std::nullopt;
+  return LineRange{std::max<Line>(first, 1), std::min(last, lines)};
+}
+
+std::unique_ptr<WriteLock> MemoryHost::open(const fs::path& wiki_dir) {
+  return std::make_unique<MemoryLock>(*this, wiki_dir);
+}
+
+// ---- Repository -------------------------------------------------------------------------------
+
+std::vector<Symbol> MemoryRepository::get_symbols_by_path(const std::string& path) {
+  if (fault) fault("get_symbols_by_path");
+  ++symbol_queries[path];
+  auto it = symbols.find(path);
+  return it == symbols.end() ? std::vector<Symbol>{} : it->second;
+}
+
+bool MemoryRepository::is_indexed(const std::string& path) {
+  if (fault) fault("is_indexed");
+  ++file_queries[path];
+  return files.count(path) != 0;
+}
+
+std::vector<std::unique_ptr<const PageRow>> MemoryRepository::get_wiki_pages(const std::string&) {
+  if (fault) fault("get_wiki_pages");
+  std::vector<std::unique_ptr<const PageRow>> rows;
+  for (const Record& page : pages) rows.push_back(std::make_unique<RecordPageRow>(page));
+  return rows;
+}
+
+void MemoryRepository::update_wiki_page_citations(const std::string& branch, const PageRow& row,
+                                                  const PageUpdate& update) {
+  if (fault) fault("update_wiki_page_citations");
+  const std::string page_id = row.page_id();
+  if (page_id == fail_update) throw std::runtime_error("store failed for " + page_id);
+  for (Record& page : pages) {
+    if (page.value("page_id", "") != page_id) continue;
+    page["citations"] = update.citations;
+    page["build_cache"] = update.build_cache ? *update.build_cache : Record();
+    if (update.content_hash) page["content_hash"] = *update.content_hash;
+  }
+  updates.push_back({branch, page_id, update});
+}
+
+std::string MemoryRepository::text_hash(const std::string& text) {
+  return "h" + std::to_string(std::hash<std::string>()(text));
+}
+
+}  // namespace tolbarrow::hosts::memory
