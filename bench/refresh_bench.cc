@@ -3,8 +3,9 @@
 #include <benchmark/benchmark.h>
 
 #include "hosts/memory/memory_host.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
-namespace tolbarrow::testing {
+namespace tolbarrow::hosts::memory {
 namespace {
 
 // A page of `n` legacy citations, each after a sentence with backticked names and non-ASCII prose.
@@ -19,14 +20,14 @@ std::string page_text(int n) {
 }
 
 void BM_ClaimIdentifiers(benchmark::State& state) {
-  FakeHost host;
-  const cr::Module module = host.load();
+  MemoryHost host;
+  const cr::Host services = host.host();
   const Text text(page_text(static_cast<int>(state.range(0))));
   std::vector<std::size_t> positions;
-  for (const auto& m : module.verify().prose_citations(text)) positions.push_back(m->start());
+  host.find(text, [&](const Citation& citation) { positions.push_back(citation.start); });
   for (auto _ : state) {
     for (std::size_t position : positions) {
-      benchmark::DoNotOptimize(module.claim_identifiers(text, position));
+      benchmark::DoNotOptimize(cr::claim_identifiers(services, text, position));
     }
   }
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(positions.size()));
@@ -34,9 +35,9 @@ void BM_ClaimIdentifiers(benchmark::State& state) {
 BENCHMARK(BM_ClaimIdentifiers)->Arg(100)->Arg(1000)->Arg(5000);
 
 void BM_RefreshPage(benchmark::State& state) {
-  FakeHost host;
-  const cr::Module module = host.load();
-  FakeRepository repo;
+  MemoryHost host;
+  const cr::Host services = host.host();
+  MemoryRepository repo;
   repo.files = {"src/a.py"};
   for (int i = 0; i < 50; ++i) {
     repo.symbols["src/a.py"].push_back(sym("mod.load_" + std::to_string(i), 200 + 10 * i, 205 + 10 * i));
@@ -48,14 +49,14 @@ void BM_RefreshPage(benchmark::State& state) {
     stored.push_back({{"path", "src/a.py"}, {"line_start", 10 + i}, {"line_end", 12 + i}});
   }
   for (auto _ : state) {
-    cr::detail::Files files(module, repo, "/repo");
-    benchmark::DoNotOptimize(cr::detail::refresh_page(module, text, stored, files));
+    cr::detail::Files files(services, repo, "/repo");
+    benchmark::DoNotOptimize(cr::detail::refresh_page(services, text, stored, files));
   }
   state.SetItemsProcessed(state.iterations() * n);
 }
 BENCHMARK(BM_RefreshPage)->Arg(100)->Arg(1000)->Arg(5000);
 
 }  // namespace
-}  // namespace tolbarrow::testing
+}  // namespace tolbarrow::hosts::memory
 
 BENCHMARK_MAIN();

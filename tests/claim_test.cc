@@ -62,6 +62,12 @@ TEST_F(ClaimIdentifiers, WindowCountsCodePoints) {
   // 300 two-byte characters push it out; the window starts inside them.
   EXPECT_EQ(claim("`first` " + accents + " `second` "), Names{"second"});
   EXPECT_EQ(host.pattern_searches, 2);
+  // The window holds exactly 260 characters: a span that opens 260 characters back is read
+  // whole, one that opens 261 back has lost its opening backtick.
+  std::string filler;
+  for (int i = 0; i < 256; ++i) filler += "\xC3\xA9";
+  EXPECT_EQ(claim("`ab`" + filler), Names{"ab"});
+  EXPECT_EQ(claim("`ab`" + filler + "\xC3\xA9"), Names{});
   EXPECT_THROW(cr::claim_identifiers(services, Text("ab"), 3), std::out_of_range);
 }
 

@@ -34,7 +34,7 @@ class RefreshPage : public ::testing::Test {
 TEST_F(RefreshPage, TheLaterOfTwoStoredRecordsWithOneKeyIsTheCitations) {
   const auto page = run("`f` " + cite("src/a.py", 10, 12),
                         {anchored_at(10, 12, "a.x", "x", 8, 20), anchored_at(10, 12, "a.f", "f", 8, 20)});
-  EXPECT_EQ(page.lost, std::vector<cr::detail::LostPair>{});
+  ASSERT_EQ(page.lost, std::vector<cr::detail::LostPair>{});
   EXPECT_EQ(page.anchors.find({"src/a.py", 10, 12})->at("symbol_start"), 18);
 }
 
