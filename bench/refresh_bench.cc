@@ -40,7 +40,8 @@ void BM_RefreshPage(benchmark::State& state) {
   MemoryRepository repo;
   repo.files = {"src/a.py"};
   for (int i = 0; i < 50; ++i) {
-    repo.symbols["src/a.py"].push_back(sym("mod.load_" + std::to_string(i), 200 + 10 * i, 205 + 10 * i));
+    repo.symbols["src/a.py"].push_back(
+        sym("mod.load_" + std::to_string(i), 200 + 10 * i, 205 + 10 * i));
   }
   const int n = static_cast<int>(state.range(0));
   const Text text(page_text(n));

@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Builds and runs every test: the C++ tests and the Python extension's tests, then the C++ tests
-# again under AddressSanitizer and UndefinedBehaviorSanitizer (build-asan/).
+# Builds and runs every test: the source format check, the C++ tests and the Python extension's
+# tests, then the C++ tests again under AddressSanitizer and UndefinedBehaviorSanitizer
+# (build-asan/).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="$(nproc)"
+
+./scripts/check-format.sh
 
 cmake -S . -B build -DTOLBARROW_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3 >/dev/null
 cmake --build build -j"$jobs"

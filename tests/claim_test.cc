@@ -48,7 +48,8 @@ TEST_F(ClaimIdentifiers, TurnsSpansIntoNames) {
       {"`self.items[0]` `Foo::bar` `key=value` `(foo)` ", {"items[0]", "Foo", "key"}},
       {"`foo` then `foo` ", {"foo", "foo"}},
       {"`load\xE2\x80\x83x` ", {"load"}},  // em space cuts like a space
-      {"`caf\xC3\xA9` `\xE6\xBC\xA2\xE5\xAD\x97` `\xF0\x9D\x84\x9E` ", {"caf\xC3\xA9", "\xE6\xBC\xA2\xE5\xAD\x97"}},
+      {"`caf\xC3\xA9` `\xE6\xBC\xA2\xE5\xAD\x97` `\xF0\x9D\x84\x9E` ",
+       {"caf\xC3\xA9", "\xE6\xBC\xA2\xE5\xAD\x97"}},
   };
   for (const auto& [before, names] : cases) EXPECT_EQ(claim(before), names) << before;
 }
@@ -101,7 +102,8 @@ TEST(LegacyAnchor, ChoosesTheNamedDeclaration) {
       {{wide1, wide2}, 10, 11, {"load"}, wide1, {10, 11}},
   };
   for (const auto& c : cases) {
-    const auto [symbol, range] = cr::detail::legacy_anchor(services, c.symbols, c.start, c.end, c.names);
+    const auto [symbol, range] =
+        cr::detail::legacy_anchor(services, c.symbols, c.start, c.end, c.names);
     ASSERT_TRUE(symbol >= c.symbols.data() && symbol < c.symbols.data() + c.symbols.size());
     EXPECT_EQ(*symbol, c.symbol) << c.start << "-" << c.end;
     EXPECT_EQ(range, c.range) << c.start << "-" << c.end;

@@ -17,8 +17,12 @@ class GuardedRefresh : public ::testing::Test {
     repo.pages.push_back({{"page_id", "p"},
                           {"rel_path", "p.md"},
                           {"citations",
-                           {{{"path", "src/a.py"}, {"line_start", 10}, {"line_end", 12},
-                             {"symbol", "a.f"}, {"name", "f"}, {"symbol_start", 8},
+                           {{{"path", "src/a.py"},
+                             {"line_start", 10},
+                             {"line_end", 12},
+                             {"symbol", "a.f"},
+                             {"name", "f"},
+                             {"symbol_start", 8},
                              {"symbol_end", 20}}}}});
     host.file_system.files["/wiki/p.md"] = "`f` " + cite("src/a.py", 10, 12);
   }

@@ -8,8 +8,8 @@ namespace {
 
 Record anchored_at(Line start, Line end, const char* symbol, const char* name, Line old_start,
                    Line old_end) {
-  return {{"path", "src/a.py"},   {"line_start", start},  {"line_end", end},
-          {"symbol", symbol},     {"name", name},         {"symbol_start", old_start},
+  return {{"path", "src/a.py"},   {"line_start", start}, {"line_end", end},
+          {"symbol", symbol},     {"name", name},        {"symbol_start", old_start},
           {"symbol_end", old_end}};
 }
 
@@ -32,8 +32,9 @@ class RefreshPage : public ::testing::Test {
 };
 
 TEST_F(RefreshPage, TheLaterOfTwoStoredRecordsWithOneKeyIsTheCitations) {
-  const auto page = run("`f` " + cite("src/a.py", 10, 12),
-                        {anchored_at(10, 12, "a.x", "x", 8, 20), anchored_at(10, 12, "a.f", "f", 8, 20)});
+  const auto page =
+      run("`f` " + cite("src/a.py", 10, 12),
+          {anchored_at(10, 12, "a.x", "x", 8, 20), anchored_at(10, 12, "a.f", "f", 8, 20)});
   ASSERT_EQ(page.lost, std::vector<cr::detail::LostPair>{});
   EXPECT_EQ(page.anchors.find({"src/a.py", 10, 12})->at("symbol_start"), 18);
 }
@@ -52,12 +53,12 @@ TEST_F(RefreshPage, AnySymbolThatIsThereAnchorsTheCitation) {
 };
 
 TEST_F(RefreshPage, MovesAnchorsAndLosesInTextOrder) {
-  const std::string text =
-      "Intro. `f` does it " + cite("src/a.py", 10, 12) + ". Again " + cite("src/a.py", 10, 12) +
-      ". No line " + cite("src/a.py", 0, 3) + ". Unindexed " + cite("gone.py", 1, 2) +
-      cite("gone.py", 1, 2) + ". Gone " + cite("src/a.py", 60, 61) + ". Legacy `gg` " +
-      cite("src/a.py", 5, 6) + ". Unstored `gg` " + cite("src/a.py", 7, 8) + ". Too far `tiny` " +
-      cite("src/b.py", 1, 2) + ".";
+  const std::string text = "Intro. `f` does it " + cite("src/a.py", 10, 12) + ". Again " +
+                           cite("src/a.py", 10, 12) + ". No line " + cite("src/a.py", 0, 3) +
+                           ". Unindexed " + cite("gone.py", 1, 2) + cite("gone.py", 1, 2) +
+                           ". Gone " + cite("src/a.py", 60, 61) + ". Legacy `gg` " +
+                           cite("src/a.py", 5, 6) + ". Unstored `gg` " + cite("src/a.py", 7, 8) +
+                           ". Too far `tiny` " + cite("src/b.py", 1, 2) + ".";
   const std::vector<Record> stored = {
       anchored_at(10, 12, "a.f", "f", 8, 20),
       anchored_at(60, 61, "a.h", "", 60, 70),
@@ -74,10 +75,11 @@ TEST_F(RefreshPage, MovesAnchorsAndLosesInTextOrder) {
   ASSERT_EQ(page.anchors.size(), 2u);
   EXPECT_TRUE(cr::records_equal(*page.anchors.find({"src/a.py", 10, 12}),
                                 anchored_at(20, 22, "a.f", "f", 18, 30)));
-  EXPECT_EQ(page.anchors.find({"src/a.py", 5, 6})->dump(),
-            R"({"path":"src/a.py","line_start":40,"line_end":41,"note":"kept","symbol":"a.gg","name":"gg","symbol_start":40,"symbol_end":50})");
+  EXPECT_EQ(
+      page.anchors.find({"src/a.py", 5, 6})->dump(),
+      R"({"path":"src/a.py","line_start":40,"line_end":41,"note":"kept","symbol":"a.gg","name":"gg","symbol_start":40,"symbol_end":50})");
   EXPECT_EQ(page.lost, (std::vector<cr::detail::LostPair>{{{"src/a.py", 60, 61}, "a.h"},
-                                                   {{"src/b.py", 1, 2}, "tiny"}}));
+                                                          {{"src/b.py", 1, 2}, "tiny"}}));
 
   // One symbol query per path; a file query per distinct citation, and per repeat of one that
   // was not indexed.

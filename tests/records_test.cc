@@ -23,7 +23,8 @@ TEST(ToLine, ConvertsWhatALineMayBeStoredAs) {
       {Record("\u2003 12 \u2029"), 12},
       {Record(9223372036854775807LL), 9223372036854775807LL},
   };
-  for (const auto& [value, line] : cases) EXPECT_EQ(cr::detail::to_line(value, "line_start"), line) << value;
+  for (const auto& [value, line] : cases)
+    EXPECT_EQ(cr::detail::to_line(value, "line_start"), line) << value;
 }
 
 TEST(ToLine, RejectsNonNumbersAndAbsurdValuesWithClearErrors) {
@@ -32,12 +33,22 @@ TEST(ToLine, RejectsNonNumbersAndAbsurdValuesWithClearErrors) {
     EXPECT_THROW(cr::detail::to_line(value, "line_end"), cr::RecordTypeError) << value;
   }
   const Record value_errors[] = {
-      Record("12a"), Record(""), Record("1.5"), Record("- 3"), Record("0x10"), Record("1\u30002"),
-      Record("\u3000"), Record("\xff1"),
-      Record(1e30), Record(-1e30), Record(9223372036854775808.0),
-      Record(std::numeric_limits<double>::infinity()), Record(std::nan("")),
+      Record("12a"),
+      Record(""),
+      Record("1.5"),
+      Record("- 3"),
+      Record("0x10"),
+      Record("1\u30002"),
+      Record("\u3000"),
+      Record("\xff1"),
+      Record(1e30),
+      Record(-1e30),
+      Record(9223372036854775808.0),
+      Record(std::numeric_limits<double>::infinity()),
+      Record(std::nan("")),
       Record(9223372036854775808ULL),  // 2^63
-      Record("99999999999999999999"), Record("-99999999999999999999"),
+      Record("99999999999999999999"),
+      Record("-99999999999999999999"),
   };
   for (const auto& value : value_errors) {
     try {
@@ -55,7 +66,8 @@ TEST(StoredKey, DefaultsAndConversions) {
             (CitationKey{"src/a.py", 3, 9}));
   // A path that is not text never equals a real file path.
   EXPECT_EQ(cr::detail::stored_key({{"path", 5}}).path, "5");
-  EXPECT_THROW(cr::detail::stored_key({{"path", "a"}, {"line_start", nullptr}}), cr::RecordTypeError);
+  EXPECT_THROW(cr::detail::stored_key({{"path", "a"}, {"line_start", nullptr}}),
+               cr::RecordTypeError);
 }
 
 TEST(RecordsEqual, IgnoresKeyOrderAtEveryDepth) {
@@ -68,7 +80,8 @@ TEST(RecordsEqual, IgnoresKeyOrderAtEveryDepth) {
 }
 
 TEST(JsonText, OneLineAndIndentedForms) {
-  const Record cache = Record::parse(R"j({"prose": "é (a#L1-L2)", "n": [1, {"k": null}], "e": {}})j");
+  const Record cache =
+      Record::parse(R"j({"prose": "é (a#L1-L2)", "n": [1, {"k": null}], "e": {}})j");
   EXPECT_EQ(cr::detail::dump_one_line(cache),
             R"j({"prose": "é (a#L1-L2)", "n": [1, {"k": null}], "e": {}})j");
 

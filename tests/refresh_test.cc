@@ -10,8 +10,8 @@ namespace {
 using Calls = std::vector<std::string>;
 
 Record anchored_f(Line start, Line end, Line old_start, Line old_end) {
-  return {{"path", "src/a.py"}, {"line_start", start},         {"line_end", end},
-          {"symbol", "a.f"},    {"name", "f"},                 {"symbol_start", old_start},
+  return {{"path", "src/a.py"},   {"line_start", start}, {"line_end", end},
+          {"symbol", "a.f"},      {"name", "f"},         {"symbol_start", old_start},
           {"symbol_end", old_end}};
 }
 
@@ -51,8 +51,8 @@ TEST_F(RefreshCitations, OneCitationFollowsItsDeclarationThenNothingMoves) {
            {{"build_cache", {{"prose", "Also " + cite("src/a.py", 10, 12)}, {"n", "é"}}},
             {"content_hash", "old"}});
   files()[wiki / "digests.json"] =
-             ("{\n    \"p1\": {\"citations\": [{\"path\": \"src/a.py\", \"line_start\": \"10\", "
-             "\"line_end\": 12, \"x\": 1}], \"summary\": \"s\"},\n    \"p9\": null\n}\n");
+      ("{\n    \"p1\": {\"citations\": [{\"path\": \"src/a.py\", \"line_start\": \"10\", "
+       "\"line_end\": 12, \"x\": 1}], \"summary\": \"s\"},\n    \"p9\": null\n}\n");
 
   const auto result = refresh();
 
@@ -80,8 +80,14 @@ TEST_F(RefreshCitations, OneCitationFollowsItsDeclarationThenNothingMoves) {
 }
 
 TEST_F(RefreshCitations, ReportOnlyFindsWhatWritingFindsAndWritesNothing) {
-  add_page("moves", "moves.md", "`f` " + cite("src/a.py", 10, 12) + " gone " +
-               cite("src/a.py", 60, 60), {anchored_f(10, 12, 8, 20), {{"path", "src/a.py"}, {"line_start", 60}, {"line_end", 60}, {"symbol", "a.h"}, {"name", "h"}}});
+  add_page("moves", "moves.md",
+           "`f` " + cite("src/a.py", 10, 12) + " gone " + cite("src/a.py", 60, 60),
+           {anchored_f(10, 12, 8, 20),
+            {{"path", "src/a.py"},
+             {"line_start", 60},
+             {"line_end", 60},
+             {"symbol", "a.h"},
+             {"name", "h"}}});
   // Only gains an anchor: a legacy stored citation whose lines stay.
   add_page("anchors", "sub/anchors.md", "`g` " + cite("src/a.py", 41, 42),
            {{{"path", "src/a.py"}, {"line_start", 41}, {"line_end", 42}}},
@@ -96,8 +102,10 @@ TEST_F(RefreshCitations, ReportOnlyFindsWhatWritingFindsAndWritesNothing) {
   EXPECT_EQ(report.repaired, 0);
   EXPECT_EQ(report.pages_written, 0);
   EXPECT_EQ(report.moved, (nlohmann::ordered_map<std::string, std::int64_t>{{"moves", 1}}));
-  EXPECT_EQ(report.lost, (std::vector<Record>{{{"page_id", "moves"}, {"path", "src/a.py"},
-                                                {"lines", "L60-L60"}, {"name", "h"}}}));
+  EXPECT_EQ(
+      report.lost,
+      (std::vector<Record>{
+          {{"page_id", "moves"}, {"path", "src/a.py"}, {"lines", "L60-L60"}, {"name", "h"}}}));
   EXPECT_TRUE(writes().empty());
   EXPECT_TRUE(repo.updates.empty());
   EXPECT_EQ(repo.pages, pages_before);
@@ -119,7 +127,8 @@ TEST_F(RefreshCitations, ReportOnlyFindsWhatWritingFindsAndWritesNothing) {
 }
 
 TEST_F(RefreshCitations, CrLfPagesAreReadAndWrittenWithLineFeeds) {
-  add_page("p", "p.md", "a\r\n`f` " + cite("src/a.py", 10, 12) + "\rb\r\n", {anchored_f(10, 12, 8, 20)});
+  add_page("p", "p.md", "a\r\n`f` " + cite("src/a.py", 10, 12) + "\rb\r\n",
+           {anchored_f(10, 12, 8, 20)});
   refresh();
   const std::string expected = "a\n`f` " + cite("src/a.py", 20, 22) + "\nb\n";
   EXPECT_EQ(files()[wiki / "p.md"], expected);
@@ -143,9 +152,11 @@ TEST_F(RefreshCitations, EveryPagesMovesReachTheDigestReadOnce) {
       R"({"one": {"citations": [{"path": "src/a.py", "line_start": 10, "line_end": 12}]},)"
       R"( "two": {"citations": [{"path": "src/a.py", "line_start": 12, "line_end": 13}]}})";
   refresh();
-  EXPECT_EQ(Record::parse(files()[wiki / "digests.json"]),
-            Record::parse(R"({"one": {"citations": [{"path": "src/a.py", "line_start": 20, "line_end": 22}]},)"
-                          R"( "two": {"citations": [{"path": "src/a.py", "line_start": 22, "line_end": 23}]}})"));
+  EXPECT_EQ(
+      Record::parse(files()[wiki / "digests.json"]),
+      Record::parse(
+          R"({"one": {"citations": [{"path": "src/a.py", "line_start": 20, "line_end": 22}]},)"
+          R"( "two": {"citations": [{"path": "src/a.py", "line_start": 22, "line_end": 23}]}})"));
   EXPECT_EQ(std::count(host.calls.begin(), host.calls.end(), "read digests.json"), 1);
 }
 
@@ -153,7 +164,8 @@ TEST_F(RefreshCitations, AFailedPageWriteLeavesTheDigestAndStoreAlone) {
   add_page("p", "p.md", "`f` " + cite("src/a.py", 10, 12), {anchored_f(10, 12, 8, 20)});
   host.file_system.fault = [](const std::string& operation, const fs::path& path) {
     if (operation == "write" && path.filename() == "p.md") {
-      throw fs::filesystem_error("cannot write", path, std::make_error_code(std::errc::no_space_on_device));
+      throw fs::filesystem_error("cannot write", path,
+                                 std::make_error_code(std::errc::no_space_on_device));
     }
   };
   EXPECT_THROW(refresh(), fs::filesystem_error);
@@ -177,8 +189,12 @@ TEST(ReadDigests, AnythingButAJsonObjectIsAnEmptyMap) {
   testing::TempDir dir;
   RealFileSystem real;
   const std::pair<std::string, std::string> cases[] = {
-      {"[1]", "{}"}, {"\"text\"", "{}"}, {"3", "{}"}, {"{nope", "{}"},
-      {"\xEF\xBB\xBF{\"a\": 1}", "{}"}, {"{\"a\": \"\xFF\"}", "{}"},
+      {"[1]", "{}"},
+      {"\"text\"", "{}"},
+      {"3", "{}"},
+      {"{nope", "{}"},
+      {"\xEF\xBB\xBF{\"a\": 1}", "{}"},
+      {"{\"a\": \"\xFF\"}", "{}"},
       {"{\"b\": 1, \"a\": 2}", R"({"b":1,"a":2})"},
   };
   for (const auto& [content, expected] : cases) {

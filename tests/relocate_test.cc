@@ -7,8 +7,8 @@ namespace tolbarrow::hosts::memory {
 namespace {
 
 Record anchored_record(Record start, Record end, Record old_start, Record old_end) {
-  return {{"path", "a.py"},     {"line_start", start},       {"line_end", end},
-          {"symbol", "a.f"},    {"symbol_start", old_start}, {"symbol_end", old_end}};
+  return {{"path", "a.py"},  {"line_start", start},       {"line_end", end},
+          {"symbol", "a.f"}, {"symbol_start", old_start}, {"symbol_end", old_end}};
 }
 
 struct RelocateCase {
@@ -53,7 +53,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(RelocatedRangeRecord, ComparesAfterConversionAndFailsOnMissingOrAbsurdValues) {
   const auto symbol = sym("a.f", 30, 45);
-  EXPECT_EQ(cr::relocated_range(anchored_record("10", 20, " 10 ", 20), symbol), (LineRange{30, 45}));
+  EXPECT_EQ(cr::relocated_range(anchored_record("10", 20, " 10 ", 20), symbol),
+            (LineRange{30, 45}));
 
   Record missing = anchored_record(12, 15, 10, 20);
   missing.erase("symbol_end");
@@ -67,7 +68,7 @@ TEST(RelocatedRangeRecord, ComparesAfterConversionAndFailsOnMissingOrAbsurdValue
 
 TEST(FindAgain, ByQualifiedNameThenNameNearestTheOldStart) {
   const std::vector<Symbol> symbols = {sym("m.C.load", 200, 210), sym("m.D.load", 50, 60),
-                                      sym("m.E.save", 47, 49), sym("m.F.save", 53, 55)};
+                                       sym("m.E.save", 47, 49), sym("m.F.save", 53, 55)};
   const Symbol *far_fqn = &symbols[0], *near_name = &symbols[1], *above = &symbols[2];
   struct Case {
     Record citation;

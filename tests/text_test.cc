@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "workers/wiki/text.h"
+
+#include <gtest/gtest.h>
 
 namespace tolbarrow::workers::wiki {
 namespace {
@@ -27,12 +27,12 @@ TEST(Text, OffsetsCountCodePointsAcrossIndexBlocks) {
 TEST(Text, RejectsWhatStrictUtf8Rejects) {
   const std::pair<std::string, std::size_t> cases[] = {
       {"ok \xC3\xA9", std::string::npos},
-      {"abc\xFF", 3},                  // never a UTF-8 byte
-      {"ab\xC3", 2},                   // truncated sequence
-      {"a\xC0\xAF", 1},                // overlong
-      {"\xED\xA0\x80", 0},             // surrogate
-      {"x\xF4\x90\x80\x80", 1},        // above U+10FFFF
-      {"12345678\x80", 8},             // stray continuation after the ASCII fast path
+      {"abc\xFF", 3},            // never a UTF-8 byte
+      {"ab\xC3", 2},             // truncated sequence
+      {"a\xC0\xAF", 1},          // overlong
+      {"\xED\xA0\x80", 0},       // surrogate
+      {"x\xF4\x90\x80\x80", 1},  // above U+10FFFF
+      {"12345678\x80", 8},       // stray continuation after the ASCII fast path
   };
   for (const auto& [bytes, bad] : cases) {
     EXPECT_EQ(first_invalid_utf8(bytes), bad) << bytes;

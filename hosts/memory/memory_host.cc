@@ -130,7 +130,8 @@ std::string MemoryFileSystem::read_file(const fs::path& path) {
   calls_.push_back("read " + path.filename().string());
   if (fault) fault("read", path);
   if (directories.count(path)) {
-    throw fs::filesystem_error("cannot read", path, std::make_error_code(std::errc::is_a_directory));
+    throw fs::filesystem_error("cannot read", path,
+                               std::make_error_code(std::errc::is_a_directory));
   }
   auto it = files.find(path);
   if (it == files.end()) no_file(path);

@@ -54,7 +54,8 @@ std::string RealFileSystem::read_file(const fs::path& path) {
   if (file.fd < 0) fail("cannot open", path, errno);
   std::string out;
   struct stat info {};
-  if (::fstat(file.fd, &info) == 0 && info.st_size > 0) out.reserve(static_cast<std::size_t>(info.st_size));
+  if (::fstat(file.fd, &info) == 0 && info.st_size > 0)
+    out.reserve(static_cast<std::size_t>(info.st_size));
   char buffer[1 << 16];
   for (;;) {
     const ssize_t n = ::read(file.fd, buffer, sizeof buffer);
@@ -71,8 +72,7 @@ std::string RealFileSystem::read_file(const fs::path& path) {
 void RealFileSystem::atomic_write(const fs::path& path, std::string_view content) {
   const fs::path dir = path.has_parent_path() ? path.parent_path() : fs::path(".");
   std::random_device random;
-  const fs::path temp =
-      dir / ("." + path.filename().string() + ".tmp-" + std::to_string(random()));
+  const fs::path temp = dir / ("." + path.filename().string() + ".tmp-" + std::to_string(random()));
 
   // The new file keeps the old one's mode (a new file takes the default mode).
   mode_t mode = 0666;

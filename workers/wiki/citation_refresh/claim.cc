@@ -108,9 +108,9 @@ std::vector<std::string> claim_identifiers(const Host& host, const Text& text,
 
 namespace detail {
 
-std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host,
-                                                  std::span<const Symbol> symbols, Line start,
-                                                  Line end, const std::vector<std::string>& names) {
+std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<const Symbol> symbols,
+                                                  Line start, Line end,
+                                                  const std::vector<std::string>& names) {
   // A name is preferred by its first mention: the later that is, the nearer the citation.
   std::unordered_map<std::string_view, std::size_t> first_mention;
   for (std::size_t i = 0; i < names.size(); ++i) first_mention.try_emplace(names[i], i);

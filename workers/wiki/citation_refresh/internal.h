@@ -101,9 +101,9 @@ const Symbol* find_again(std::span<const Symbol> symbols, const Record& citation
 
 // Chooses the declaration that a legacy citation of lines start..end is anchored to, and the
 // range it takes with it, from the identifiers `names` that its claim names (nearest last).
-std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host,
-                                                  std::span<const Symbol> symbols, Line start,
-                                                  Line end, const std::vector<std::string>& names);
+std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<const Symbol> symbols,
+                                                  Line start, Line end,
+                                                  const std::vector<std::string>& names);
 
 // Works out one page's moves, new anchors and lost citations. Changes nothing.
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,

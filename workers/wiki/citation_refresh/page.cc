@@ -26,7 +26,8 @@ Files::Files(const Host& host, Repository& repository, std::filesystem::path rep
 
 std::span<const Symbol> Files::symbols(const std::string& path) {
   auto it = symbols_.find(path);
-  if (it == symbols_.end()) it = symbols_.emplace(path, repository_.get_symbols_by_path(path)).first;
+  if (it == symbols_.end())
+    it = symbols_.emplace(path, repository_.get_symbols_by_path(path)).first;
   return it->second;
 }
 

@@ -31,14 +31,16 @@ std::string PageRow::page_id() const {
 std::vector<Record> PageRow::citations() const {
   auto v = field("citations");
   if (!v || !detail::present(*v)) return {};
-  if (!v->is_array()) throw RecordTypeError("page row citations: expected a list, got " + v->dump());
+  if (!v->is_array())
+    throw RecordTypeError("page row citations: expected a list, got " + v->dump());
   return std::move(v->get_ref<Record::array_t&>());
 }
 
 Record PageRow::build_cache() const {
   auto v = field("build_cache");
   if (!v || !detail::present(*v)) return Record::object();
-  if (!v->is_object()) throw RecordTypeError("page row build_cache: expected a map, got " + v->dump());
+  if (!v->is_object())
+    throw RecordTypeError("page row build_cache: expected a map, got " + v->dump());
   return std::move(*v);
 }
 
@@ -81,13 +83,16 @@ Line parse_line(const std::string& text, std::string_view what) {
   std::size_t digits = 0;
   if (digits < number.size() && (number[digits] == '+' || number[digits] == '-')) ++digits;
   bool ok = digits < number.size();
-  for (std::size_t i = digits; i < number.size(); ++i) ok = ok && number[i] >= '0' && number[i] <= '9';
-  if (!ok) throw RecordValueError(std::string(what) + ": not an integer: " +
+  for (std::size_t i = digits; i < number.size(); ++i)
+    ok = ok && number[i] >= '0' && number[i] <= '9';
+  if (!ok)
+    throw RecordValueError(std::string(what) + ": not an integer: " +
                            Record(text).dump(-1, ' ', false, Record::error_handler_t::replace));
   errno = 0;
   const std::string copy(number);
   const long long value = std::strtoll(copy.c_str(), nullptr, 10);
-  if (errno == ERANGE) throw RecordValueError(std::string(what) + ": integer out of range: " + copy);
+  if (errno == ERANGE)
+    throw RecordValueError(std::string(what) + ": integer out of range: " + copy);
   return value;
 }
 
@@ -159,7 +164,8 @@ CitationKey stored_key(const Record& record) {
   }
   CitationKey key;
   if (auto it = record.find("path"); it != record.end()) key.path = to_path(*it);
-  if (auto it = record.find("line_start"); it != record.end()) key.start = to_line(*it, "line_start");
+  if (auto it = record.find("line_start"); it != record.end())
+    key.start = to_line(*it, "line_start");
   if (auto it = record.find("line_end"); it != record.end()) key.end = to_line(*it, "line_end");
   return key;
 }
@@ -205,7 +211,8 @@ std::string to_string(const CitationRefresh& r) {
   std::ostringstream out;
   out << "CitationRefresh(repaired=" << r.repaired << ", unrepairable=" << r.unrepairable
       << ", pages_written=" << r.pages_written << ", lost=[";
-  for (std::size_t i = 0; i < r.lost.size(); ++i) out << (i ? ", " : "") << detail::dump_one_line(r.lost[i]);
+  for (std::size_t i = 0; i < r.lost.size(); ++i)
+    out << (i ? ", " : "") << detail::dump_one_line(r.lost[i]);
   out << "], moved={";
   bool first = true;
   for (const auto& [page, count] : r.moved) {

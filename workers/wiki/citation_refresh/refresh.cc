@@ -87,8 +87,8 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
 
     Record cache = row->build_cache();
     if (auto prose = cache.find("prose"); prose != cache.end() && prose->is_string()) {
-      *prose = host.syntax.rewrite(Text(prose->get<std::string>(), "build cache prose"),
-                                   page.moves);
+      *prose =
+          host.syntax.rewrite(Text(prose->get<std::string>(), "build cache prose"), page.moves);
     }
 
     const std::string page_id = row->page_id();

@@ -17,8 +17,7 @@ pcre2_match_data* thread_match_data() {
   struct Deleter {
     void operator()(pcre2_match_data* d) const { pcre2_match_data_free(d); }
   };
-  thread_local std::unique_ptr<pcre2_match_data, Deleter> data(
-      pcre2_match_data_create(8, nullptr));
+  thread_local std::unique_ptr<pcre2_match_data, Deleter> data(pcre2_match_data_create(8, nullptr));
   return data.get();
 }
 
@@ -27,9 +26,8 @@ pcre2_match_data* thread_match_data() {
 Regex::Regex(std::string_view pattern) : pattern_(pattern) {
   int error = 0;
   PCRE2_SIZE error_offset = 0;
-  pcre2_code* code =
-      pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern_.data()), pattern_.size(),
-                    PCRE2_UTF | PCRE2_UCP, &error, &error_offset, nullptr);
+  pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern_.data()), pattern_.size(),
+                                   PCRE2_UTF | PCRE2_UCP, &error, &error_offset, nullptr);
   if (code == nullptr) {
     PCRE2_UCHAR message[256];
     pcre2_get_error_message(error, message, sizeof message);
@@ -51,8 +49,8 @@ std::optional<Regex::Match> Regex::search(std::string_view subject, std::size_t 
   if (rc < 0) {
     PCRE2_UCHAR message[256];
     pcre2_get_error_message(rc, message, sizeof message);
-    throw std::runtime_error("matching " + pattern_ + " failed: " +
-                             reinterpret_cast<const char*>(message));
+    throw std::runtime_error("matching " + pattern_ +
+                             " failed: " + reinterpret_cast<const char*>(message));
   }
   const PCRE2_SIZE* ov = pcre2_get_ovector_pointer(data);
   Match m{ov[0], ov[1]};
