@@ -9,13 +9,14 @@ if [ "$(id -u)" -ne 0 ]; then sudo=sudo; fi
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends \
-  cmake g++ make pkg-config \
-  libpcre2-dev nlohmann-json3-dev libspdlog-dev \
+  cmake g++ make pkg-config git clang-format \
+  libpcre2-dev nlohmann-json3-dev libspdlog-dev libicu-dev \
+  libsqlite3-dev libssl-dev universal-ctags \
   libgtest-dev libgmock-dev libbenchmark-dev \
   pybind11-dev python3-dev python3-pytest >/dev/null
 
 cmake -S . -B build -DTOLBARROW_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3
 cmake --build build -j"$(nproc)"
 
-PYTHONPATH=build/python:tests/python/host PYTHONDONTWRITEBYTECODE=1 \
+PYTHONPATH=build/python:hosts/python/tests/host PYTHONDONTWRITEBYTECODE=1 \
   /usr/bin/python3 examples/road_of_one_citation.py

@@ -54,6 +54,13 @@ TEST_F(ClaimIdentifiers, TurnsSpansIntoNames) {
   for (const auto& [before, names] : cases) EXPECT_EQ(claim(before), names) << before;
 }
 
+// File-name endings are compared with the token's full Unicode lower case, whatever the locale:
+// "É" lowers to "é", and "İ" to "i" with a combining dot above.
+TEST_F(ClaimIdentifiers, FileNamesAreRecognisedInAnyCase) {
+  host.skip_exts = {".\xC3\xA9t\xC3\xA9", ".i\xCC\x87"};
+  EXPECT_EQ(claim("`load.\xC3\x89T\xC3\x89` `x.\xC4\xB0` `load_x` "), Names{"load_x"});
+}
+
 TEST_F(ClaimIdentifiers, WindowCountsCodePoints) {
   std::string astral, accents;
   for (int i = 0; i < 200; ++i) astral += "\xF0\x9D\x84\x9E";

@@ -74,7 +74,6 @@ TEST(RecordsEqual, IgnoresKeyOrderAtEveryDepth) {
   const Record a = {{"x", 1}, {"m", {{"p", 1}, {"q", {1, 2}}}}};
   const Record b = {{"m", {{"q", {1, 2}}, {"p", 1}}}, {"x", 1.0}};
   EXPECT_TRUE(cr::records_equal(a, b));
-  EXPECT_FALSE(a == b);  // nlohmann's own == compares in key order
   EXPECT_FALSE(cr::records_equal(a, {{"x", 1}}));
   EXPECT_FALSE(cr::records_equal({{"q", {1, 2}}}, {{"q", {2, 1}}}));
 }
