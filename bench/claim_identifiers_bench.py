@@ -6,7 +6,7 @@ before its citation, and the page is not converted again for every call.
 
 Usage: /usr/bin/python3 bench/claim_identifiers_bench.py [BUILD_DIR]
 BUILD_DIR is the CMake build directory (default: build-py, else build, under the repository root).
-The test host of tests/python/host provides the host services the extension binds at import.
+The test host of hosts/python/tests/host provides the host services the extension binds at import.
 """
 import sys
 import time
@@ -33,7 +33,7 @@ def page(citations):
 
 
 def main():
-    sys.path[:0] = [str(build_dir() / "python"), str(ROOT / "tests" / "python" / "host")]
+    sys.path[:0] = [str(build_dir() / "python"), str(ROOT / "hosts" / "python" / "tests" / "host")]
     from tolbarrow.workers.wiki import citation_refresh
     from tolbarrow.workers.wiki.types import _CITATION_RE
 

@@ -1,7 +1,7 @@
 """A wiki page whose cited function moved, refreshed through the Python extension.
 
 Run with the built extension and a host package on the path, e.g.
-    PYTHONPATH=build/python:tests/python/host /usr/bin/python3 examples/road_of_one_citation.py
+    PYTHONPATH=build/python:hosts/python/tests/host /usr/bin/python3 examples/road_of_one_citation.py
 The host here is the small one the Python tests use; a real host passes its own Repository.
 """
 import json

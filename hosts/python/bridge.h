@@ -1,26 +1,38 @@
-// The Python extension's side of the boundary: references to Python objects that C++ values carry
-// through the core, the host's bound services, and conversions between Python values and the
-// core's records, keys, ranges, symbols and texts.
+// The Python extension's side of the boundary: the host's Python services as the core's host
+// interfaces, and conversions between Python values and the core's records, keys, ranges,
+// symbols, texts and paths.
 //
-// GIL discipline: the extension's functions release the GIL around every core call. The core
+// GIL discipline: the extension's functions release the GIL around every core call; the core
 // calls back into Python only through host_call(), which takes the GIL for the call and for the
-// conversions on either side of it. Every C++ value that holds a Python object and that the core
-// may copy or drop while the GIL is released holds it through a PyRef, whose release takes the GIL.
+// conversions on either side of it. The objects handed to the core (page rows, line counts, write
+// locks) only borrow Python objects, which the PyHost of the call owns: the core may drop them
+// without the GIL.
+//
+// Identity: the host gets back its own objects (symbols and their lists, citation keys, the
+// caller's paths, a row's content hash, a line count, a text hash). The core's values are plain,
+// so a PyHost keeps side tables from those values to the host's objects: symbols by the address
+// of their element in the list the bridge gave, citation keys by value within the page last
+// searched, texts by Text::id().
 #pragma once
 
 #include <pybind11/pybind11.h>
 
+#include <array>
 #include <cstddef>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "workers/wiki/citation_refresh.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
 namespace tolbarrow::workers::wiki::pybridge {
 
@@ -28,82 +40,73 @@ namespace py = pybind11;
 namespace cr = citation_refresh;
 namespace fs = std::filesystem;
 
-// ---- References -------------------------------------------------------------------------------
+// ---- The host ---------------------------------------------------------------------------------
 
-// A strong reference to a Python object that may be dropped on a thread that does not hold the
-// GIL: dropping it takes the GIL. Made with the GIL held.
-class PyRef {
+// The host's Python services, bound at import.
+struct Services {
+  py::object LineCounts, fit_range;                                       // citation_ranges
+  py::object WriteLockMixin;                                              // lock
+  py::object atomic_write, text_hash;                                     // repo_facts
+  py::object CITATION_RE, CitationKey, WikiBusy, citation_key;            // types
+  py::object SKIP_IDENT_EXTS, UNANCHORED_KINDS, anchor_symbol, anchored,  // verify
+      prose_citations, rewrite_citations;
+};
+
+// Interned names of the attributes and keywords the bridge uses on host objects.
+struct Names {
+  Names();
+  py::object start, end, finditer, value, fqn, name, kind, start_line, end_line, content_hash;
+  py::object get_symbols_by_path, get_file_by_path, get_wiki_pages, update_wiki_page_citations;
+  py::object acquire_write_lock, release_write_lock;
+  py::object moves_keyword;    // ("moves",)
+  py::object update_keywords;  // the keywords of update_wiki_page_citations
+};
+
+// The Python str forms of page texts, so that a page is converted once: the str a caller passes
+// keeps its Text (callers pass one page many times), a Text made in C++ is converted once however
+// many host calls it goes to, and a text the host returned is handed back as its own str when the
+// core passes those bytes on. One entry each: the core works through one page at a time. GIL held.
+class TextForms {
  public:
-  explicit PyRef(py::handle object) : object_(object.inc_ref().ptr()) {}
-  ~PyRef() {
-    py::gil_scoped_acquire gil;
-    Py_DECREF(object_);
-  }
-  PyRef(const PyRef&) = delete;
-  PyRef& operator=(const PyRef&) = delete;
-
-  py::handle handle() const { return object_; }
-  py::object object() const { return py::reinterpret_borrow<py::object>(object_); }
+  // The Text of a Python str.
+  std::shared_ptr<const Text> text(py::handle str);
+  // The str of a Text: the caller's own when the Text was made from one.
+  py::object str(const Text& text);
+  // The str of UTF-8 bytes: a str the host returned lately when it holds those bytes.
+  py::object str(std::string_view utf8);
+  // Notes a str the host returned, whose UTF-8 form has been read.
+  void returned(py::handle str);
 
  private:
-  PyObject* object_;
-};
-using PyRefPtr = std::shared_ptr<const PyRef>;
-
-inline PyRefPtr make_ref(py::handle object) { return std::make_shared<const PyRef>(object); }
-
-// The payload of a HostValue that holds a Python value (a content hash, a line count): the very
-// object, handed back unchanged.
-struct PyValue {
-  PyRefPtr ref;
+  py::object caller_str_;
+  std::shared_ptr<const Text> caller_text_;
+  std::uint64_t text_id_ = 0;
+  py::object text_str_;
+  std::array<py::object, 2> returned_;  // newest first
 };
 
-// A Symbol's host object: the Python symbol, and the sequence it came in (with its length then and
-// the symbol's place in it), so that the host's own list can be handed back where the core passes
-// the whole list (`anchor_symbol`). `sequence` is null for a symbol that came alone.
-struct SymbolHost : PyRef {
-  SymbolHost(py::handle symbol, PyRefPtr sequence, std::size_t index, std::size_t count)
-      : PyRef(symbol), sequence(std::move(sequence)), index(index), count(count) {}
-  PyRefPtr sequence;
-  std::size_t index;
-  std::size_t count;
+// Everything the extension's functions share, made at import.
+struct Bridge {
+  Services services;
+  Names names;
+  // Read once at import: the host's constants as the core asks for them.
+  std::vector<std::string> file_name_endings;
+  std::unordered_set<std::string> unanchored_kinds;
+  // The module's own classes (definitions.py), and the standard facilities the bridge uses.
+  py::object CitationRefresh, PageRefresh, WikiDirLock;
+  py::object Enum, Path, partial;
+  std::shared_ptr<spdlog::logger> logger;
+  TextForms texts;
 };
+using BridgePtr = std::shared_ptr<Bridge>;
 
-// ---- The host --------------------------------------------------------------------------------
-
-// The host's services as bound at import, and the standard facilities the bridge uses. Shared by
-// every callback the core holds; dropped with the GIL taken (see make_host).
-struct Host {
-  // citation_ranges
-  py::object LineCounts, fit_range;
-  // lock
-  py::object WriteLockMixin;
-  // repo_facts
-  py::object atomic_write, text_hash;
-  // types
-  py::object CITATION_RE, CitationKey, WikiBusy, citation_key;
-  // verify
-  py::object SKIP_IDENT_EXTS, UNANCHORED_KINDS, anchor_symbol, anchored, prose_citations,
-      rewrite_citations;
-
-  // This module's lock class (a WriteLockMixin subclass), made after the names are bound.
-  py::object WikiDirLock;
-  // Standard facilities.
-  py::object Enum, Path;
-};
-using HostPtr = std::shared_ptr<Host>;
-
-// A new, empty Host whose last owner may drop it without the GIL.
-HostPtr make_host();
-
-// A Python error raised by a host service that is the host's `_WikiBusy`, carried through the core
-// as a WikiBusy (which the guarded refresh catches). Restored as the very same Python error if it
-// reaches Python again.
+// A host's `_WikiBusy`, carried through the core as a WikiBusy (which the guarded refresh catches)
+// and restored as the very same Python error if it reaches Python again.
 class PyWikiBusy : public WikiBusy {
  public:
   explicit PyWikiBusy(py::error_already_set error)
-      : WikiBusy("the wiki is being written"), error_(std::move(error)) {}
-  // Makes the carried error the current Python error. GIL held.
+      : WikiBusy(error.what()), error_(std::move(error)) {}
+  // Makes the carried error the current Python error. GIL held; once.
   void restore() const { error_.restore(); }
 
  private:
@@ -113,142 +116,187 @@ class PyWikiBusy : public WikiBusy {
 // Runs `call` (a host call with its conversions) holding the GIL. A Python error leaves as
 // py::error_already_set, or as PyWikiBusy when it is the host's `_WikiBusy`.
 template <class F>
-auto host_call(const Host& host, F&& call) -> decltype(call()) {
+auto host_call(const Bridge& bridge, F&& call) -> decltype(call()) {
   py::gil_scoped_acquire gil;
   try {
     return call();
   } catch (py::error_already_set& error) {
-    if (error.matches(host.WikiBusy)) throw PyWikiBusy(std::move(error));
+    if (error.matches(bridge.services.WikiBusy)) throw PyWikiBusy(std::move(error));
     throw;
   }
 }
 
-// ---- Conversions (all with the GIL held) ------------------------------------------------------
+// Runs a core operation with the GIL released.
+template <class F>
+auto without_gil(F&& operation) -> decltype(operation()) {
+  py::gil_scoped_release nogil;
+  return operation();
+}
+
+// An spdlog logger whose messages go to the Python logger `logger` at the matching level.
+std::shared_ptr<spdlog::logger> python_logger(py::handle logger);
+
+// One call's host services, over the bound Python services: what the core is given as its Host.
+// Lives on the stack of one call of the extension, or inside a _Files.
+class PyHost final : public CitationSyntax,
+                     public Anchoring,
+                     public CitationRanges,
+                     public WriteLocks,
+                     public RealFileSystem {
+ public:
+  // `wiki_dir` and `repo_root` are the caller's own path objects for `wiki_path` and `root_path`
+  // (null: none), which the host gets back where the core hands back those paths.
+  explicit PyHost(BridgePtr bridge, py::handle wiki_dir = {}, fs::path wiki_path = {},
+                  py::handle repo_root = {}, fs::path root_path = {});
+  PyHost(const PyHost&) = delete;
+  PyHost& operator=(const PyHost&) = delete;
+
+  const cr::Host& host() const { return host_; }
+  Bridge& bridge() const { return *bridge_; }
+
+  // CitationSyntax: prose_citations, citation_key, _CITATION_RE, rewrite_citations.
+  void find(const Text& text, const std::function<void(const Citation&)>& each) override;
+  std::optional<std::size_t> last_end(const Text& text, std::size_t start,
+                                      std::size_t end) override;
+  std::string rewrite(const Text& text, const Moves& moves) override;
+  // Anchoring: _SKIP_IDENT_EXTS, _UNANCHORED_KINDS, anchor_symbol, anchored.
+  const std::vector<std::string>& file_name_endings() override {
+    return bridge_->file_name_endings;
+  }
+  bool unanchored_kind(const std::string& kind) override {
+    return bridge_->unanchored_kinds.count(kind) != 0;
+  }
+  const Symbol* anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) override;
+  Record anchored(Record record, const Symbol* symbol) override;
+  // CitationRanges: LineCounts, fit_range.
+  std::unique_ptr<LineCounts> line_counts(const fs::path& repo_root) override;
+  std::optional<LineRange> fit_range(Line first, Line last, Line line_count) override;
+  // WriteLocks: the module's _WikiDirLock over the host's WriteLockMixin.
+  std::unique_ptr<WriteLock> open(const fs::path& wiki_dir) override;
+  // FileSystem: the operating system's, writing through the host's _atomic_write.
+  void atomic_write(const fs::path& path, std::string_view content) override;
+
+  // ---- Side tables (GIL held) ----
+
+  // The Symbols of a host sequence of symbols, remembered with it. `sequence` itself is the
+  // host's list when it is a list or a tuple (else a list is made of it).
+  std::vector<Symbol> symbols_of(py::handle sequence);
+  // The host's object for a declaration of a list that symbols_of() made.
+  py::object symbol_object(const Symbol* symbol) const;
+  // The host's sequence when `symbols` is a whole list that symbols_of() made, else a new list of
+  // the host's symbol objects.
+  py::object symbols_object(std::span<const Symbol> symbols) const;
+
+  // The host's key object for `key` in the page last searched, else a new host CitationKey.
+  py::object key_object(const CitationKey& key) const;
+  // Maps going to Python: dicts in the map's order, keyed by the host's key objects.
+  py::dict moves_object(const Moves& moves) const;
+  py::dict anchors_object(const KeyedMap<Record>& anchors) const;
+
+  // The object the host's LineCounts gave for `count`, when it was the last count it gave.
+  py::object count_object(Line count) const;
+  // Records a line count the host gave. Returns it as a line.
+  Line counted(py::object count);
+
+  // Keeps `object` alive as long as this host, for the objects handed to the core. Borrowed back.
+  PyObject* keep(py::object object);
+
+ private:
+  struct SymbolList {
+    std::size_t size;
+    py::object sequence;  // the host's list
+    py::tuple items;      // its items when the list was given
+  };
+
+  BridgePtr bridge_;
+  cr::Host host_;
+  py::object wiki_dir_, repo_root_;
+  fs::path wiki_path_, root_path_;
+  std::map<const Symbol*, SymbolList, std::less<>> symbol_lists_;  // by their first element
+  std::unordered_map<CitationKey, py::object, CitationKeyHash> keys_;
+  Line last_count_ = 0;
+  py::object last_count_object_;
+  std::vector<py::object> kept_;
+};
+
+// The caller's Repository object as the core's Repository.
+class PyRepository final : public Repository {
+ public:
+  PyRepository(PyHost& host, py::handle repository);
+
+  std::vector<Symbol> get_symbols_by_path(const std::string& path) override;
+  bool is_indexed(const std::string& path) override;
+  std::vector<std::unique_ptr<const PageRow>> get_wiki_pages(const std::string& branch) override;
+  void update_wiki_page_citations(const std::string& branch, const PageRow& row,
+                                  const PageUpdate& update) override;
+  std::string text_hash(const std::string& text) override;
+
+ private:
+  PyHost& host_;
+  py::object repository_;
+  py::object hash_;  // the host's last text hash, and its text
+  std::string hash_text_;
+};
+
+// ---- Conversions (all with the GIL held) --------------------------------------------------------
 
 // Raises `type` with `message` as a pybind11 error the caller throws.
 [[noreturn]] void raise(PyObject* type, const std::string& message);
-
 // The type name of a Python object, for error messages.
 std::string type_name(py::handle object);
 
+// Calls `callable(*args)`; the last len(kwnames) of `args` go by the keywords `kwnames` names.
+py::object call(py::handle callable, std::initializer_list<py::handle> args,
+                py::handle kwnames = {});
+// Calls the method `name` of `self` likewise.
+py::object call_method(py::handle self, py::handle name, std::initializer_list<py::handle> args,
+                       py::handle kwnames = {});
+
 // A Python str as UTF-8. TypeError naming `what` when it is not a str.
 std::string to_utf8(py::handle text, std::string_view what);
-
 // UTF-8 bytes as a Python str.
 py::str to_str(std::string_view utf8);
 
 // A Python int as a line number. TypeError when it is not an int, OverflowError beyond 64 bits.
 Line to_line(py::handle value, std::string_view what);
+// A Python int as a text offset. Also ValueError when it is negative.
+std::size_t to_offset(py::handle value, std::string_view what);
 
 // A Python value as a record (JSON value): dict (str keys, order kept), list or tuple, str, int
 // (64-bit signed, else unsigned), float, bool and None. TypeError naming `what` and the type for
 // anything else, OverflowError for an int beyond 64 bits.
 Record to_record(py::handle value, std::string_view what);
-// A list of records.
+// A sequence of records.
 std::vector<Record> to_records(py::handle values, std::string_view what);
-
 // A record as a Python value; maps become dicts in the record's key order.
 py::object from_record(const Record& record);
+// Records as a Python list.
+py::list from_records(const std::vector<Record>& records);
 
 // A key of exactly three parts (path str, start int, end int): a CitationKey, a tuple, any
-// iterable. With `keep_host` the object itself rides along as the key's host object.
-CitationKey to_key(py::handle key, std::string_view what, bool keep_host);
-// The host's own key object when the key has one, else a new host CitationKey.
-py::object key_object(const Host& host, const CitationKey& key);
-
+// iterable.
+CitationKey to_key(py::handle key, std::string_view what);
 // A line range of exactly two ints, and back as a tuple.
 LineRange to_range(py::handle range, std::string_view what);
 py::tuple range_object(const LineRange& range);
-
 // Maps keyed by citation key, read from any mapping (keys unpacked as by to_key).
 Moves to_moves(py::handle moves, std::string_view what);
 KeyedMap<Record> to_anchors(py::handle anchors, std::string_view what);
-// Maps going to Python: dicts in the map's order, keyed by the host's own key objects.
-py::dict moves_object(const Host& host, const Moves& moves);
-py::dict anchors_object(const Host& host, const KeyedMap<Record>& anchors);
 
 // The text form of a symbol kind: a str (a StrEnum member too) as its str value, another Enum
 // member as str() of its value, anything else as str().
-std::string kind_text(const Host& host, py::handle kind);
-
-// A host Symbol, read once: fqn and name (str; None counts as empty), kind, start_line and
-// end_line (int). `sequence` is the list it came in, if any.
-SymbolPtr to_symbol(const Host& host, py::handle symbol, PyRefPtr sequence = nullptr,
-                    std::size_t index = 0, std::size_t count = 0);
-// A host sequence of Symbols. `*original` receives the sequence (a list made from it when it is
-// neither a list nor a tuple), the object a caller hands back as "the host's list".
-Symbols to_symbols(const Host& host, py::handle symbols, PyRefPtr* original = nullptr);
-// The host's own object for a symbol (made by to_symbol).
-py::object symbol_object(const Symbol& symbol);
-// The host's own sequence when `symbols` is exactly the sequence one call gave, else a new list
-// of the host's symbol objects.
-py::object symbols_object(const Symbols& symbols);
-
-// A page text as a Python str, converted once per Text and kept in its host-form slot.
-py::object text_object(const Text& text);
-// A Python str as a Text whose host form is that str.
-std::shared_ptr<const Text> to_text(py::handle text, std::string_view what);
-
-// A HostValue as the Python value it carries: a PyValue's object, None when empty.
-py::object host_value(const HostValue& value);
+std::string kind_text(const Bridge& bridge, py::handle kind);
+// The items of a host sequence of symbols, and the sequence handed back as "the host's list": the
+// sequence itself when it is a list or a tuple, else a list made from it.
+std::pair<py::object, py::tuple> symbol_sequence(py::handle symbols);
+// The host symbols `items`, each read once: fqn and name (str; None counts as empty), kind
+// (kind_text), start_line and end_line (int). The vector has an element buffer even when empty,
+// so that its data() names it.
+std::vector<Symbol> to_symbols(const Bridge& bridge, const py::tuple& items);
 
 // A path argument (str, bytes or os.PathLike) as a file-system path. TypeError naming `what`.
 fs::path to_path(py::handle path, std::string_view what);
 // A file-system path as a Python str (undecodable bytes as surrogate escapes).
 py::str path_str(const fs::path& path);
-
-// ---- Paths the host handed in ------------------------------------------------------------------
-
-// While a call of the extension runs, the caller's own `wiki_dir` and `repo_root` objects, so
-// that where the core hands those paths back to the host (the lock's `wiki_dir`, `LineCounts`'s
-// root) the host gets its own object. Scoped to the calling thread; calls may nest.
-class CallPaths {
- public:
-  CallPaths(py::handle wiki_dir, fs::path wiki_path, py::handle repo_root, fs::path root_path);
-  ~CallPaths();
-  CallPaths(const CallPaths&) = delete;
-  CallPaths& operator=(const CallPaths&) = delete;
-
-  // The caller's object for `path` in the given role, else a new pathlib.Path. GIL held.
-  static py::object wiki_dir(const Host& host, const fs::path& path);
-  static py::object repo_root(const Host& host, const fs::path& path);
-
- private:
-  py::handle wiki_dir_, repo_root_;
-  fs::path wiki_path_, root_path_;
-  const CallPaths* outer_;
-};
-
-// ---- Host services as the core sees them ---------------------------------------------------------
-
-// The host modules, each service a std::function calling the bound Python object.
-cr::HostModules host_modules(const HostPtr& host);
-
-// An spdlog logger named `name` whose messages go to the Python logger `logger` at the matching
-// level.
-std::shared_ptr<spdlog::logger> python_logger(const std::string& name, py::handle logger);
-
-// The caller's Repository object as the core's Repository. Lives on the stack of one call of the
-// extension (or inside a _Files); holds the repository object, and remembers the sequence that
-// get_symbols_by_path gave for each path.
-class PyRepository : public Repository {
- public:
-  PyRepository(HostPtr host, py::handle repository);
-
-  Symbols get_symbols_by_path(const std::string& path) override;
-  std::optional<Record> get_file_by_path(const std::string& path) override;
-  std::vector<PageRowPtr> get_wiki_pages(const std::string& branch) override;
-  void update_wiki_page_citations(const std::string& branch, const std::string& page_id,
-                                  PageUpdate update) override;
-
-  py::object repository() const { return repository_->object(); }
-  // The sequence that get_symbols_by_path gave for `path`, or None when it was not asked.
-  py::object symbol_list(const std::string& path) const;
-
- private:
-  HostPtr host_;
-  PyRefPtr repository_;
-  std::unordered_map<std::string, PyRefPtr> symbol_lists_;
-};
 
 }  // namespace tolbarrow::workers::wiki::pybridge

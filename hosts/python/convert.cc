@@ -1,6 +1,6 @@
 // Conversions between Python values and the core's records, keys, ranges, symbols, texts and
 // paths. Every function here runs with the GIL held.
-#include <limits>
+#include <cstring>
 
 #include "bridge.h"
 
@@ -15,6 +15,11 @@ struct RecursionGuard {
   ~RecursionGuard() { Py_LeaveRecursiveCall(); }
 };
 
+py::object steal(PyObject* object) {
+  if (object == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::object>(object);
+}
+
 // The items of `object` as a tuple: the object itself when it is one, else tuple(object). A
 // TypeError (not iterable) is reported as not being `expected`.
 py::tuple as_tuple(py::handle object, std::string_view what, std::string_view expected) {
@@ -23,22 +28,38 @@ py::tuple as_tuple(py::handle object, std::string_view what, std::string_view ex
   if (items == nullptr) {
     if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw py::error_already_set();
     PyErr_Clear();
-    raise(PyExc_TypeError, std::string(what) + ": expected " + std::string(expected) + ", got " +
-                               type_name(object));
+    raise(PyExc_TypeError,
+          std::string(what) + ": expected " + std::string(expected) + ", got " + type_name(object));
   }
   return py::reinterpret_steal<py::tuple>(items);
 }
 
-// The (key, value) pairs of a mapping, in its order.
-py::iterator mapping_items(py::handle mapping, std::string_view what) {
+// A map keyed by citation key from any mapping's items(), each value read by `value`.
+template <class V, class F>
+KeyedMap<V> to_keyed(py::handle mapping, std::string_view what, F&& value) {
   if (!PyDict_Check(mapping.ptr()) && !PyObject_HasAttrString(mapping.ptr(), "items")) {
     raise(PyExc_TypeError, std::string(what) + ": expected a dict, got " + type_name(mapping));
   }
-  return py::iter(mapping.attr("items")());
+  KeyedMap<V> out;
+  for (py::handle item : py::iter(mapping.attr("items")())) {
+    const py::tuple pair = as_tuple(item, what, "a (key, value) pair");
+    if (pair.size() != 2) raise(PyExc_ValueError, std::string(what) + ": expected (key, value)");
+    out.set(to_key(pair[0], std::string(what) + " key"), value(pair[1]));
+  }
+  return out;
 }
 
-const SymbolHost& symbol_host(const Symbol& symbol) {
-  return *static_cast<const SymbolHost*>(symbol.host.get());
+constexpr std::size_t kMaxArgs = 8;
+
+// Puts `args` on a vectorcall stack; returns how many of them are positional. The caller leaves
+// the slot before the stack free for the callee's own use (PY_VECTORCALL_ARGUMENTS_OFFSET).
+std::size_t fill(PyObject** stack, std::initializer_list<py::handle> args, py::handle kwnames) {
+  if (args.size() >= kMaxArgs) throw std::logic_error("pybridge: too many call arguments");
+  std::size_t n = 0;
+  for (py::handle arg : args) stack[n++] = arg.ptr();
+  const std::size_t keywords =
+      kwnames ? static_cast<std::size_t>(PyTuple_GET_SIZE(kwnames.ptr())) : 0;
+  return n - keywords;
 }
 
 }  // namespace
@@ -49,6 +70,22 @@ void raise(PyObject* type, const std::string& message) {
 }
 
 std::string type_name(py::handle object) { return Py_TYPE(object.ptr())->tp_name; }
+
+py::object call(py::handle callable, std::initializer_list<py::handle> args, py::handle kwnames) {
+  PyObject* stack[kMaxArgs + 1];
+  const std::size_t positional = fill(stack + 1, args, kwnames);
+  return steal(PyObject_Vectorcall(callable.ptr(), stack + 1,
+                                   positional | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames.ptr()));
+}
+
+py::object call_method(py::handle self, py::handle name, std::initializer_list<py::handle> args,
+                       py::handle kwnames) {
+  PyObject* stack[kMaxArgs + 2];
+  stack[1] = self.ptr();
+  const std::size_t positional = fill(stack + 2, args, kwnames) + 1;
+  return steal(PyObject_VectorcallMethod(
+      name.ptr(), stack + 1, positional | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames.ptr()));
+}
 
 std::string to_utf8(py::handle text, std::string_view what) {
   if (!PyUnicode_Check(text.ptr())) {
@@ -61,7 +98,8 @@ std::string to_utf8(py::handle text, std::string_view what) {
 }
 
 py::str to_str(std::string_view utf8) {
-  PyObject* text = PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), "strict");
+  PyObject* text =
+      PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), "strict");
   if (text == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::str>(text);
 }
@@ -77,7 +115,15 @@ Line to_line(py::handle value, std::string_view what) {
   return line;
 }
 
-// ---- Records ------------------------------------------------------------------------------------
+std::size_t to_offset(py::handle value, std::string_view what) {
+  const Line offset = to_line(value, what);
+  if (offset < 0) {
+    raise(PyExc_ValueError, std::string(what) + ": negative offset " + std::to_string(offset));
+  }
+  return static_cast<std::size_t>(offset);
+}
+
+// ---- Records ----------------------------------------------------------------------------------
 
 Record to_record(py::handle value, std::string_view what) {
   PyObject* v = value.ptr();
@@ -97,9 +143,8 @@ Record to_record(py::handle value, std::string_view what) {
       }
       PyErr_Clear();
     }
-    raise(PyExc_OverflowError,
-          std::string(what) + ": integer " + py::str(value).cast<std::string>() +
-              " is out of range (a record holds integers of at most 64 bits)");
+    raise(PyExc_OverflowError, std::string(what) + ": integer " + std::string(py::str(value)) +
+                                   " is out of range (a record holds integers of at most 64 bits)");
   }
   if (PyFloat_Check(v)) return PyFloat_AS_DOUBLE(v);
   if (PyUnicode_Check(v)) return to_utf8(value, what);
@@ -110,8 +155,7 @@ Record to_record(py::handle value, std::string_view what) {
     Py_ssize_t pos = 0;
     while (PyDict_Next(v, &pos, &key, &item)) {
       if (!PyUnicode_Check(key)) {
-        raise(PyExc_TypeError,
-              std::string(what) + ": keys must be str, got " + type_name(key));
+        raise(PyExc_TypeError, std::string(what) + ": keys must be str, got " + type_name(key));
       }
       out[to_utf8(key, what)] = to_record(item, what);
     }
@@ -129,8 +173,8 @@ Record to_record(py::handle value, std::string_view what) {
 }
 
 std::vector<Record> to_records(py::handle values, std::string_view what) {
-  std::vector<Record> out;
   const py::tuple items = as_tuple(values, what, "a list of records");
+  std::vector<Record> out;
   out.reserve(items.size());
   for (py::handle item : items) out.push_back(to_record(item, what));
   return out;
@@ -153,14 +197,17 @@ py::object from_record(const Record& record) {
     case Record::value_t::array: {
       py::list out(record.size());
       for (std::size_t i = 0; i < record.size(); ++i) {
-        PyList_SET_ITEM(out.ptr(), static_cast<Py_ssize_t>(i), from_record(record[i]).release().ptr());
+        PyList_SET_ITEM(out.ptr(), static_cast<Py_ssize_t>(i),
+                        from_record(record[i]).release().ptr());
       }
       return out;
     }
     case Record::value_t::object: {
       py::dict out;
       for (auto it = record.begin(); it != record.end(); ++it) {
-        out[to_str(it.key())] = from_record(*it);
+        if (PyDict_SetItem(out.ptr(), to_str(it.key()).ptr(), from_record(*it).ptr()) != 0) {
+          throw py::error_already_set();
+        }
       }
       return out;
     }
@@ -170,24 +217,26 @@ py::object from_record(const Record& record) {
   }
 }
 
-// ---- Keys and ranges --------------------------------------------------------------------------
-
-CitationKey to_key(py::handle key, std::string_view what, bool keep_host) {
-  const py::tuple parts = as_tuple(key, what, "a (path, start, end) citation key");
-  if (parts.size() != 3) {
-    raise(PyExc_ValueError, std::string(what) + ": a citation key has 3 parts (path, start, end), got " +
-                                std::to_string(parts.size()));
+py::list from_records(const std::vector<Record>& records) {
+  py::list out(records.size());
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    PyList_SET_ITEM(out.ptr(), static_cast<Py_ssize_t>(i), from_record(records[i]).release().ptr());
   }
-  CitationKey out(to_utf8(parts[0], std::string(what) + " path"),
-                  to_line(parts[1], std::string(what) + " start"),
-                  to_line(parts[2], std::string(what) + " end"));
-  if (keep_host) out.host = make_ref(key);
   return out;
 }
 
-py::object key_object(const Host& host, const CitationKey& key) {
-  if (key.host) return static_cast<const PyRef*>(key.host.get())->object();
-  return host.CitationKey(to_str(key.path), key.start, key.end);
+// ---- Keys and ranges --------------------------------------------------------------------------
+
+CitationKey to_key(py::handle key, std::string_view what) {
+  const py::tuple parts = as_tuple(key, what, "a (path, start, end) citation key");
+  if (parts.size() != 3) {
+    raise(PyExc_ValueError, std::string(what) +
+                                ": a citation key has 3 parts (path, start, end), got " +
+                                std::to_string(parts.size()));
+  }
+  return {to_utf8(parts[0], std::string(what) + " path"),
+          to_line(parts[1], std::string(what) + " start"),
+          to_line(parts[2], std::string(what) + " end")};
 }
 
 LineRange to_range(py::handle range, std::string_view what) {
@@ -203,138 +252,80 @@ LineRange to_range(py::handle range, std::string_view what) {
 py::tuple range_object(const LineRange& range) { return py::make_tuple(range.first, range.last); }
 
 Moves to_moves(py::handle moves, std::string_view what) {
-  Moves out;
-  for (py::handle item : mapping_items(moves, what)) {
-    const auto pair = py::reinterpret_borrow<py::tuple>(item);
-    out.set(to_key(pair[0], std::string(what) + " key", true),
-            to_range(pair[1], std::string(what) + " range"));
-  }
-  return out;
+  return to_keyed<LineRange>(
+      moves, what, [&](py::handle range) { return to_range(range, std::string(what) + " range"); });
 }
 
 KeyedMap<Record> to_anchors(py::handle anchors, std::string_view what) {
-  KeyedMap<Record> out;
-  for (py::handle item : mapping_items(anchors, what)) {
-    const auto pair = py::reinterpret_borrow<py::tuple>(item);
-    out.set(to_key(pair[0], std::string(what) + " key", true),
-            to_record(pair[1], std::string(what) + " record"));
-  }
-  return out;
-}
-
-py::dict moves_object(const Host& host, const Moves& moves) {
-  py::dict out;
-  for (const auto& [key, range] : moves) out[key_object(host, key)] = range_object(range);
-  return out;
-}
-
-py::dict anchors_object(const Host& host, const KeyedMap<Record>& anchors) {
-  py::dict out;
-  for (const auto& [key, record] : anchors) out[key_object(host, key)] = from_record(record);
-  return out;
+  return to_keyed<Record>(anchors, what, [&](py::handle record) {
+    return to_record(record, std::string(what) + " record");
+  });
 }
 
 // ---- Symbols ----------------------------------------------------------------------------------
 
-std::string kind_text(const Host& host, py::handle kind) {
+std::string kind_text(const Bridge& bridge, py::handle kind) {
   if (PyUnicode_Check(kind.ptr())) return to_utf8(kind, "Symbol.kind");  // str, StrEnum
-  if (py::isinstance(kind, host.Enum)) {
-    const py::object value = kind.attr("value");
-    if (PyUnicode_Check(value.ptr())) return to_utf8(value, "Symbol.kind");
-    return to_utf8(py::str(value), "Symbol.kind");
-  }
-  return to_utf8(py::str(kind), "Symbol.kind");
+  py::object text = py::reinterpret_borrow<py::object>(kind);
+  const int is_enum = PyObject_IsInstance(kind.ptr(), bridge.Enum.ptr());
+  if (is_enum < 0) throw py::error_already_set();
+  if (is_enum != 0) text = steal(PyObject_GetAttr(kind.ptr(), bridge.names.value.ptr()));
+  if (!PyUnicode_Check(text.ptr())) text = steal(PyObject_Str(text.ptr()));
+  return to_utf8(text, "Symbol.kind");
 }
 
-SymbolPtr to_symbol(const Host& host, py::handle symbol, PyRefPtr sequence, std::size_t index,
-                    std::size_t count) {
-  auto text = [&](const char* field) {
-    const py::object value = symbol.attr(field);
-    return value.is_none() ? std::string() : to_utf8(value, std::string("Symbol.") + field);
+namespace {
+
+Symbol to_symbol(const Bridge& bridge, py::handle symbol) {
+  const Names& n = bridge.names;
+  auto attr = [&](const py::object& name) {
+    return steal(PyObject_GetAttr(symbol.ptr(), name.ptr()));
   };
-  auto out = std::make_shared<Symbol>();
-  out->fqn = text("fqn");
-  out->name = text("name");
-  out->kind = kind_text(host, symbol.attr("kind"));
-  out->start_line = to_line(symbol.attr("start_line"), "Symbol.start_line");
-  out->end_line = to_line(symbol.attr("end_line"), "Symbol.end_line");
-  out->host = std::make_shared<const SymbolHost>(symbol, std::move(sequence), index, count);
+  auto text = [&](const py::object& name, const char* what) {
+    const py::object value = attr(name);
+    return value.is_none() ? std::string() : to_utf8(value, what);
+  };
+  Symbol out;
+  out.fqn = text(n.fqn, "Symbol.fqn");
+  out.name = text(n.name, "Symbol.name");
+  out.kind = kind_text(bridge, attr(n.kind));
+  out.start_line = to_line(attr(n.start_line), "Symbol.start_line");
+  out.end_line = to_line(attr(n.end_line), "Symbol.end_line");
   return out;
 }
 
-Symbols to_symbols(const Host& host, py::handle symbols, PyRefPtr* original) {
-  py::object sequence = py::reinterpret_borrow<py::object>(symbols);
-  if (!PyList_Check(symbols.ptr()) && !PyTuple_Check(symbols.ptr())) {
-    sequence = py::list(as_tuple(symbols, "symbols", "a sequence of Symbols"));
+}  // namespace
+
+std::pair<py::object, py::tuple> symbol_sequence(py::handle symbols) {
+  if (PyList_Check(symbols.ptr()) || PyTuple_Check(symbols.ptr())) {
+    return {py::reinterpret_borrow<py::object>(symbols),
+            as_tuple(symbols, "symbols", "a sequence of Symbols")};
   }
-  const PyRefPtr ref = make_ref(sequence);
-  if (original != nullptr) *original = ref;
-  const py::tuple items = as_tuple(sequence, "symbols", "a sequence of Symbols");
-  Symbols out;
-  out.reserve(items.size());
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    out.push_back(to_symbol(host, items[i], ref, i, items.size()));
-  }
+  py::tuple items = as_tuple(symbols, "symbols", "a sequence of Symbols");
+  return {steal(PySequence_List(items.ptr())), std::move(items)};
+}
+
+std::vector<Symbol> to_symbols(const Bridge& bridge, const py::tuple& items) {
+  std::vector<Symbol> out;
+  out.reserve(std::max<std::size_t>(items.size(), 1));
+  for (py::handle item : items) out.push_back(to_symbol(bridge, item));
   return out;
 }
 
-py::object symbol_object(const Symbol& symbol) { return symbol_host(symbol).object(); }
-
-py::object symbols_object(const Symbols& symbols) {
-  if (!symbols.empty()) {
-    const PyRefPtr& sequence = symbol_host(*symbols.front()).sequence;
-    bool same = sequence != nullptr && symbol_host(*symbols.front()).count == symbols.size();
-    for (std::size_t i = 0; same && i < symbols.size(); ++i) {
-      const SymbolHost& host = symbol_host(*symbols[i]);
-      same = host.sequence == sequence && host.index == i;
-    }
-    if (same) return sequence->object();
-  }
-  py::list out(symbols.size());
-  for (std::size_t i = 0; i < symbols.size(); ++i) {
-    PyList_SET_ITEM(out.ptr(), static_cast<Py_ssize_t>(i), symbol_object(*symbols[i]).release().ptr());
-  }
-  return out;
-}
-
-// ---- Texts, host values, paths ------------------------------------------------------------------
-
-py::object text_object(const Text& text) {
-  if (const auto& form = text.host_form()) return static_cast<const PyRef*>(form.get())->object();
-  py::str out = to_str(text.str());
-  text.set_host_form(make_ref(out));
-  return out;
-}
-
-std::shared_ptr<const Text> to_text(py::handle text, std::string_view what) {
-  auto out = std::make_shared<const Text>(to_utf8(text, what), what);
-  out->set_host_form(make_ref(text));
-  return out;
-}
-
-py::object host_value(const HostValue& value) {
-  if (!value.has_value()) return py::none();
-  if (const auto* held = std::any_cast<PyValue>(&value)) return held->ref->object();
-  if (const auto* line = std::any_cast<Line>(&value)) return py::int_(*line);
-  if (const auto* text = std::any_cast<std::string>(&value)) return to_str(*text);
-  if (const auto* record = std::any_cast<Record>(&value)) return from_record(*record);
-  raise(PyExc_TypeError, std::string("a host value of C++ type ") + value.type().name() +
-                             " has no Python form");
-}
+// ---- Paths --------------------------------------------------------------------------------------
 
 fs::path to_path(py::handle path, std::string_view what) {
   PyObject* fspath = PyOS_FSPath(path.ptr());
   if (fspath == nullptr) {
     if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw py::error_already_set();
     PyErr_Clear();
-    raise(PyExc_TypeError, std::string(what) + ": expected str, bytes or os.PathLike, got " +
-                               type_name(path));
+    raise(PyExc_TypeError,
+          std::string(what) + ": expected str, bytes or os.PathLike, got " + type_name(path));
   }
-  auto text = py::reinterpret_steal<py::object>(fspath);
+  py::object text = steal(fspath);
   if (PyUnicode_Check(fspath)) {
     // Undecodable file names come back as surrogate escapes; encode them back to their bytes.
-    text = py::reinterpret_steal<py::object>(PyUnicode_EncodeFSDefault(fspath));
-    if (!text) throw py::error_already_set();
+    text = steal(PyUnicode_EncodeFSDefault(fspath));
   }
   return fs::path(std::string(PyBytes_AS_STRING(text.ptr()),
                               static_cast<std::size_t>(PyBytes_GET_SIZE(text.ptr()))));
@@ -342,41 +333,49 @@ fs::path to_path(py::handle path, std::string_view what) {
 
 py::str path_str(const fs::path& path) {
   const std::string& bytes = path.native();
-  PyObject* text = PyUnicode_DecodeFSDefaultAndSize(bytes.data(), static_cast<Py_ssize_t>(bytes.size()));
+  PyObject* text =
+      PyUnicode_DecodeFSDefaultAndSize(bytes.data(), static_cast<Py_ssize_t>(bytes.size()));
   if (text == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::str>(text);
 }
 
-// ---- Paths the host handed in ------------------------------------------------------------------
+// ---- Page texts ---------------------------------------------------------------------------------
 
-namespace {
-thread_local const CallPaths* current_paths = nullptr;
-}
-
-CallPaths::CallPaths(py::handle wiki_dir, fs::path wiki_path, py::handle repo_root,
-                     fs::path root_path)
-    : wiki_dir_(wiki_dir),
-      repo_root_(repo_root),
-      wiki_path_(std::move(wiki_path)),
-      root_path_(std::move(root_path)),
-      outer_(current_paths) {
-  current_paths = this;
-}
-
-CallPaths::~CallPaths() { current_paths = outer_; }
-
-py::object CallPaths::wiki_dir(const Host& host, const fs::path& path) {
-  for (const CallPaths* p = current_paths; p != nullptr; p = p->outer_) {
-    if (p->wiki_dir_ && p->wiki_path_ == path) return py::reinterpret_borrow<py::object>(p->wiki_dir_);
+std::shared_ptr<const Text> TextForms::text(py::handle str) {
+  if (!caller_text_ || !caller_str_.is(str)) {
+    caller_text_ = std::make_shared<const Text>(to_utf8(str, "text"), "text");
+    caller_str_ = py::reinterpret_borrow<py::object>(str);
   }
-  return host.Path(path_str(path));
+  // The core's calls with this text go to the host with the caller's str.
+  text_id_ = caller_text_->id();
+  text_str_ = caller_str_;
+  return caller_text_;
 }
 
-py::object CallPaths::repo_root(const Host& host, const fs::path& path) {
-  for (const CallPaths* p = current_paths; p != nullptr; p = p->outer_) {
-    if (p->repo_root_ && p->root_path_ == path) return py::reinterpret_borrow<py::object>(p->repo_root_);
+py::object TextForms::str(const Text& text) {
+  if (text_str_ && text_id_ == text.id()) return text_str_;
+  text_str_ = str(std::string_view(text.str()));
+  text_id_ = text.id();
+  return text_str_;
+}
+
+py::object TextForms::str(std::string_view utf8) {
+  for (const py::object& held : returned_) {
+    if (!held) continue;
+    Py_ssize_t size = 0;
+    const char* data = PyUnicode_AsUTF8AndSize(held.ptr(), &size);  // kept since it was read
+    if (data == nullptr) PyErr_Clear();
+    if (data != nullptr && static_cast<std::size_t>(size) == utf8.size() &&
+        std::memcmp(data, utf8.data(), utf8.size()) == 0) {
+      return held;
+    }
   }
-  return host.Path(path_str(path));
+  return to_str(utf8);
+}
+
+void TextForms::returned(py::handle str) {
+  returned_[1] = std::move(returned_[0]);
+  returned_[0] = py::reinterpret_borrow<py::object>(str);
 }
 
 }  // namespace tolbarrow::workers::wiki::pybridge

@@ -3,6 +3,7 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 
+#include <limits>
 #include <mutex>
 
 #include "bridge.h"
@@ -10,124 +11,33 @@
 namespace tolbarrow::workers::wiki::pybridge {
 namespace {
 
-// One match that `prose_citations` yielded: the host's match object, and its start() read once.
-class PyMatch : public CitationMatch {
- public:
-  PyMatch(py::handle match, std::size_t start) : match_(match), start_(start) {}
-  std::size_t start() const override { return start_; }
-  py::object object() const { return match_.object(); }
-
- private:
-  PyRef match_;
-  std::size_t start_;
-};
-
-std::size_t to_offset(py::handle value, const char* what) {
-  const Line offset = to_line(value, what);
-  if (offset < 0) raise(PyExc_ValueError, std::string(what) + ": negative offset " + std::to_string(offset));
-  return static_cast<std::size_t>(offset);
+py::object interned(const char* text) {
+  PyObject* name = PyUnicode_InternFromString(text);
+  if (name == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::object>(name);
 }
 
-// The host's `_CITATION_RE`: finditer(text, start, end) over the page's str, reading each
-// match's end() only.
-class PyPattern : public CitationPattern {
+// One page row of the host's store (a dict or any mapping), read when the core asks for a field.
+class PyPageRow final : public PageRow {
  public:
-  explicit PyPattern(HostPtr host) : host_(std::move(host)) {}
+  PyPageRow(const Bridge& bridge, PyObject* row) : bridge_(bridge), row_(row) {}
 
-  std::vector<PatternMatch> finditer(const Text& text, std::size_t start,
-                                     std::size_t end) const override {
-    return host_call(*host_, [&] {
-      std::vector<PatternMatch> out;
-      const py::object matches = host_->CITATION_RE.attr("finditer")(text_object(text), start, end);
-      for (py::handle match : py::iter(matches)) {
-        out.push_back({to_offset(match.attr("end")(), "_CITATION_RE match end()")});
-      }
-      return out;
+  std::optional<Record> field(std::string_view key) const override {
+    return host_call(bridge_, [&]() -> std::optional<Record> {
+      const py::object value = member(to_str(key));
+      if (!value) return std::nullopt;
+      return to_record(value, "page row " + std::string(key));
     });
   }
 
- private:
-  HostPtr host_;
-};
-
-// An instance of the module's `_WikiDirLock`, whose lock methods are the host mixin's.
-class PyLock : public lock::WriteLockMixin {
- public:
-  PyLock(HostPtr host, py::handle lock) : host_(std::move(host)), lock_(lock) {}
-  void acquire_write_lock() override {
-    host_call(*host_, [&] { lock_.object().attr("_acquire_write_lock")(); });
-  }
-  void release_write_lock() override {
-    host_call(*host_, [&] { lock_.object().attr("_release_write_lock")(); });
-  }
-
- private:
-  HostPtr host_;
-  PyRef lock_;
-};
-
-// A page row dict, whose keys are read when the core asks for them.
-class PyPageRow : public PageRow {
- public:
-  PyPageRow(HostPtr host, py::handle row) : host_(std::move(host)), row_(row) {}
-
-  std::optional<std::string> rel_path() const override {
-    return host_call(*host_, [&]() -> std::optional<std::string> {
-      const py::object value = member("rel_path");
-      if (!value || !PyObject_IsTrue(value.ptr())) return std::nullopt;
-      return to_path(value, "page row rel_path").native();
-    });
-  }
-
-  std::string page_id() const override {
-    return host_call(*host_, [&] {
-      const py::object value = member("page_id");
-      if (!value) throw MissingKey("page_id");
-      if (PyUnicode_Check(value.ptr())) return to_utf8(value, "page row page_id");
-      return cr::to_path(to_record(value, "page row page_id"));
-    });
-  }
-
-  std::vector<Record> citations() const override {
-    return host_call(*host_, [&]() -> std::vector<Record> {
-      const py::object value = member("citations");
-      if (!value || !PyObject_IsTrue(value.ptr())) return {};
-      if (!PyList_Check(value.ptr()) && !PyTuple_Check(value.ptr())) {
-        raise(PyExc_TypeError, "page row citations: expected a list, got " + type_name(value));
-      }
-      return to_records(value, "citation record");
-    });
-  }
-
-  Record build_cache() const override {
-    return host_call(*host_, [&]() -> Record {
-      const py::object value = member("build_cache");
-      if (!value || !PyObject_IsTrue(value.ptr())) return Record::object();
-      if (!PyDict_Check(value.ptr())) {
-        raise(PyExc_TypeError, "page row build_cache: expected a dict, got " + type_name(value));
-      }
-      return to_record(value, "page row build_cache");
-    });
-  }
-
-  HostValue content_hash() const override {
-    return host_call(*host_, [&]() -> HostValue {
-      const py::object value = member("content_hash");
-      if (!value) return HostValue();
-      return PyValue{make_ref(value)};
-    });
-  }
-
- private:
-  // The row's value under `key`, or a null object when the row has no such key.
-  py::object member(const char* key) const {
-    PyObject* row = row_.handle().ptr();
-    if (PyDict_Check(row)) {
-      PyObject* value = PyDict_GetItemWithError(row, py::str(key).ptr());
+  // The row's value under `key`, or a null object when the row has no such key. GIL held.
+  py::object member(py::handle key) const {
+    if (PyDict_Check(row_)) {
+      PyObject* value = PyDict_GetItemWithError(row_, key.ptr());
       if (value == nullptr && PyErr_Occurred()) throw py::error_already_set();
       return py::reinterpret_borrow<py::object>(value);
     }
-    PyObject* value = PyObject_GetItem(row, py::str(key).ptr());
+    PyObject* value = PyObject_GetItem(row_, key.ptr());
     if (value == nullptr) {
       if (!PyErr_ExceptionMatches(PyExc_KeyError)) throw py::error_already_set();
       PyErr_Clear();
@@ -135,49 +45,53 @@ class PyPageRow : public PageRow {
     return py::reinterpret_steal<py::object>(value);
   }
 
-  HostPtr host_;
-  PyRef row_;
+ private:
+  const Bridge& bridge_;
+  PyObject* row_;  // kept by the PyHost
 };
 
-// The store's `rewrite` operation: the core's rewrite of this page's citations as a Python
-// callable (str -> str).
-py::object rewrite_function(std::function<std::string(const std::string&)> rewrite) {
-  return py::cpp_function(
-      [rewrite = std::move(rewrite)](const std::string& text) {
-        std::string out;
-        {
-          py::gil_scoped_release nogil;
-          out = rewrite(text);
-        }
-        return to_str(out);
-      },
-      py::name("rewrite"), py::arg("text"));
-}
+// The host's LineCounts object for one refresh.
+class PyLineCounts final : public LineCounts {
+ public:
+  PyLineCounts(PyHost& host, PyObject* counts) : host_(host), counts_(counts) {}
 
-// Python logging levels of spdlog's levels; -1 for none.
-int python_level(spdlog::level::level_enum level) {
-  switch (level) {
-    case spdlog::level::trace:
-      return 5;
-    case spdlog::level::debug:
-      return 10;
-    case spdlog::level::info:
-      return 20;
-    case spdlog::level::warn:
-      return 30;
-    case spdlog::level::err:
-      return 40;
-    case spdlog::level::critical:
-      return 50;
-    default:
-      return -1;
+  Line count(const std::string& path) override {
+    return host_call(host_.bridge(), [&] { return host_.counted(call(counts_, {to_str(path)})); });
   }
+
+ private:
+  PyHost& host_;
+  PyObject* counts_;  // kept by the PyHost
+};
+
+// An instance of the module's _WikiDirLock, whose lock methods are the host mixin's.
+class PyWriteLock final : public WriteLock {
+ public:
+  PyWriteLock(const Bridge& bridge, PyObject* lock) : bridge_(bridge), lock_(lock) {}
+  void acquire() override {
+    host_call(bridge_, [&] { call_method(lock_, bridge_.names.acquire_write_lock, {}); });
+  }
+  void release() override {
+    host_call(bridge_, [&] { call_method(lock_, bridge_.names.release_write_lock, {}); });
+  }
+
+ private:
+  const Bridge& bridge_;
+  PyObject* lock_;  // kept by the PyHost
+};
+
+// The Python logging level of an spdlog level; -1 for none ("off").
+int python_level(spdlog::level::level_enum level) {
+  constexpr int kLevels[] = {5, 10, 20, 30, 40, 50};  // trace, debug, info, warn, err, critical
+  const auto at = static_cast<std::size_t>(level);
+  return at < std::size(kLevels) ? kLevels[at] : -1;
 }
 
-// Hands each message to a Python logger, which applies its own level and handlers.
+// Hands each message to a Python logger, which applies its own level and handlers. Dropped with
+// the extension's Bridge, holding the GIL.
 class PythonLogSink : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  explicit PythonLogSink(py::handle logger) : logger_(make_ref(logger)) {}
+  explicit PythonLogSink(py::handle logger) : logger_(py::reinterpret_borrow<py::object>(logger)) {}
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
@@ -185,8 +99,8 @@ class PythonLogSink : public spdlog::sinks::base_sink<std::mutex> {
     if (level < 0) return;
     py::gil_scoped_acquire gil;
     try {
-      logger_->object().attr("log")(level, to_str(std::string_view(message.payload.data(),
-                                                                    message.payload.size())));
+      logger_.attr("log")(level,
+                          to_str(std::string_view(message.payload.data(), message.payload.size())));
     } catch (py::error_already_set& error) {
       error.discard_as_unraisable("tolbarrow.workers.wiki.citation_refresh logging");
     }
@@ -194,175 +108,315 @@ class PythonLogSink : public spdlog::sinks::base_sink<std::mutex> {
   void flush_() override {}
 
  private:
-  PyRefPtr logger_;
+  py::object logger_;
 };
 
 }  // namespace
 
-HostPtr make_host() {
-  return HostPtr(new Host(), [](Host* host) {
-    py::gil_scoped_acquire gil;
-    delete host;
-  });
-}
+Names::Names()
+    : start(interned("start")),
+      end(interned("end")),
+      finditer(interned("finditer")),
+      value(interned("value")),
+      fqn(interned("fqn")),
+      name(interned("name")),
+      kind(interned("kind")),
+      start_line(interned("start_line")),
+      end_line(interned("end_line")),
+      content_hash(interned("content_hash")),
+      get_symbols_by_path(interned("get_symbols_by_path")),
+      get_file_by_path(interned("get_file_by_path")),
+      get_wiki_pages(interned("get_wiki_pages")),
+      update_wiki_page_citations(interned("update_wiki_page_citations")),
+      acquire_write_lock(interned("_acquire_write_lock")),
+      release_write_lock(interned("_release_write_lock")),
+      moves_keyword(py::make_tuple(interned("moves"))),
+      update_keywords(py::make_tuple(interned("citations"), content_hash, interned("build_cache"),
+                                     interned("rewrite"), interned("moves"))) {}
 
-std::shared_ptr<spdlog::logger> python_logger(const std::string& name, py::handle logger) {
-  auto out = std::make_shared<spdlog::logger>(name, std::make_shared<PythonLogSink>(logger));
+std::shared_ptr<spdlog::logger> python_logger(py::handle logger) {
+  auto out = std::make_shared<spdlog::logger>(std::string(cr::MODULE_NAME),
+                                              std::make_shared<PythonLogSink>(logger));
   out->set_level(spdlog::level::trace);  // the Python logger decides what it keeps
   return out;
 }
 
-cr::HostModules host_modules(const HostPtr& host) {
-  cr::HostModules m;
-  m.citation_ranges = citation_ranges::Module{
-      .LineCounts =
-          [host](const fs::path& repo_root) {
-            return host_call(*host, [&] {
-              const PyRefPtr counts =
-                  make_ref(host->LineCounts(CallPaths::repo_root(*host, repo_root)));
-              return citation_ranges::LineCount([host, counts](const std::string& path) {
-                return host_call(*host, [&]() -> HostValue {
-                  return PyValue{make_ref(counts->object()(to_str(path)))};
-                });
-              });
-            });
-          },
-      .fit_range = [host](Line first, Line last, const HostValue& count) {
-        return host_call(*host, [&]() -> std::optional<LineRange> {
-          const py::object fitted = host->fit_range(first, last, host_value(count));
-          if (fitted.is_none()) return std::nullopt;
-          return to_range(fitted, "citation_ranges.fit_range result");
-        });
-      },
-  };
-  m.lock = lock::Module{.WriteLockMixin = [host](lock::WriteLockState state) {
-    return host_call(*host, [&]() -> std::unique_ptr<lock::WriteLockMixin> {
-      const py::object lock = host->WikiDirLock(CallPaths::wiki_dir(*host, state.wiki_dir));
-      return std::make_unique<PyLock>(host, lock);
-    });
-  }};
-  m.repo_facts = repo_facts::Module{
-      .atomic_write =
-          [host](const fs::path& path, const std::string& content) {
-            host_call(*host, [&] { host->atomic_write(host->Path(path_str(path)), to_str(content)); });
-          },
-      .text_hash = [host](const std::string& text) {
-        return host_call(*host,
-                         [&]() -> HostValue { return PyValue{make_ref(host->text_hash(to_str(text)))}; });
-      },
-  };
-  m.types = types::Module{
-      .CITATION_RE = std::make_shared<PyPattern>(host),
-      .citation_key = [host](const CitationMatch& match) {
-        return host_call(*host, [&] {
-          const py::object key = host->citation_key(static_cast<const PyMatch&>(match).object());
-          return to_key(key, "types.citation_key result", true);
-        });
-      },
-  };
+// ---- PyHost -----------------------------------------------------------------------------------
 
-  // The constants are read once, here, as the core keeps them.
-  std::vector<std::string> skip;
-  for (py::handle ext : py::iter(host->SKIP_IDENT_EXTS)) skip.push_back(to_utf8(ext, "verify._SKIP_IDENT_EXTS item"));
-  std::unordered_set<std::string> unanchored;
-  for (py::handle kind : py::iter(host->UNANCHORED_KINDS)) unanchored.insert(kind_text(*host, kind));
+PyHost::PyHost(BridgePtr bridge, py::handle wiki_dir, fs::path wiki_path, py::handle repo_root,
+               fs::path root_path)
+    : bridge_(std::move(bridge)),
+      host_{.syntax = *this,
+            .anchoring = *this,
+            .ranges = *this,
+            .file_system = *this,
+            .locks = *this,
+            .logger = bridge_->logger},
+      wiki_dir_(py::reinterpret_borrow<py::object>(wiki_dir)),
+      repo_root_(py::reinterpret_borrow<py::object>(repo_root)),
+      wiki_path_(std::move(wiki_path)),
+      root_path_(std::move(root_path)) {}
 
-  m.verify = verify::Module{
-      .SKIP_IDENT_EXTS = std::move(skip),
-      .UNANCHORED_KINDS = std::move(unanchored),
-      .anchor_symbol = [host](const Symbols& symbols, Line first, Line last) {
-        return host_call(*host, [&]() -> SymbolPtr {
-          const py::object found = host->anchor_symbol(symbols_object(symbols), first, last);
-          if (found.is_none()) return nullptr;
-          for (const SymbolPtr& symbol : symbols) {
-            if (symbol_object(*symbol).is(found)) return symbol;
-          }
-          return to_symbol(*host, found);  // not one of the list's: taken as it is
-        });
-      },
-      .anchored = [host](Record record, const SymbolPtr& symbol) {
-        return host_call(*host, [&] {
-          const py::object out =
-              host->anchored(from_record(record), symbol ? symbol_object(*symbol) : py::none());
-          if (!PyDict_Check(out.ptr())) {
-            raise(PyExc_TypeError, "verify.anchored: expected a dict, got " + type_name(out));
-          }
-          return to_record(out, "verify.anchored result");
-        });
-      },
-      .prose_citations = [host](const Text& text) {
-        return host_call(*host, [&] {
-          std::vector<CitationMatchPtr> out;
-          for (py::handle match : py::iter(host->prose_citations(text_object(text)))) {
-            out.push_back(std::make_shared<PyMatch>(
-                match, to_offset(match.attr("start")(), "verify.prose_citations match start()")));
-          }
-          return out;
-        });
-      },
-      .rewrite_citations = [host](const Text& text, const Moves& moves) {
-        return host_call(*host, [&] {
-          const py::object out = host->rewrite_citations(text_object(text),
-                                                         py::arg("moves") = moves_object(*host, moves));
-          return to_utf8(out, "verify.rewrite_citations result");
-        });
-      },
-  };
-  return m;
+void PyHost::find(const Text& text, const std::function<void(const Citation&)>& each) {
+  Bridge& b = *bridge_;
+  host_call(b, [&] {
+    keys_.clear();  // keys are a page's own
+    const py::object matches = call(b.services.prose_citations, {b.texts.str(text)});
+    const auto iterator = py::reinterpret_steal<py::object>(PyObject_GetIter(matches.ptr()));
+    if (!iterator) throw py::error_already_set();
+    while (PyObject* next = PyIter_Next(iterator.ptr())) {
+      const auto match = py::reinterpret_steal<py::object>(next);
+      Citation citation;
+      citation.start =
+          to_offset(call_method(match, b.names.start, {}), "verify.prose_citations match start()");
+      // The key is asked just before the core examines the citation.
+      const py::object key = call(b.services.citation_key, {match});
+      citation.key = to_key(key, "types.citation_key result");
+      keys_.try_emplace(citation.key, key);
+      py::gil_scoped_release nogil;
+      each(citation);
+    }
+    if (PyErr_Occurred()) throw py::error_already_set();
+  });
 }
 
-// ---- Repository -------------------------------------------------------------------------------
+std::optional<std::size_t> PyHost::last_end(const Text& text, std::size_t start, std::size_t end) {
+  Bridge& b = *bridge_;
+  return host_call(b, [&]() -> std::optional<std::size_t> {
+    const py::object matches = call_method(b.services.CITATION_RE, b.names.finditer,
+                                           {b.texts.str(text), py::int_(start), py::int_(end)});
+    const auto iterator = py::reinterpret_steal<py::object>(PyObject_GetIter(matches.ptr()));
+    if (!iterator) throw py::error_already_set();
+    py::object last;
+    while (PyObject* next = PyIter_Next(iterator.ptr())) {
+      last = py::reinterpret_steal<py::object>(next);
+    }
+    if (PyErr_Occurred()) throw py::error_already_set();
+    if (!last) return std::nullopt;
+    return to_offset(call_method(last, b.names.end, {}), "types._CITATION_RE match end()");
+  });
+}
 
-PyRepository::PyRepository(HostPtr host, py::handle repository)
-    : host_(std::move(host)), repository_(make_ref(repository)) {}
+std::string PyHost::rewrite(const Text& text, const Moves& moves) {
+  Bridge& b = *bridge_;
+  return host_call(b, [&] {
+    const py::object out = call(b.services.rewrite_citations,
+                                {b.texts.str(text), moves_object(moves)}, b.names.moves_keyword);
+    std::string utf8 = to_utf8(out, "verify.rewrite_citations result");
+    b.texts.returned(out);  // the page file and its hash get this very str
+    return utf8;
+  });
+}
 
-Symbols PyRepository::get_symbols_by_path(const std::string& path) {
-  return host_call(*host_, [&] {
-    const py::object symbols = repository_->object().attr("get_symbols_by_path")(to_str(path));
-    PyRefPtr original;
-    Symbols out = to_symbols(*host_, symbols, &original);
-    symbol_lists_[path] = std::move(original);
+const Symbol* PyHost::anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) {
+  return host_call(*bridge_, [&]() -> const Symbol* {
+    const py::object found = call(bridge_->services.anchor_symbol,
+                                  {symbols_object(symbols), py::int_(first), py::int_(last)});
+    if (found.is_none()) return nullptr;
+    for (const Symbol& symbol : symbols) {
+      if (symbol_object(&symbol).is(found)) return &symbol;
+    }
+    raise(PyExc_ValueError, "verify.anchor_symbol returned a " + type_name(found) +
+                                " that is not one of the symbols it was given");
+  });
+}
+
+Record PyHost::anchored(Record record, const Symbol* symbol) {
+  return host_call(*bridge_, [&] {
+    const py::object out =
+        call(bridge_->services.anchored,
+             {from_record(record), symbol != nullptr ? symbol_object(symbol) : py::none()});
+    if (!PyDict_Check(out.ptr())) {
+      raise(PyExc_TypeError, "verify.anchored: expected a dict, got " + type_name(out));
+    }
+    return to_record(out, "verify.anchored result");
+  });
+}
+
+std::unique_ptr<LineCounts> PyHost::line_counts(const fs::path& repo_root) {
+  return host_call(*bridge_, [&] {
+    const py::object root = repo_root_ && repo_root == root_path_
+                                ? repo_root_
+                                : call(bridge_->Path, {path_str(repo_root)});
+    return std::make_unique<PyLineCounts>(*this, keep(call(bridge_->services.LineCounts, {root})));
+  });
+}
+
+std::optional<LineRange> PyHost::fit_range(Line first, Line last, Line line_count) {
+  return host_call(*bridge_, [&]() -> std::optional<LineRange> {
+    const py::object fitted = call(bridge_->services.fit_range,
+                                   {py::int_(first), py::int_(last), count_object(line_count)});
+    if (fitted.is_none()) return std::nullopt;
+    return to_range(fitted, "citation_ranges.fit_range result");
+  });
+}
+
+std::unique_ptr<WriteLock> PyHost::open(const fs::path& wiki_dir) {
+  return host_call(*bridge_, [&] {
+    const py::object dir =
+        wiki_dir_ && wiki_dir == wiki_path_ ? wiki_dir_ : call(bridge_->Path, {path_str(wiki_dir)});
+    return std::make_unique<PyWriteLock>(*bridge_, keep(call(bridge_->WikiDirLock, {dir})));
+  });
+}
+
+void PyHost::atomic_write(const fs::path& path, std::string_view content) {
+  host_call(*bridge_, [&] {
+    call(bridge_->services.atomic_write,
+         {call(bridge_->Path, {path_str(path)}), bridge_->texts.str(content)});
+  });
+}
+
+std::vector<Symbol> PyHost::symbols_of(py::handle sequence) {
+  auto [list, items] = symbol_sequence(sequence);
+  std::vector<Symbol> out = to_symbols(*bridge_, items);
+  symbol_lists_.insert_or_assign(out.data(),
+                                 SymbolList{out.size(), std::move(list), std::move(items)});
+  return out;  // moving the vector keeps its elements where they are
+}
+
+py::object PyHost::symbol_object(const Symbol* symbol) const {
+  auto it = symbol_lists_.upper_bound(symbol);
+  if (it != symbol_lists_.begin()) {
+    --it;
+    if (std::less<>()(symbol, it->first + it->second.size)) {
+      return it->second.items[static_cast<std::size_t>(symbol - it->first)];
+    }
+  }
+  throw std::logic_error("pybridge: a declaration of no list the host gave");
+}
+
+py::object PyHost::symbols_object(std::span<const Symbol> symbols) const {
+  auto it = symbol_lists_.find(symbols.data());
+  if (it != symbol_lists_.end() && it->second.size == symbols.size()) return it->second.sequence;
+  py::list out(symbols.size());
+  for (std::size_t i = 0; i < symbols.size(); ++i) {
+    PyList_SET_ITEM(out.ptr(), static_cast<Py_ssize_t>(i),
+                    symbol_object(&symbols[i]).release().ptr());
+  }
+  return out;
+}
+
+py::object PyHost::key_object(const CitationKey& key) const {
+  auto it = keys_.find(key);
+  if (it != keys_.end()) return it->second;
+  return call(bridge_->services.CitationKey,
+              {to_str(key.path), py::int_(key.start), py::int_(key.end)});
+}
+
+py::dict PyHost::moves_object(const Moves& moves) const {
+  py::dict out;
+  for (const auto& [key, range] : moves) {
+    if (PyDict_SetItem(out.ptr(), key_object(key).ptr(), range_object(range).ptr()) != 0) {
+      throw py::error_already_set();
+    }
+  }
+  return out;
+}
+
+py::dict PyHost::anchors_object(const KeyedMap<Record>& anchors) const {
+  py::dict out;
+  for (const auto& [key, record] : anchors) {
+    if (PyDict_SetItem(out.ptr(), key_object(key).ptr(), from_record(record).ptr()) != 0) {
+      throw py::error_already_set();
+    }
+  }
+  return out;
+}
+
+py::object PyHost::count_object(Line count) const {
+  if (last_count_object_ && last_count_ == count) return last_count_object_;
+  return py::int_(count);
+}
+
+Line PyHost::counted(py::object count) {
+  // A count that is no int (what a host gives for a missing file, say) is the host's own business:
+  // it stands as the least line, and fit_range gets the object itself back.
+  last_count_ = PyLong_Check(count.ptr()) ? to_line(count, "citation_ranges.LineCounts result")
+                                          : std::numeric_limits<Line>::min();
+  last_count_object_ = std::move(count);
+  return last_count_;
+}
+
+PyObject* PyHost::keep(py::object object) {
+  kept_.push_back(std::move(object));
+  return kept_.back().ptr();
+}
+
+// ---- PyRepository -----------------------------------------------------------------------------
+
+PyRepository::PyRepository(PyHost& host, py::handle repository)
+    : host_(host), repository_(py::reinterpret_borrow<py::object>(repository)) {}
+
+std::vector<Symbol> PyRepository::get_symbols_by_path(const std::string& path) {
+  const Bridge& b = host_.bridge();
+  return host_call(b, [&] {
+    return host_.symbols_of(call_method(repository_, b.names.get_symbols_by_path, {to_str(path)}));
+  });
+}
+
+bool PyRepository::is_indexed(const std::string& path) {
+  const Bridge& b = host_.bridge();
+  return host_call(b, [&] {
+    // Only tested against None: the file's record itself is never read.
+    return !call_method(repository_, b.names.get_file_by_path, {to_str(path)}).is_none();
+  });
+}
+
+std::vector<std::unique_ptr<const PageRow>> PyRepository::get_wiki_pages(
+    const std::string& branch) {
+  const Bridge& b = host_.bridge();
+  return host_call(b, [&] {
+    const py::object pages = call_method(repository_, b.names.get_wiki_pages, {to_str(branch)});
+    const auto rows = py::reinterpret_steal<py::object>(PySequence_List(pages.ptr()));
+    if (!rows) throw py::error_already_set();
+    host_.keep(rows);
+    std::vector<std::unique_ptr<const PageRow>> out;
+    out.reserve(static_cast<std::size_t>(PyList_GET_SIZE(rows.ptr())));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.ptr()); ++i) {
+      out.push_back(std::make_unique<PyPageRow>(b, PyList_GET_ITEM(rows.ptr(), i)));
+    }
     return out;
   });
 }
 
-std::optional<Record> PyRepository::get_file_by_path(const std::string& path) {
-  return host_call(*host_, [&]() -> std::optional<Record> {
-    // Only tested against None: the record itself is never read.
-    if (repository_->object().attr("get_file_by_path")(to_str(path)).is_none()) return std::nullopt;
-    return Record();
-  });
-}
-
-std::vector<PageRowPtr> PyRepository::get_wiki_pages(const std::string& branch) {
-  return host_call(*host_, [&] {
-    std::vector<PageRowPtr> rows;
-    for (py::handle row : py::iter(repository_->object().attr("get_wiki_pages")(to_str(branch)))) {
-      rows.push_back(std::make_shared<PyPageRow>(host_, row));
+void PyRepository::update_wiki_page_citations(const std::string& branch, const PageRow& row,
+                                              const PageUpdate& update) {
+  const Bridge& b = host_.bridge();
+  const std::string page_id = row.page_id();
+  host_call(b, [&] {
+    py::object content_hash = py::none();
+    if (update.content_hash) {
+      content_hash =
+          hash_ && *update.content_hash == hash_text_ ? hash_ : to_str(*update.content_hash);
+    } else if (const auto* own = dynamic_cast<const PyPageRow*>(&row)) {
+      // The text did not change: the row's own hash goes back as it is.
+      if (py::object held = own->member(b.names.content_hash)) content_hash = std::move(held);
     }
-    return rows;
-  });
-}
-
-void PyRepository::update_wiki_page_citations(const std::string& branch,
-                                              const std::string& page_id, PageUpdate update) {
-  host_call(*host_, [&] {
-    py::list citations;
-    for (const Record& record : update.citations) citations.append(from_record(record));
     const py::object build_cache =
-        update.build_cache ? py::object(to_str(*update.build_cache)) : py::object(py::none());
-    repository_->object().attr("update_wiki_page_citations")(
-        to_str(branch), to_str(page_id), py::arg("citations") = citations,
-        py::arg("content_hash") = host_value(update.content_hash),
-        py::arg("build_cache") = build_cache,
-        py::arg("rewrite") = rewrite_function(std::move(update.rewrite)),
-        py::arg("moves") = moves_object(*host_, update.moves));
+        update.build_cache ? py::object(to_str(cr::detail::dump_one_line(*update.build_cache)))
+                           : py::object(py::none());
+    const py::dict moves = host_.moves_object(update.moves);
+    // The store rewrites its other texts of the page in Python, with the host's own syntax.
+    const py::object rewrite =
+        call(b.partial, {b.services.rewrite_citations, moves}, b.names.moves_keyword);
+    call_method(repository_, b.names.update_wiki_page_citations,
+                {to_str(branch), to_str(page_id), from_records(update.citations), content_hash,
+                 build_cache, rewrite, moves},
+                b.names.update_keywords);
   });
 }
 
-py::object PyRepository::symbol_list(const std::string& path) const {
-  auto it = symbol_lists_.find(path);
-  return it == symbol_lists_.end() ? py::object(py::none()) : it->second->object();
+std::string PyRepository::text_hash(const std::string& text) {
+  const Bridge& b = host_.bridge();
+  return host_call(b, [&] {
+    py::object hash = call(b.services.text_hash, {host_.bridge().texts.str(text)});
+    // A hash that is no str goes to the store as the very object; its text here only has to tell
+    // it from other hashes of this refresh.
+    hash_text_ = PyUnicode_Check(hash.ptr()) ? to_utf8(hash, "repo_facts._text_hash result")
+                                             : py::repr(hash).cast<std::string>();
+    hash_ = std::move(hash);
+    return hash_text_;
+  });
 }
 
 }  // namespace tolbarrow::workers::wiki::pybridge

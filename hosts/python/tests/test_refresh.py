@@ -6,7 +6,7 @@ import logging
 
 import pytest
 
-from tolbarrow.workers.wiki import recorder
+from tolbarrow.workers.wiki import citation_ranges, recorder
 from tolbarrow.workers.wiki.types import _WikiBusy
 
 BUSY_LINE = "wiki citation refresh: the wiki is being written; reporting only"
@@ -43,7 +43,9 @@ def test_road_of_one_citation(cr, road):
     assert "_atomic_write" not in services() and "update_wiki_page_citations" not in services()
 
 
-def test_host_objects_are_handed_back(cr, road):
+def test_host_objects_are_handed_back(cr, road, monkeypatch):
+    count = int("1000000007")  # an int object of its own, not a shared small int
+    monkeypatch.setattr(citation_ranges.LineCounts, "__call__", lambda self, path: count)
     cr.refresh_citations(road.repo, "main", road.wiki_dir, road.repo_root)
 
     (record, symbol), = recorder.called("anchored")
@@ -55,6 +57,9 @@ def test_host_objects_are_handed_back(cr, road):
     assert next(iter(moves)) is key and moves[key] == (20, 22)
     symbols = road.repo.symbols["src/a.py"]
     assert cr._find_again(symbols, road.record) is road.symbol
+    (_, _, line_count), = recorder.called("fit_range")
+    assert line_count is count
+    assert cr._Files(road.repo, road.repo_root).line_count("src/a.py") is count
 
 
 def test_legacy_citation_hands_back_the_symbol_list(cr, road):
@@ -122,3 +127,34 @@ def test_core_errors_map_to_python_errors(cr, road, arrange, error, check):
     with pytest.raises(error) as raised:
         cr.refresh_citations(road.repo, "main", road.wiki_dir, road.repo_root)
     assert check(raised.value), raised.value
+
+
+LOST = {"page_id": "p1", "path": "src/a.py", "lines": "L10-L12"}
+
+
+@pytest.mark.parametrize("fields, moved, lost", [
+    # false and 0 are a stored declaration: the citation follows a.f (found by name).
+    ({"symbol": False}, {"p1": 1}, []),
+    ({"symbol": 0}, {"p1": 1}, []),
+    # A declaration that is gone is reported by its name, or its symbol, as JSON text.
+    ({"symbol": "a.gone", "name": 0}, {}, [dict(LOST, name="0")]),
+    ({"symbol": "a.gone", "name": False}, {}, [dict(LOST, name="false")]),
+    ({"symbol": 0, "name": ""}, {}, [dict(LOST, name="0")]),
+])
+def test_false_and_zero_declarations_are_present(cr, road, fields, moved, lost):
+    road.record.update(fields)
+    result = cr.refresh_citations(road.repo, "main", road.wiki_dir, road.repo_root, write=False)
+    assert result == cr.CitationRefresh(unrepairable=len(lost), lost=lost, moved=moved)
+
+
+def test_unchanged_page_text_keeps_the_rows_own_hash(cr, road):
+    # Anchored where it stands, with a stale declaration end: the record changes, the text not.
+    road.page.write_text("The `f` function loads it (src/a.py#L20-L22).\n")
+    road.record.update(line_start=20, line_end=22, symbol_start=18, symbol_end=25)
+    own_hash = road.repo.pages[0]["content_hash"] = object()
+    result = cr.refresh_citations(road.repo, "main", road.wiki_dir, road.repo_root)
+    assert result == cr.CitationRefresh()
+    (_, _, update), = road.repo.updates
+    assert update["content_hash"] is own_hash and update["moves"] == {}
+    assert update["citations"] == [dict(road.record, symbol_end=30)]
+    assert "_text_hash" not in services()

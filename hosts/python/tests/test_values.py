@@ -1,4 +1,5 @@
 """Values crossing the boundary: texts and offsets, records, keys, symbols and digests."""
+import copy
 import enum
 
 import pytest
@@ -71,6 +72,14 @@ def test_digest_moves_in_place(cr):
     assert other == {"path": "src/b.py", "line_start": 10, "line_end": 12}
 
 
+@pytest.mark.parametrize("digest", [None, ["x"], {1, 2}, {"citations": []}, {"citations": None},
+                                    {"summary": {1, 2}}])
+def test_digest_without_citations_to_move_is_left_alone(cr, digest):
+    before = copy.copy(digest)
+    cr._move_digest_citations(digest, {("src/a.py", 10, 12): (20, 22)})
+    assert digest == before
+
+
 class StrKind(str, enum.Enum):
     MODULE = "module"
     FUNCTION = "function"
@@ -91,3 +100,12 @@ def test_symbol_kinds_compare_by_value(cr, kind, unanchored):
     assert found is symbol and lines == (10, 12)
     # A named declaration of an unanchored kind is passed over for the host's anchor_symbol.
     assert bool(recorder.called("anchor_symbol")) == unanchored
+
+
+@pytest.mark.parametrize("line", ["12\u3000", "\u00a012", "\u2003 12 "])
+def test_line_text_with_unicode_white_space_reads_as_its_number(cr, line):
+    citation = {"path": "p", "line_start": line, "line_end": 14, "symbol_start": line,
+                "symbol_end": 20}
+    assert cr.relocated_range(citation, Symbol("a.f", "f", "function", 22, 40)) == (22, 24)
+    moved = dict(citation, line_start=22, line_end=24)
+    assert cr._apply([citation], cr._PageRefresh({}, {("p", 12, 14): moved}, [])) == [moved]
