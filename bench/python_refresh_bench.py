@@ -30,16 +30,19 @@ GAP = 6  # lines between declarations
 
 
 class Timer:
-    """Time spent inside wrapped host services."""
+    """Time spent inside wrapped host services, and how many calls they took."""
 
     def __init__(self):
         self.seconds = 0.0
+        self.calls = 0
+        self.overhead = 0.0
 
     def wrap(self, function, materialise=False):
         clock = time.perf_counter
 
         @functools.wraps(function)
         def timed(*args, **kwargs):
+            self.calls += 1
             began = clock()
             try:
                 result = function(*args, **kwargs)
@@ -48,6 +51,27 @@ class Timer:
             finally:
                 self.seconds += clock() - began
         return timed
+
+    def calibrate(self, rounds=200_000):
+        """The cost of the wrapper itself outside its clock, per call: it is the host's, not the
+        module's, so it is taken from the module's time."""
+        def noop(value):
+            return value
+
+        timed = self.wrap(noop)
+        best = float("inf")
+        for _ in range(5):
+            self.seconds = 0.0
+            began = time.perf_counter()
+            for i in range(rounds):
+                noop(i)
+            bare = time.perf_counter() - began
+            began = time.perf_counter()
+            for i in range(rounds):
+                timed(i)
+            wrapped = time.perf_counter() - began
+            best = min(best, (wrapped - self.seconds - bare) / rounds)
+        self.overhead = max(0.0, best)
 
 
 def generate(root, pages, citations, seed):
@@ -136,8 +160,8 @@ class Repository:
         pass  # the pages are restored before each run
 
 
-def cpp_figure(driver, spec, mode, repeat):
-    out = subprocess.run([str(driver), str(spec), mode, str(repeat)], check=True,
+def cpp_figure(driver, data_file, mode, repeat):
+    out = subprocess.run([str(driver), str(data_file), mode, str(repeat)], check=True,
                          capture_output=True, text=True).stdout
     figure = json.loads(out)
     return figure["seconds"], figure["citations"]
@@ -157,6 +181,7 @@ def main():
 
     sys.path[:0] = [str(args.build / "python"), str(ROOT / "hosts" / "python" / "tests" / "host")]
     timer = Timer()
+    timer.calibrate()
     pattern = host_modules(timer)
     from tolbarrow.workers.wiki import citation_refresh
     from tolbarrow.workers.wiki.index import Symbol
@@ -166,8 +191,8 @@ def main():
         root = Path(scratch)
         repo_root, wiki_dir, rows, after, line_counts = generate(
             root, args.pages, args.citations, args.seed)
-        spec = root / "spec.json"
-        spec.write_text(json.dumps({
+        data_file = root / "data.json"
+        data_file.write_text(json.dumps({
             "files": line_counts, "symbols": after, "pages": rows,
             "wiki_dir": str(wiki_dir), "repo_root": str(repo_root)}))
         total_citations = args.pages * args.citations
@@ -178,7 +203,7 @@ def main():
                 shutil.rmtree(wiki_dir)
                 shutil.copytree(root / "wiki.pristine", wiki_dir)
                 repo = Repository(timer, rows, after, Symbol)
-                timer.seconds = 0.0
+                timer.seconds, timer.calls = 0.0, 0
                 began = time.perf_counter()
                 if mode == "claims":
                     for row in rows:
@@ -189,18 +214,20 @@ def main():
                     citation_refresh.refresh_citations(repo, "main", wiki_dir, repo_root,
                                                        write=mode == "write")
                 total = time.perf_counter() - began
+                host = timer.seconds + timer.calls * timer.overhead
                 if total < best_total:
-                    best_total, best_host = total, timer.seconds
+                    best_total, best_host = total, host
             return best_total, best_host
 
         goals = {"report": 1.5, "write": 2.0, "claims": 2.0}
         print(f"{args.pages} pages x {args.citations} citations ({total_citations} citations); "
-              "microseconds per citation, best of", args.repeat)
+              f"microseconds per citation, best of {args.repeat}; timing wrapper "
+              f"{timer.overhead * 1e9:.0f} ns per host call, counted as the host's")
         print(f"{'refresh':<14}{'total':>9}{'host':>9}{'module':>9}{'C++ only':>10}"
               f"{'ratio':>8}{'goal':>7}  met")
         for mode in ("report", "write", "claims"):
             total, host = python_run(mode)
-            cpp_seconds, _ = cpp_figure(driver, spec, mode, args.repeat)
+            cpp_seconds, _ = cpp_figure(driver, data_file, mode, args.repeat)
             per = lambda seconds: seconds / total_citations * 1e6  # noqa: E731
             module = total - host
             ratio = module / cpp_seconds if cpp_seconds > 0 else float("inf")

@@ -1,9 +1,9 @@
 // The C++-only side of the Python boundary benchmark: the same refresh as the Python host's, on the
 // same generated data, through the core with the in-memory host (page files on disk).
 //
-//   refresh_driver SPEC.json report|write|claims REPEAT
+//   refresh_driver DATA.json report|write|claims REPEAT
 //
-// SPEC.json (written by python_refresh_bench.py) holds the index (files with their line counts,
+// DATA.json (written by python_refresh_bench.py) holds the index (files with their line counts,
 // declarations per file), the page rows, the wiki directory and the repository root. In write
 // mode the wiki directory is restored from its pristine copy (WIKI_DIR + ".pristine") before each
 // run, outside the timing. Page files are read from disk; the time of their atomic writes is the
@@ -38,20 +38,20 @@ void restore(const fs::path& wiki_dir) {
   fs::copy(fs::path(wiki_dir.string() + ".pristine"), wiki_dir, fs::copy_options::recursive);
 }
 
-int run(const fs::path& spec_path, const std::string& mode, int repeat) {
-  std::ifstream in(spec_path);
-  const Record spec = Record::parse(in);
-  const fs::path wiki_dir = spec.at("wiki_dir").get<std::string>();
-  const fs::path repo_root = spec.at("repo_root").get<std::string>();
+int run(const fs::path& data_path, const std::string& mode, int repeat) {
+  std::ifstream in(data_path);
+  const Record data = Record::parse(in);
+  const fs::path wiki_dir = data.at("wiki_dir").get<std::string>();
+  const fs::path repo_root = data.at("repo_root").get<std::string>();
 
   MemoryHost host;
   MemoryRepository repo;
   TimedDisk disk;
-  for (const auto& [path, lines] : spec.at("files").items()) {
+  for (const auto& [path, lines] : data.at("files").items()) {
     repo.files.insert(path);
     host.line_counts_by_path[path] = lines.get<Line>();
   }
-  for (const auto& [path, symbols] : spec.at("symbols").items()) {
+  for (const auto& [path, symbols] : data.at("symbols").items()) {
     auto& list = repo.symbols[path];
     for (const auto& s : symbols) {
       list.push_back(Symbol{s[0].get<std::string>(), s[1].get<std::string>(),
@@ -61,7 +61,7 @@ int run(const fs::path& spec_path, const std::string& mode, int repeat) {
   std::int64_t citations = 0;
   double best = 1e300;
   for (int i = 0; i < repeat; ++i) {
-    repo.pages = spec.at("pages").get<std::vector<Record>>();
+    repo.pages = data.at("pages").get<std::vector<Record>>();
     repo.updates.clear();
     if (mode == "write") restore(wiki_dir);
     cr::Host services{.syntax = host,
@@ -86,7 +86,7 @@ int run(const fs::path& spec_path, const std::string& mode, int repeat) {
       const auto result = cr::refresh_citations(services, repo, "main", wiki_dir, repo_root,
                                                 {.write = mode == "write"});
       citations = 0;
-      for (const Record& page : spec.at("pages")) citations += page.at("citations").size();
+      for (const Record& page : data.at("pages")) citations += page.at("citations").size();
       if (i == 0) std::cerr << cr::to_string(result).substr(0, 120) << "\n";
     }
     best = std::min(best, seconds_since(began) - disk.write_seconds);
@@ -100,7 +100,7 @@ int run(const fs::path& spec_path, const std::string& mode, int repeat) {
 
 int main(int argc, char** argv) {
   if (argc != 4) {
-    std::cerr << "usage: refresh_driver SPEC.json report|write|claims REPEAT\n";
+    std::cerr << "usage: refresh_driver DATA.json report|write|claims REPEAT\n";
     return 2;
   }
   try {

@@ -21,11 +21,14 @@ class TempDir {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
   }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
   const std::filesystem::path& path() const { return path_; }
   std::filesystem::path operator/(const std::string& rel) const { return path_ / rel; }
   void write(const std::string& rel, const std::string& content) const {
     std::filesystem::create_directories((path_ / rel).parent_path());
-    std::ofstream(path_ / rel, std::ios::binary) << content;
+    std::ofstream(path_ / rel, std::ios::binary | std::ios::trunc) << content;
   }
   std::string read(const std::string& rel) const {
     std::ifstream in(path_ / rel, std::ios::binary);

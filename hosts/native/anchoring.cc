@@ -1,0 +1,95 @@
+#include "hosts/native/anchoring.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "hosts/native/repo_paths.h"
+
+namespace tolbarrow::hosts::native {
+namespace fs = std::filesystem;
+namespace {
+
+class IndexLineCounts : public wiki::LineCounts {
+ public:
+  IndexLineCounts(SqliteStore& store, fs::path root) : store_(store), root_(std::move(root)) {}
+
+  wiki::Line count(const std::string& path) override {
+    auto it = counts_.find(path);
+    if (it == counts_.end()) it = counts_.emplace(path, measure(path)).first;
+    return it->second;
+  }
+
+ private:
+  wiki::Line measure(const std::string& path) {
+    const auto file = contained_path(root_, path);
+    struct stat st;
+    if (!file || ::stat(file->c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+    const std::int64_t mtime_ns =
+        static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    if (const auto facts = store_.file(path);
+        facts && facts->size == st.st_size && facts->mtime_ns == mtime_ns) {
+      return facts->line_count;
+    }
+    return count_lines(read_bytes(*file));
+  }
+
+  SqliteStore& store_;
+  fs::path root_;
+  std::unordered_map<std::string, wiki::Line> counts_;
+};
+
+}  // namespace
+
+const std::vector<std::string>& CtagsAnchoring::file_name_endings() {
+  static const std::vector<std::string> endings = {
+      ".py",    ".pyi",   ".c",          ".h",      ".cc",   ".cpp",   ".cxx",  ".hh",    ".hpp",
+      ".hxx",   ".cu",    ".go",         ".rs",     ".java", ".kt",    ".kts",  ".scala", ".swift",
+      ".m",     ".mm",    ".cs",         ".fs",     ".js",   ".jsx",   ".mjs",  ".cjs",   ".ts",
+      ".tsx",   ".rb",    ".php",        ".pl",     ".pm",   ".lua",   ".r",    ".jl",    ".ex",
+      ".exs",   ".erl",   ".hs",         ".ml",     ".sh",   ".bash",  ".zsh",  ".ps1",   ".sql",
+      ".proto", ".cmake", ".mk",         ".md",     ".rst",  ".txt",   ".json", ".yaml",  ".yml",
+      ".toml",  ".ini",   ".cfg",        ".conf",   ".xml",  ".html",  ".css",  ".scss",  ".lock",
+      ".csv",   ".ipynb", ".dockerfile", ".gradle", ".vue",  ".svelte"};
+  return endings;
+}
+
+bool CtagsAnchoring::unanchored_kind(const std::string& kind) {
+  static const std::unordered_set<std::string> kinds = {
+      "variable", "constant", "local",  "parameter", "enumerator", "externvar",
+      "import",   "include",  "module", "package",   "namespace",  "unknown"};
+  return kinds.count(kind) != 0;
+}
+
+const wiki::Symbol* CtagsAnchoring::anchor_symbol(std::span<const wiki::Symbol> symbols,
+                                                  wiki::Line first, wiki::Line last) {
+  const wiki::Symbol* best = nullptr;
+  for (const wiki::Symbol& s : symbols) {
+    if (s.start_line > first || s.end_line < last || unanchored_kind(s.kind)) continue;
+    if (best == nullptr || s.end_line - s.start_line < best->end_line - best->start_line) best = &s;
+  }
+  return best;
+}
+
+wiki::Record CtagsAnchoring::anchored(wiki::Record record, const wiki::Symbol* symbol) {
+  if (symbol == nullptr) return record;
+  record["symbol"] = symbol->fqn;
+  record["name"] = symbol->name;
+  record["symbol_start"] = symbol->start_line;
+  record["symbol_end"] = symbol->end_line;
+  return record;
+}
+
+std::unique_ptr<wiki::LineCounts> IndexCitationRanges::line_counts(const fs::path& repo_root) {
+  return std::make_unique<IndexLineCounts>(store_, canonical_root(repo_root));
+}
+
+std::optional<wiki::LineRange> IndexCitationRanges::fit_range(wiki::Line first, wiki::Line last,
+                                                              wiki::Line line_count) {
+  if (line_count <= 0 || first > line_count || last < 1 || last < first) return std::nullopt;
+  return wiki::LineRange{std::max<wiki::Line>(first, 1), std::min(last, line_count)};
+}
+
+}  // namespace tolbarrow::hosts::native

@@ -1,0 +1,64 @@
+// The repository's index of declarations, made with universal-ctags and kept in the store.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hosts/native/store.h"
+
+namespace tolbarrow::hosts::native {
+
+// The files of the repository at `root`, relative to it: `git ls-files -co --exclude-standard` in
+// a git work tree (tracked and untracked files, not the ignored ones), else every file of a walk
+// that skips hidden folders.
+std::vector<std::string> repository_files(const std::filesystem::path& root);
+
+// ctags' scope separator for `language`: "::" for C and C++, "." for every other language.
+std::string_view scope_separator(std::string_view language);
+
+// Declarations by file from ctags' JSON output, in ctags' order. A declaration's fqn joins its
+// scope and its name with its language's separator. A declaration that ctags gives no end line
+// (a variable, a macro, a one-line prototype) ends at its start line.
+std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> parse_ctags_json(
+    std::string_view output);
+
+// What one update did.
+struct IndexStats {
+  std::size_t files = 0;      // files of the repository now in the index
+  std::size_t reindexed = 0;  // files given to ctags
+  std::size_t touched = 0;    // files whose size or mtime changed but whose content did not
+  std::size_t removed = 0;    // files that left the index
+};
+
+class Indexer {
+ public:
+  // Files per ctags process.
+  static constexpr std::size_t kBatch = 500;
+
+  // `ctags`: the program to run; the one found at build time when not given.
+  explicit Indexer(SqliteStore& store, std::optional<std::string> ctags = std::nullopt);
+
+  // Brings the store's index up to date with the work tree. A file is read only when its size or
+  // mtime differs from the index's, and given to ctags only when its content hash differs too;
+  // the store's database files, and files that cannot be passed safely, are left out of the index:
+  // those that are no regular file,
+  // lead outside the repository through a symbolic link, or have a line break in their name.
+  IndexStats update();
+
+  // ctags processes this indexer started.
+  std::size_t ctags_runs() const { return ctags_runs_; }
+
+ private:
+  std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> run_ctags(
+      const std::vector<std::string>& paths);
+
+  SqliteStore& store_;
+  std::string ctags_;
+  std::size_t ctags_runs_ = 0;
+};
+
+}  // namespace tolbarrow::hosts::native

@@ -1,0 +1,114 @@
+#include "hosts/native/page_sync.h"
+
+#include <cmath>
+#include <map>
+#include <unordered_set>
+
+#include "hosts/native/repo_paths.h"
+
+namespace tolbarrow::hosts::native {
+namespace fs = std::filesystem;
+namespace {
+
+std::optional<wiki::Line> read_line(const wiki::Record& value) {
+  if (value.is_number_integer()) return value.get<wiki::Line>();
+  if (value.is_number_float()) {
+    const double d = value.get<double>();
+    if (std::trunc(d) == d && std::abs(d) < 1e15) return static_cast<wiki::Line>(d);
+    return std::nullopt;
+  }
+  if (value.is_string()) {
+    const auto& text = value.get_ref<const std::string&>();
+    if (text.empty() || text.size() > 18 ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+      return std::nullopt;
+    }
+    return std::stoll(text);
+  }
+  return std::nullopt;
+}
+
+// The key a record was stored under, or nullopt when it cannot be read.
+std::optional<wiki::CitationKey> stored_key(const wiki::Record& record) {
+  if (!record.is_object()) return std::nullopt;
+  auto path = record.find("path"), start = record.find("line_start"), end = record.find("line_end");
+  if (path == record.end() || !path->is_string() || start == record.end() || end == record.end()) {
+    return std::nullopt;
+  }
+  const auto first = read_line(*start), last = read_line(*end);
+  if (!first || !last) return std::nullopt;
+  return wiki::CitationKey{path->get<std::string>(), *first, *last};
+}
+
+// The page files under `wiki_dir`: path relative to it -> file.
+std::map<std::string, fs::path> page_files(const fs::path& wiki_dir) {
+  std::map<std::string, fs::path> out;
+  auto it = fs::recursive_directory_iterator(wiki_dir);
+  for (; it != fs::recursive_directory_iterator(); ++it) {
+    const std::string name = it->path().filename().string();
+    if (it->is_directory()) {
+      if (!name.empty() && name[0] == '.') it.disable_recursion_pending();
+      continue;
+    }
+    if (it->is_regular_file() && it->path().extension() == ".md") {
+      out.emplace(fs::relative(it->path(), wiki_dir).generic_string(), it->path());
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std::string& branch,
+                     const fs::path& wiki_dir) {
+  std::map<std::string, StoredPage> stored;
+  for (StoredPage& page : store.pages(branch)) stored.emplace(page.page_id, std::move(page));
+
+  SyncStats stats;
+  std::vector<StoredPage> pages;
+  for (const auto& [rel, file] : page_files(wiki_dir)) {
+    std::string bytes = read_bytes(file);
+    const std::string hash = sha256_hex(bytes);
+    const wiki::Text text(std::move(bytes), file.string());
+    std::vector<wiki::CitationKey> cited;
+    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> in_text;
+    syntax.find(text, [&](const wiki::Citation& citation) {
+      if (in_text.insert(citation.key).second) cited.push_back(citation.key);
+    });
+
+    StoredPage page;
+    page.page_id = rel.substr(0, rel.size() - 3);
+    if (auto old = stored.find(page.page_id); old != stored.end()) {
+      page = std::move(old->second);
+      stored.erase(old);
+    }
+    page.rel_path = rel;
+    page.content_hash = hash;
+
+    std::vector<wiki::Record> kept;
+    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> recorded;
+    for (wiki::Record& record : page.citations) {
+      const auto key = stored_key(record);
+      if (key && !in_text.count(*key)) {
+        ++stats.citations_dropped;
+        continue;
+      }
+      if (key) recorded.insert(*key);
+      kept.push_back(std::move(record));
+    }
+    for (const wiki::CitationKey& key : cited) {
+      if (recorded.count(key)) continue;
+      kept.push_back(
+          wiki::Record{{"path", key.path}, {"line_start", key.start}, {"line_end", key.end}});
+      ++stats.citations_added;
+    }
+    page.citations = std::move(kept);
+    pages.push_back(std::move(page));
+  }
+  stats.pages = pages.size();
+  stats.pages_removed = stored.size();
+  store.replace_pages(branch, pages);
+  return stats;
+}
+
+}  // namespace tolbarrow::hosts::native

@@ -1,0 +1,31 @@
+// Bringing the store's pages of a branch in line with the page files of a wiki directory.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+
+#include "hosts/native/store.h"
+#include "workers/wiki/verify.h"
+
+namespace tolbarrow::hosts::native {
+
+struct SyncStats {
+  std::size_t pages = 0;              // pages now in the store
+  std::size_t citations_added = 0;    // new records without a declaration
+  std::size_t citations_dropped = 0;  // records whose citation left the text
+  std::size_t pages_removed = 0;      // pages whose file is gone
+};
+
+// Makes every *.md file under `wiki_dir` (hidden folders skipped) a page of `branch`: its page id
+// is its path relative to `wiki_dir` without ".md", its rel_path that path, its content hash the
+// SHA-256 of its bytes. A citation of the text that no record has enters as {path, line_start,
+// line_end}, without a declaration, after the page's records in text order; a record whose
+// citation left the text is dropped (one whose path or lines cannot be read is kept as it is);
+// other records and the build cache stay as stored. Pages whose file is gone are removed. The
+// store changes in one transaction; the caller holds the wiki's write lock.
+// Throws InvalidUtf8 naming a page file that is not UTF-8.
+SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std::string& branch,
+                     const std::filesystem::path& wiki_dir);
+
+}  // namespace tolbarrow::hosts::native

@@ -1,0 +1,60 @@
+#include "hosts/native/page_sync.h"
+
+#include <gtest/gtest.h>
+
+#include "hosts/native/citation_syntax.h"
+#include "tests/temp_dir.h"
+
+namespace tolbarrow::hosts::native {
+namespace {
+
+using testing::TempDir;
+using wiki::Record;
+
+std::string citations_text(const StoredPage& page) { return Record(page.citations).dump(); }
+
+TEST(PageSync, MakesPageFilesThePagesOfTheBranch) {
+  TempDir repo;
+  const auto wiki_dir = repo.path() / "wiki";
+  repo.write("wiki/a.md",
+             "[f](/src/a.py#L1-L3) kept, [g](/src/a.py#L7) new, `[h](/src/h.py#L1)` code.\n");
+  repo.write("wiki/sub/b.md", "[k](/src/b.cc#L2-L4) [k again](/src/b.cc#L2-L4)\n");
+  repo.write("wiki/.hidden/c.md", "[x](/x.py#L1)\n");
+  repo.write("wiki/notes.txt", "[x](/x.py#L1)\n");
+  SqliteStore store(repo.path());
+  const Record anchored =
+      Record::parse(R"({"path":"src/a.py","line_start":1,"line_end":3,"symbol":"f","extra":true})");
+  const Record gone = Record::parse(R"({"path":"src/a.py","line_start":20,"line_end":21})");
+  const Record unreadable = Record::parse(R"({"path":"src/a.py","line_start":"x","line_end":1})");
+  store.replace_pages("main",
+                      {{"a", "a.md", {gone, anchored, unreadable}, Record{{"prose", "p"}}, "old"},
+                       {"deleted", "deleted.md", {}, std::nullopt, std::nullopt}});
+  store.replace_pages("other", {{"a", "a.md", {gone}, std::nullopt, std::nullopt}});
+
+  MarkdownCitationSyntax syntax;
+  const SyncStats stats = sync_pages(store, syntax, "main", wiki_dir);
+  EXPECT_EQ(stats.pages, 2u);
+  EXPECT_EQ(stats.citations_added, 2u);
+  EXPECT_EQ(stats.citations_dropped, 1u);
+  EXPECT_EQ(stats.pages_removed, 1u);
+
+  const auto pages = store.pages("main");
+  ASSERT_EQ(pages.size(), 2u);
+  EXPECT_EQ(pages[0].page_id, "a");
+  EXPECT_EQ(pages[0].rel_path, "a.md");
+  EXPECT_EQ(citations_text(pages[0]), "[" + anchored.dump() + "," + unreadable.dump() +
+                                          R"(,{"path":"src/a.py","line_start":7,"line_end":7}])");
+  EXPECT_EQ(pages[0].build_cache, (Record{{"prose", "p"}}));
+  EXPECT_EQ(pages[0].content_hash, sha256_hex(repo.read("wiki/a.md")));
+  EXPECT_EQ(pages[1].page_id, "sub/b");
+  EXPECT_EQ(pages[1].rel_path, "sub/b.md");
+  EXPECT_EQ(citations_text(pages[1]), R"([{"path":"src/b.cc","line_start":2,"line_end":4}])");
+  EXPECT_EQ(citations_text(store.pages("other")[0]), "[" + gone.dump() + "]");  // untouched
+
+  // A second sync finds nothing to do.
+  const SyncStats again = sync_pages(store, syntax, "main", wiki_dir);
+  EXPECT_EQ(again.citations_added + again.citations_dropped + again.pages_removed, 0u);
+}
+
+}  // namespace
+}  // namespace tolbarrow::hosts::native

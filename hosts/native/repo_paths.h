@@ -1,0 +1,33 @@
+// Paths that citations and the index name inside a repository, and what they may lead to.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "workers/wiki/types.h"
+
+namespace tolbarrow::hosts::native {
+
+namespace wiki = tolbarrow::workers::wiki;
+
+// The file that `rel` names under `root`, or nullopt when it must never be read: `rel` is empty,
+// absolute, holds a NUL byte or a ".." component, or leads outside `root` once symbolic links are
+// followed. `root` should be canonical (see canonical_root). Nothing is read; the file need not
+// exist.
+std::optional<std::filesystem::path> contained_path(const std::filesystem::path& root,
+                                                    std::string_view rel);
+
+// The canonical form of a repository root; throws std::filesystem::filesystem_error naming it when
+// it does not exist.
+std::filesystem::path canonical_root(const std::filesystem::path& root);
+
+// Number of lines of `bytes`: its line breaks, plus one for a last line without one. An empty
+// file has no lines.
+wiki::Line count_lines(std::string_view bytes);
+
+// The whole content of the file at `path`; throws std::filesystem::filesystem_error naming it.
+std::string read_bytes(const std::filesystem::path& path);
+
+}  // namespace tolbarrow::hosts::native

@@ -1,0 +1,366 @@
+#include "hosts/native/store.h"
+
+#include <openssl/evp.h>
+#include <sqlite3.h>
+
+#include <fstream>
+
+#include "hosts/native/repo_paths.h"
+
+namespace tolbarrow::hosts::native {
+namespace fs = std::filesystem;
+namespace {
+
+constexpr const char* kSchema = R"sql(
+CREATE TABLE files(
+  path TEXT PRIMARY KEY,
+  hash TEXT NOT NULL,
+  size INTEGER NOT NULL,
+  mtime_ns INTEGER NOT NULL,
+  line_count INTEGER NOT NULL
+) WITHOUT ROWID;
+CREATE TABLE symbols(
+  path TEXT NOT NULL,
+  ord INTEGER NOT NULL,
+  fqn TEXT NOT NULL,
+  name TEXT NOT NULL,
+  kind TEXT NOT NULL,
+  start_line INTEGER NOT NULL,
+  end_line INTEGER NOT NULL,
+  PRIMARY KEY(path, ord)
+) WITHOUT ROWID;
+CREATE TABLE pages(
+  branch TEXT NOT NULL,
+  page_id TEXT NOT NULL,
+  rel_path TEXT NOT NULL,
+  citations TEXT NOT NULL,
+  build_cache TEXT,
+  content_hash TEXT,
+  PRIMARY KEY(branch, page_id)
+) WITHOUT ROWID;
+)sql";
+
+[[noreturn]] void fail(sqlite3* db, const fs::path& file, const std::string& what) {
+  throw StoreError(file.string() + ": " + what + ": " + sqlite3_errmsg(db));
+}
+
+// A prepared statement, finalized when it goes. Errors name the database file.
+class Statement {
+ public:
+  Statement(sqlite3* db, const fs::path& file, const char* sql) : db_(db), file_(file) {
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) fail_("prepare");
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  Statement& bind(int i, std::string_view text) {
+    check(
+        sqlite3_bind_text(stmt_, i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT));
+    return *this;
+  }
+  Statement& bind(int i, std::int64_t value) {
+    check(sqlite3_bind_int64(stmt_, i, value));
+    return *this;
+  }
+  Statement& bind(int i, const std::string& text) { return bind(i, std::string_view(text)); }
+  Statement& bind(int i, const char* text) { return bind(i, std::string_view(text)); }
+  Statement& bind(int i, const std::optional<std::string>& text) {
+    if (text) return bind(i, std::string_view(*text));
+    check(sqlite3_bind_null(stmt_, i));
+    return *this;
+  }
+  // Whether a row came.
+  bool step() {
+    const int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc != SQLITE_DONE) fail_("step");
+    return false;
+  }
+  void run() {
+    step();
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+  }
+  std::string text(int col) const {
+    const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, col));
+    return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, col))) : "";
+  }
+  bool null(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
+  std::int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
+
+ private:
+  void check(int rc) {
+    if (rc != SQLITE_OK) fail_("bind");
+  }
+  [[noreturn]] void fail_(const std::string& what) const { fail(db_, file_, what); }
+
+  sqlite3* db_;
+  const fs::path& file_;
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+// A page row over the store's record of the page; its fields are read as the refresh asks.
+class StoredRow : public wiki::PageRow {
+ public:
+  explicit StoredRow(wiki::Record row) : row_(std::move(row)) {}
+  std::optional<wiki::Record> field(std::string_view key) const override {
+    auto it = row_.find(key);
+    if (it == row_.end()) return std::nullopt;
+    return *it;
+  }
+
+ private:
+  wiki::Record row_;
+};
+
+wiki::Record parse_json(const std::string& text, const fs::path& file, const char* what) {
+  try {
+    return wiki::Record::parse(text);
+  } catch (const wiki::Record::parse_error& error) {
+    throw StoreError(file.string() + ": stored " + what + " is not JSON: " + error.what());
+  }
+}
+
+std::string dump(const wiki::Record& value) { return value.dump(); }
+
+std::string dump_citations(const std::vector<wiki::Record>& citations) {
+  return dump(wiki::Record(citations));
+}
+
+// The directory that a .git file ("gitdir: <path>") points to, relative to the file's folder.
+std::optional<fs::path> git_dir(const fs::path& repo_root) {
+  const fs::path dot_git = repo_root / ".git";
+  std::error_code error;
+  if (fs::is_directory(dot_git, error)) return dot_git;
+  if (!fs::is_regular_file(dot_git, error)) return std::nullopt;
+  std::ifstream in(dot_git);
+  std::string line;
+  std::getline(in, line);
+  constexpr std::string_view prefix = "gitdir: ";
+  if (line.rfind(prefix, 0) != 0) return std::nullopt;
+  fs::path dir = line.substr(prefix.size());
+  if (dir.is_relative()) dir = repo_root / dir;
+  return fs::is_directory(dir, error) ? std::optional(dir) : std::nullopt;
+}
+
+}  // namespace
+
+std::string sha256_hex(std::string_view bytes) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+    throw std::runtime_error("SHA-256 failed");
+  }
+  static constexpr char hex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(2 * length);
+  for (unsigned int i = 0; i < length; ++i) {
+    out += hex[digest[i] >> 4];
+    out += hex[digest[i] & 15];
+  }
+  return out;
+}
+
+fs::path SqliteStore::default_path(const fs::path& repo_root) {
+  if (auto dir = git_dir(repo_root)) return *dir / "citation-refresh.db";
+  return repo_root / ".citation-refresh.db";
+}
+
+SqliteStore::SqliteStore(const fs::path& repo_root, std::optional<fs::path> db_file)
+    : root_(canonical_root(repo_root)), file_(db_file ? *db_file : default_path(repo_root)) {
+  if (sqlite3_open_v2(file_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+      SQLITE_OK) {
+    const std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
+    sqlite3_close(db_);
+    db_ = nullptr;
+    throw StoreError(file_.string() + ": cannot open the database: " + message);
+  }
+  try {
+    sqlite3_busy_timeout(db_, 10000);
+    // Refuse a newer database before changing anything of it.
+    auto version = [this] {
+      Statement s(db_, file_, "PRAGMA user_version");
+      s.step();
+      return static_cast<int>(s.integer(0));
+    };
+    const int found = version();
+    if (found > kSchemaVersion) {
+      throw StoreError(file_.string() + ": the database has schema version " +
+                       std::to_string(found) + ", newer than version " +
+                       std::to_string(kSchemaVersion) +
+                       " that this program knows; refusing to use it");
+    }
+    exec("PRAGMA journal_mode=WAL");
+    if (found == 0) {
+      transaction([&] {
+        if (version() != 0) return;  // another process created it meanwhile
+        exec(kSchema);
+        exec(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
+      });
+    }
+  } catch (...) {
+    sqlite3_close(db_);
+    db_ = nullptr;
+    throw;
+  }
+}
+
+SqliteStore::~SqliteStore() { sqlite3_close(db_); }
+
+void SqliteStore::exec(const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    const std::string text = message ? message : sqlite3_errmsg(db_);
+    sqlite3_free(message);
+    throw StoreError(file_.string() + ": " + text);
+  }
+}
+
+void SqliteStore::transaction(const std::function<void()>& body) {
+  exec("BEGIN IMMEDIATE");
+  try {
+    body();
+    exec("COMMIT");
+  } catch (...) {
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
+  }
+}
+
+std::vector<wiki::Symbol> SqliteStore::get_symbols_by_path(const std::string& path) {
+  Statement s(
+      db_, file_,
+      "SELECT fqn, name, kind, start_line, end_line FROM symbols WHERE path = ? ORDER BY ord");
+  s.bind(1, path);
+  std::vector<wiki::Symbol> out;
+  while (s.step()) out.push_back({s.text(0), s.text(1), s.text(2), s.integer(3), s.integer(4)});
+  return out;
+}
+
+bool SqliteStore::is_indexed(const std::string& path) {
+  if (!contained_path(root_, path)) return false;
+  Statement s(db_, file_, "SELECT 1 FROM files WHERE path = ?");
+  s.bind(1, path);
+  return s.step();
+}
+
+std::vector<std::unique_ptr<const wiki::PageRow>> SqliteStore::get_wiki_pages(
+    const std::string& branch) {
+  std::vector<std::unique_ptr<const wiki::PageRow>> rows;
+  for (StoredPage& page : pages(branch)) {
+    wiki::Record row{{"page_id", page.page_id},
+                     {"rel_path", page.rel_path},
+                     {"citations", wiki::Record(std::move(page.citations))}};
+    if (page.build_cache) row["build_cache"] = std::move(*page.build_cache);
+    if (page.content_hash) row["content_hash"] = *page.content_hash;
+    rows.push_back(std::make_unique<StoredRow>(std::move(row)));
+  }
+  return rows;
+}
+
+void SqliteStore::update_wiki_page_citations(const std::string& branch, const wiki::PageRow& row,
+                                             const wiki::PageUpdate& update) {
+  const std::optional<wiki::Record> id = row.field("page_id");
+  if (!id) throw wiki::MissingKey("page_id");
+  const std::string page_id = id->is_string() ? id->get<std::string>() : id->dump();
+  transaction([&] {
+    Statement s(db_, file_,
+                "UPDATE pages SET citations = ?, build_cache = ?, "
+                "content_hash = coalesce(?, content_hash) WHERE branch = ? AND page_id = ?");
+    s.bind(1, dump_citations(update.citations));
+    s.bind(2, update.build_cache ? std::optional(dump(*update.build_cache)) : std::nullopt);
+    s.bind(3, update.content_hash);
+    s.bind(4, branch).bind(5, page_id);
+    s.run();
+    if (sqlite3_changes(db_) != 1) {
+      throw StoreError(file_.string() + ": no page " + page_id + " of branch " + branch);
+    }
+  });
+}
+
+std::string SqliteStore::text_hash(const std::string& text) { return sha256_hex(text); }
+
+std::vector<FileFacts> SqliteStore::files() {
+  Statement s(db_, file_, "SELECT path, hash, size, mtime_ns, line_count FROM files ORDER BY path");
+  std::vector<FileFacts> out;
+  while (s.step()) out.push_back({s.text(0), s.text(1), s.integer(2), s.integer(3), s.integer(4)});
+  return out;
+}
+
+std::optional<FileFacts> SqliteStore::file(const std::string& path) {
+  Statement s(db_, file_,
+              "SELECT path, hash, size, mtime_ns, line_count FROM files WHERE path = ?");
+  s.bind(1, path);
+  if (!s.step()) return std::nullopt;
+  return FileFacts{s.text(0), s.text(1), s.integer(2), s.integer(3), s.integer(4)};
+}
+
+void SqliteStore::apply(const IndexChange& change) {
+  transaction([&] {
+    Statement put(db_, file_, "INSERT OR REPLACE INTO files VALUES (?, ?, ?, ?, ?)");
+    Statement drop_file(db_, file_, "DELETE FROM files WHERE path = ?");
+    Statement drop_symbols(db_, file_, "DELETE FROM symbols WHERE path = ?");
+    Statement add_symbol(db_, file_, "INSERT INTO symbols VALUES (?, ?, ?, ?, ?, ?, ?)");
+    auto put_facts = [&](const FileFacts& f) {
+      put.bind(1, f.path).bind(2, f.hash).bind(3, f.size).bind(4, f.mtime_ns).bind(5, f.line_count);
+      put.run();
+    };
+    for (const FileFacts& facts : change.touched) put_facts(facts);
+    for (const auto& [facts, symbols] : change.indexed) {
+      put_facts(facts);
+      drop_symbols.bind(1, facts.path);
+      drop_symbols.run();
+      std::int64_t ord = 0;
+      for (const wiki::Symbol& s : symbols) {
+        add_symbol.bind(1, facts.path).bind(2, ord++).bind(3, s.fqn).bind(4, s.name);
+        add_symbol.bind(5, s.kind).bind(6, s.start_line).bind(7, s.end_line);
+        add_symbol.run();
+      }
+    }
+    for (const std::string& path : change.removed) {
+      drop_file.bind(1, path);
+      drop_file.run();
+      drop_symbols.bind(1, path);
+      drop_symbols.run();
+    }
+  });
+}
+
+std::vector<StoredPage> SqliteStore::pages(const std::string& branch) {
+  Statement s(db_, file_,
+              "SELECT page_id, rel_path, citations, build_cache, content_hash FROM pages "
+              "WHERE branch = ? ORDER BY page_id");
+  s.bind(1, branch);
+  std::vector<StoredPage> out;
+  while (s.step()) {
+    StoredPage page{s.text(0), s.text(1), {}, std::nullopt, std::nullopt};
+    const wiki::Record citations = parse_json(s.text(2), file_, "citations");
+    if (!citations.is_array())
+      throw StoreError(file_.string() + ": stored citations of page " + page.page_id +
+                       " are not a list");
+    page.citations.assign(citations.begin(), citations.end());
+    if (!s.null(3)) page.build_cache = parse_json(s.text(3), file_, "build cache");
+    if (!s.null(4)) page.content_hash = s.text(4);
+    out.push_back(std::move(page));
+  }
+  return out;
+}
+
+void SqliteStore::replace_pages(const std::string& branch, const std::vector<StoredPage>& pages) {
+  transaction([&] {
+    Statement clear(db_, file_, "DELETE FROM pages WHERE branch = ?");
+    Statement put(db_, file_, "INSERT INTO pages VALUES (?, ?, ?, ?, ?, ?)");
+    clear.bind(1, branch);
+    clear.run();
+    for (const StoredPage& page : pages) {
+      put.bind(1, branch).bind(2, page.page_id).bind(3, page.rel_path);
+      put.bind(4, dump_citations(page.citations));
+      put.bind(5, page.build_cache ? std::optional(dump(*page.build_cache)) : std::nullopt);
+      put.bind(6, page.content_hash);
+      put.run();
+    }
+  });
+}
+
+}  // namespace tolbarrow::hosts::native

@@ -1,0 +1,120 @@
+#include "hosts/native/store.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include "tests/temp_dir.h"
+
+namespace tolbarrow::hosts::native {
+namespace {
+
+using testing::TempDir;
+using wiki::Record;
+
+// A row's field as JSON text, which shows key order and number types.
+std::string field_text(const wiki::PageRow& row, std::string_view key) {
+  const auto value = row.field(key);
+  return value ? value->dump() : "absent";
+}
+
+TEST(Store, KeepsExactlyWhatItIsGivenAcrossReopen) {
+  TempDir repo;
+  const auto odd = Record::parse(
+      R"({"zeta":1,"path":"a.py","line_start":"3","line_end":4.5,"extra":[true,null,{"b":1,"a":2}]})");
+  {
+    SqliteStore store(repo.path());
+    store.replace_pages("main", {{"b/page", "b/page.md", {odd}, std::nullopt, "h1"},
+                                 {"a", "a.md", {}, Record::parse(R"({"prose":"x","n":-1})"), {}}});
+    store.replace_pages("other", {{"c", "c.md", {}, std::nullopt, std::nullopt}});
+    store.apply({.indexed = {{{"a.py", "hash", 10, 20, 3},
+                              {{"A.f", "f", "member", 2, 3}, {"A", "A", "class", 1, 3}}}}});
+    auto rows = store.get_wiki_pages("main");
+    ASSERT_EQ(rows.size(), 2u);
+    wiki::PageUpdate update;
+    update.citations = {odd, Record::parse(R"({"path":"b.py","line_start":1,"line_end":2})")};
+    update.build_cache = Record::parse(R"({"prose":"y","z":0.1})");
+    store.update_wiki_page_citations("main", *rows[1], update);  // no content hash: kept
+  }
+  SqliteStore store(repo.path());
+  EXPECT_EQ(store.file(), repo.path() / ".citation-refresh.db");
+  auto rows = store.get_wiki_pages("main");
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(field_text(*rows[0], "page_id"), R"("a")");  // ordered by page id
+  EXPECT_EQ(field_text(*rows[0], "citations"), "[]");
+  EXPECT_EQ(field_text(*rows[0], "build_cache"), R"({"prose":"x","n":-1})");
+  EXPECT_EQ(field_text(*rows[0], "content_hash"), "absent");
+  EXPECT_EQ(field_text(*rows[1], "rel_path"), R"("b/page.md")");
+  EXPECT_EQ(field_text(*rows[1], "citations"),
+            "[" + odd.dump() + R"(,{"path":"b.py","line_start":1,"line_end":2}])");
+  EXPECT_EQ(field_text(*rows[1], "build_cache"), R"({"prose":"y","z":0.1})");
+  EXPECT_EQ(field_text(*rows[1], "content_hash"), R"("h1")");
+  EXPECT_EQ(store.get_wiki_pages("other").size(), 1u);
+  EXPECT_EQ(store.get_symbols_by_path("a.py"),
+            (std::vector<wiki::Symbol>{{"A.f", "f", "member", 2, 3}, {"A", "A", "class", 1, 3}}));
+  EXPECT_EQ(store.file("a.py"), (FileFacts{"a.py", "hash", 10, 20, 3}));
+
+  wiki::PageUpdate hashed;
+  hashed.content_hash = "h2";
+  store.update_wiki_page_citations("main", *rows[1], hashed);
+  EXPECT_EQ(field_text(*store.get_wiki_pages("main")[1], "content_hash"), R"("h2")");
+  EXPECT_EQ(field_text(*store.get_wiki_pages("main")[1], "build_cache"), "absent");
+
+  const auto gone = store.get_wiki_pages("other");
+  store.replace_pages("other", {});
+  try {
+    store.update_wiki_page_citations("other", *gone[0], hashed);
+    FAIL() << "updated a page that is gone";
+  } catch (const StoreError& error) {
+    EXPECT_NE(std::string(error.what()).find(store.file().string()), std::string::npos);
+  }
+}
+
+TEST(Store, LivesInTheGitDirectoryAndHashesWithSha256) {
+  TempDir repo;
+  std::filesystem::create_directory(repo.path() / ".git");
+  SqliteStore store(repo.path());
+  EXPECT_EQ(store.file(), repo.path() / ".git" / "citation-refresh.db");
+  EXPECT_EQ(store.text_hash("abc"),
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+}
+
+TEST(Store, RefusesANewerSchema) {
+  TempDir repo;
+  const auto db_file = repo.path() / "x.db";
+  { SqliteStore store(repo.path(), db_file); }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(db_file.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version=2", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(db);
+  try {
+    SqliteStore store(repo.path(), db_file);
+    FAIL() << "opened a newer database";
+  } catch (const StoreError& error) {
+    EXPECT_NE(std::string(error.what())
+                  .find(db_file.string() + ": the database has schema "
+                                           "version 2, newer"),
+              std::string::npos)
+        << error.what();
+  }
+}
+
+TEST(Store, PathsLeadingOutsideTheRepositoryAreNeverIndexed) {
+  TempDir repo, outside;
+  repo.write("src/a.py", "x\n");
+  outside.write("secret.py", "x\n");
+  std::filesystem::create_directory_symlink(outside.path(), repo.path() / "out");
+  std::filesystem::create_symlink(outside.path() / "secret.py", repo.path() / "link.py");
+  SqliteStore store(repo.path());
+  const std::vector<std::string> hostile = {
+      "/etc/passwd", "../x.py", "src/../../x.py", "src/../a.py", "out/secret.py", "link.py", ""};
+  IndexChange change;
+  for (const auto& path : hostile) change.touched.push_back({path, "h", 1, 1, 1});
+  change.touched.push_back({"src/a.py", "h", 1, 1, 1});
+  store.apply(change);
+  for (const auto& path : hostile) EXPECT_FALSE(store.is_indexed(path)) << path;
+  EXPECT_TRUE(store.is_indexed("src/a.py"));
+  EXPECT_FALSE(store.is_indexed("src/b.py"));
+}
+
+}  // namespace
+}  // namespace tolbarrow::hosts::native
