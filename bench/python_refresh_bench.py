@@ -169,7 +169,10 @@ def cpp_figure(driver, data_file, mode, repeat):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", type=Path, default=ROOT / "build")
+    parser.add_argument("--build", type=Path, default=ROOT / "build",
+                        help="the CMake build directory whose python/ and bench/ to use")
+    parser.add_argument("--extension", type=Path,
+                        help="another build's python/ directory, to time its extension instead")
     parser.add_argument("--pages", type=int, default=1000)
     parser.add_argument("--citations", type=int, default=20)
     parser.add_argument("--repeat", type=int, default=3, help="best of this many runs")
@@ -179,7 +182,8 @@ def main():
     if args.smoke:
         args.pages, args.citations, args.repeat = 5, 4, 1
 
-    sys.path[:0] = [str(args.build / "python"), str(ROOT / "hosts" / "python" / "tests" / "host")]
+    extension = args.extension or args.build / "python"
+    sys.path[:0] = [str(extension), str(ROOT / "hosts" / "python" / "tests" / "host")]
     timer = Timer()
     timer.calibrate()
     pattern = host_modules(timer)

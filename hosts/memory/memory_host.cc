@@ -193,7 +193,10 @@ const Symbol* MemoryHost::anchor_symbol(std::span<const Symbol> symbols, Line fi
   return nullptr;
 }
 
-Record MemoryHost::anchored(Record record, const Symbol* symbol) {
+Record MemoryHost::anchored(const Record& citation, LineRange lines, const Symbol* symbol) {
+  Record record = citation;
+  record["line_start"] = lines.first;
+  record["line_end"] = lines.last;
   if (symbol != nullptr) {
     record["symbol"] = symbol->fqn;
     record["name"] = symbol->name;

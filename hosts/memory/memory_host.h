@@ -87,7 +87,7 @@ class MemoryHost : public CitationSyntax,
   const std::vector<std::string>& file_name_endings() override { return skip_exts; }
   bool unanchored_kind(const std::string& kind) override { return unanchored_kinds.count(kind); }
   const Symbol* anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) override;
-  Record anchored(Record record, const Symbol* symbol) override;
+  Record anchored(const Record& citation, LineRange lines, const Symbol* symbol) override;
   // CitationRanges
   std::unique_ptr<LineCounts> line_counts(const fs::path& repo_root) override;
   std::optional<LineRange> fit_range(Line first, Line last, Line line_count) override;

@@ -73,7 +73,11 @@ const wiki::Symbol* CtagsAnchoring::anchor_symbol(std::span<const wiki::Symbol> 
   return best;
 }
 
-wiki::Record CtagsAnchoring::anchored(wiki::Record record, const wiki::Symbol* symbol) {
+wiki::Record CtagsAnchoring::anchored(const wiki::Record& citation, wiki::LineRange lines,
+                                      const wiki::Symbol* symbol) {
+  wiki::Record record = citation;
+  record["line_start"] = lines.first;
+  record["line_end"] = lines.last;
   if (symbol == nullptr) return record;
   record["symbol"] = symbol->fqn;
   record["name"] = symbol->name;

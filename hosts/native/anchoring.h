@@ -29,7 +29,8 @@ class CtagsAnchoring : public wiki::Anchoring {
   const wiki::Symbol* anchor_symbol(std::span<const wiki::Symbol> symbols, wiki::Line first,
                                     wiki::Line last) override;
   // Sets symbol (the fqn), name, symbol_start and symbol_end; every other key stays in place.
-  wiki::Record anchored(wiki::Record record, const wiki::Symbol* symbol) override;
+  wiki::Record anchored(const wiki::Record& citation, wiki::LineRange lines,
+                        const wiki::Symbol* symbol) override;
 };
 
 // Line counts from the index where its facts are current (same size and mtime as the file on

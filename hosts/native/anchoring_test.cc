@@ -55,10 +55,11 @@ INSTANTIATE_TEST_SUITE_P(Anchoring, AnchorTest,
 TEST(Anchoring, AnchoredSetsTheDeclarationAndKeepsTheRest) {
   CtagsAnchoring anchoring;
   const Record record = Record::parse(R"({"z":1,"path":"a.py","line_start":5,"name":"old"})");
-  EXPECT_EQ(anchoring.anchored(record, &kSymbols[1]).dump(),
-            R"({"z":1,"path":"a.py","line_start":5,"name":"m","symbol":"A.m",)"
+  EXPECT_EQ(anchoring.anchored(record, {6, 7}, &kSymbols[1]).dump(),
+            R"({"z":1,"path":"a.py","line_start":6,"name":"m","line_end":7,"symbol":"A.m",)"
             R"("symbol_start":3,"symbol_end":8})");
-  EXPECT_EQ(anchoring.anchored(record, nullptr), record);
+  EXPECT_EQ(anchoring.anchored(record, {6, 7}, nullptr).dump(),
+            R"({"z":1,"path":"a.py","line_start":6,"name":"old","line_end":7})");
   EXPECT_TRUE(anchoring.unanchored_kind("variable"));
   EXPECT_FALSE(anchoring.unanchored_kind("member"));
 }

@@ -56,6 +56,7 @@ struct Services {
 struct Names {
   Names();
   py::object start, end, finditer, value, fqn, name, kind, start_line, end_line, content_hash;
+  py::object citations, line_start, line_end;
   py::object get_symbols_by_path, get_file_by_path, get_wiki_pages, update_wiki_page_citations;
   py::object acquire_write_lock, release_write_lock;
   py::object moves_keyword;    // ("moves",)
@@ -167,7 +168,7 @@ class PyHost final : public CitationSyntax,
     return bridge_->unanchored_kinds.count(kind) != 0;
   }
   const Symbol* anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) override;
-  Record anchored(Record record, const Symbol* symbol) override;
+  Record anchored(const Record& citation, LineRange lines, const Symbol* symbol) override;
   // CitationRanges: LineCounts, fit_range.
   std::unique_ptr<LineCounts> line_counts(const fs::path& repo_root) override;
   std::optional<LineRange> fit_range(Line first, Line last, Line line_count) override;
@@ -198,6 +199,13 @@ class PyHost final : public CitationSyntax,
   // Records a line count the host gave. Returns it as a line.
   Line counted(py::object count);
 
+  // Remembers that `records` were converted from the host's `items` (one each), so that
+  // anchored() hands the host a copy of its own record rather than one rebuilt from JSON. What
+  // was remembered of the memory they now take is forgotten.
+  void records_from(const std::vector<Record>& records, py::tuple items);
+  // The host's own record that `record` was converted from, or null.
+  PyObject* record_object(const Record* record) const;
+
   // Keeps `object` alive as long as this host, for the objects handed to the core. Borrowed back.
   PyObject* keep(py::object object);
 
@@ -213,6 +221,7 @@ class PyHost final : public CitationSyntax,
   py::object wiki_dir_, repo_root_;
   fs::path wiki_path_, root_path_;
   std::map<const Symbol*, SymbolList, std::less<>> symbol_lists_;  // by their first element
+  std::map<const Record*, py::tuple, std::less<>> record_lists_;   // by their first element
   std::unordered_map<CitationKey, py::object, CitationKeyHash> keys_;
   Line last_count_ = 0;
   py::object last_count_object_;

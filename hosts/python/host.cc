@@ -20,13 +20,21 @@ py::object interned(const char* text) {
 // One page row of the host's store (a dict or any mapping), read when the core asks for a field.
 class PyPageRow final : public PageRow {
  public:
-  PyPageRow(const Bridge& bridge, PyObject* row) : bridge_(bridge), row_(row) {}
+  PyPageRow(PyHost& host, PyObject* row) : host_(host), bridge_(host.bridge()), row_(row) {}
 
   std::optional<Record> field(std::string_view key) const override {
     return host_call(bridge_, [&]() -> std::optional<Record> {
       const py::object value = member(to_str(key));
       if (!value) return std::nullopt;
-      return to_record(value, "page row " + std::string(key));
+      Record out = to_record(value, "page row " + std::string(key));
+      // The page's citation records: the core keeps this very array (its vector is moved, not
+      // copied), so the host's records can be found again from the core's.
+      if (key == "citations" && out.is_array()) {
+        const auto items = py::reinterpret_steal<py::tuple>(PySequence_Tuple(value.ptr()));
+        if (!items) throw py::error_already_set();
+        host_.records_from(out.get_ref<const Record::array_t&>(), items);
+      }
+      return out;
     });
   }
 
@@ -46,6 +54,7 @@ class PyPageRow final : public PageRow {
   }
 
  private:
+  PyHost& host_;
   const Bridge& bridge_;
   PyObject* row_;  // kept by the PyHost
 };
@@ -124,6 +133,9 @@ Names::Names()
       start_line(interned("start_line")),
       end_line(interned("end_line")),
       content_hash(interned("content_hash")),
+      citations(interned("citations")),
+      line_start(interned("line_start")),
+      line_end(interned("line_end")),
       get_symbols_by_path(interned("get_symbols_by_path")),
       get_file_by_path(interned("get_file_by_path")),
       get_wiki_pages(interned("get_wiki_pages")),
@@ -221,11 +233,22 @@ const Symbol* PyHost::anchor_symbol(std::span<const Symbol> symbols, Line first,
   });
 }
 
-Record PyHost::anchored(Record record, const Symbol* symbol) {
+Record PyHost::anchored(const Record& citation, LineRange lines, const Symbol* symbol) {
   return host_call(*bridge_, [&] {
-    const py::object out =
-        call(bridge_->services.anchored,
-             {from_record(record), symbol != nullptr ? symbol_object(symbol) : py::none()});
+    // A new dict: a copy of the host's own record when the core's came from one, else built.
+    PyObject* own = record_object(&citation);
+    auto record = own != nullptr && PyDict_Check(own)
+                      ? py::reinterpret_steal<py::object>(PyDict_Copy(own))
+                      : from_record(citation);
+    if (!record) throw py::error_already_set();
+    if (PyDict_SetItem(record.ptr(), bridge_->names.line_start.ptr(),
+                       py::int_(lines.first).ptr()) != 0 ||
+        PyDict_SetItem(record.ptr(), bridge_->names.line_end.ptr(), py::int_(lines.last).ptr()) !=
+            0) {
+      throw py::error_already_set();
+    }
+    const py::object out = call(bridge_->services.anchored,
+                                {record, symbol != nullptr ? symbol_object(symbol) : py::none()});
     if (!PyDict_Check(out.ptr())) {
       raise(PyExc_TypeError, "verify.anchored: expected a dict, got " + type_name(out));
     }
@@ -337,6 +360,28 @@ Line PyHost::counted(py::object count) {
   return last_count_;
 }
 
+void PyHost::records_from(const std::vector<Record>& records, py::tuple items) {
+  if (records.empty()) return;
+  const Record* first = records.data();
+  const Record* last = first + records.size();
+  // Entries for memory these records now take belong to records that are gone.
+  auto it = record_lists_.lower_bound(first);
+  if (it != record_lists_.begin()) {
+    auto before = std::prev(it);
+    if (std::less<>()(first, before->first + before->second.size())) it = before;
+  }
+  while (it != record_lists_.end() && std::less<>()(it->first, last)) it = record_lists_.erase(it);
+  record_lists_.emplace(first, std::move(items));
+}
+
+PyObject* PyHost::record_object(const Record* record) const {
+  auto it = record_lists_.upper_bound(record);
+  if (it == record_lists_.begin()) return nullptr;
+  --it;
+  if (!std::less<>()(record, it->first + it->second.size())) return nullptr;
+  return PyTuple_GET_ITEM(it->second.ptr(), record - it->first);
+}
+
 PyObject* PyHost::keep(py::object object) {
   kept_.push_back(std::move(object));
   return kept_.back().ptr();
@@ -373,7 +418,7 @@ std::vector<std::unique_ptr<const PageRow>> PyRepository::get_wiki_pages(
     std::vector<std::unique_ptr<const PageRow>> out;
     out.reserve(static_cast<std::size_t>(PyList_GET_SIZE(rows.ptr())));
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.ptr()); ++i) {
-      out.push_back(std::make_unique<PyPageRow>(b, PyList_GET_ITEM(rows.ptr(), i)));
+      out.push_back(std::make_unique<PyPageRow>(host_, PyList_GET_ITEM(rows.ptr(), i)));
     }
     return out;
   });

@@ -56,10 +56,12 @@ class Anchoring {
   // The declaration among `symbols` that anchors a citation of lines first..last, or null.
   // Returns an element of `symbols` (its address), never a copy.
   virtual const Symbol* anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) = 0;
-  // The record to store for a citation anchored to `symbol` (null: a legacy citation that found
-  // no anchor). With a symbol it sets `symbol`, `name`, `symbol_start` and `symbol_end` from it;
-  // other keys are the host's to keep or add.
-  virtual Record anchored(Record record, const Symbol* symbol) = 0;
+  // The record to store for `citation` placed at `lines` and anchored to `symbol` (null: a legacy
+  // citation that found no anchor): a new record with the citation's keys in their order, its
+  // `line_start` and `line_end` set to `lines`, and with a symbol, `symbol`, `name`,
+  // `symbol_start` and `symbol_end` set from it. Other keys are the host's to keep or add.
+  // `citation` is a record the store gave (or a new one for a citation the store lacks).
+  virtual Record anchored(const Record& citation, LineRange lines, const Symbol* symbol) = 0;
 };
 
 }  // namespace tolbarrow::workers::wiki

@@ -79,10 +79,7 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
     }
     if (*fitted != LineRange{key.start, key.end}) result.moves.set(key, *fitted);
 
-    Record moved = cite;
-    moved["line_start"] = fitted->first;
-    moved["line_end"] = fitted->last;
-    Record updated = host.anchoring.anchored(std::move(moved), found);
+    Record updated = host.anchoring.anchored(cite, *fitted, found);
     if (stored_record != nullptr && !records_equal(updated, cite)) {
       result.anchors.set(key, std::move(updated));
     }
