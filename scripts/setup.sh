@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the build dependencies from Debian's archive, builds everything into build/, and runs a
-# small example: a wiki page whose cited function moved, refreshed through the Python extension.
+# small example: a wiki page whose cited function moved, refreshed through the Python extension,
+# and the citation-refresh command over a small repository.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,7 +12,7 @@ $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends \
   cmake g++ make pkg-config git clang-format \
   libpcre2-dev nlohmann-json3-dev libspdlog-dev libicu-dev \
-  libsqlite3-dev libssl-dev universal-ctags \
+  libsqlite3-dev libssl-dev universal-ctags libcli11-dev \
   libgtest-dev libgmock-dev libbenchmark-dev \
   pybind11-dev python3-dev python3-pytest >/dev/null
 
@@ -20,3 +21,5 @@ cmake --build build -j"$(nproc)"
 
 PYTHONPATH=build/python:hosts/python/tests/host PYTHONDONTWRITEBYTECODE=1 \
   /usr/bin/python3 examples/road_of_one_citation.py
+
+CITATION_REFRESH=build/hosts/native/command/citation-refresh examples/native/run.sh

@@ -1,0 +1,126 @@
+#include "hosts/native/command/anchors.h"
+
+#include <unordered_set>
+
+#include "hosts/native/repo_paths.h"
+#include "workers/wiki/text.h"
+
+namespace tolbarrow::hosts::native::command {
+namespace fs = std::filesystem;
+namespace {
+
+// A record's citation key, when its path and lines are plain values.
+std::optional<wiki::CitationKey> key_of(const wiki::Record& record) {
+  auto path = record.find("path"), start = record.find("line_start"), end = record.find("line_end");
+  if (path == record.end() || start == record.end() || end == record.end() || !path->is_string() ||
+      !start->is_number_integer() || !end->is_number_integer()) {
+    return std::nullopt;
+  }
+  return wiki::CitationKey{path->get<std::string>(), start->get<wiki::Line>(),
+                           end->get<wiki::Line>()};
+}
+
+// One JSON value on one line, with a space after each ':' and ','.
+std::string one_line(const wiki::Record& value) {
+  if (value.is_object()) {
+    std::string out = "{";
+    for (auto it = value.begin(); it != value.end(); ++it) {
+      if (it != value.begin()) out += ", ";
+      out += wiki::Record(it.key()).dump() + ": " + one_line(*it);
+    }
+    return out + "}";
+  }
+  if (value.is_array()) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < value.size(); ++i) out += (i ? ", " : "") + one_line(value[i]);
+    return out + "]";
+  }
+  return value.dump();
+}
+
+}  // namespace
+
+std::optional<Anchors> read_anchors(const fs::path& file) {
+  std::error_code error;
+  if (!fs::exists(file, error)) return std::nullopt;
+  const std::string bytes = read_bytes(file);
+  const std::size_t bad = wiki::first_invalid_utf8(bytes);
+  if (bad != std::string::npos) {
+    throw AnchorsError(file.string() + ": not valid UTF-8 at byte " + std::to_string(bad));
+  }
+  wiki::Record json;
+  try {
+    json = wiki::Record::parse(bytes);
+  } catch (const wiki::Record::parse_error& e) {
+    throw AnchorsError(file.string() + ": not valid JSON at byte " + std::to_string(e.byte) +
+                       " (a merge conflict? run citation-refresh after resolving it)");
+  }
+  auto fail = [&](const std::string& what) { throw AnchorsError(file.string() + ": " + what); };
+  if (!json.is_object()) fail("expected a JSON object");
+  if (auto v = json.find("version"); v != json.end()) {
+    if (!v->is_number_integer()) fail("\"version\" is not an integer");
+    if (v->get<int>() > kAnchorsVersion) {
+      fail("anchors file version " + std::to_string(v->get<int>()) + " is newer than version " +
+           std::to_string(kAnchorsVersion) + " that this program knows");
+    }
+  }
+  Anchors anchors;
+  auto pages = json.find("pages");
+  if (pages == json.end()) return anchors;
+  if (!pages->is_object()) fail("\"pages\" is not an object");
+  for (auto page = pages->begin(); page != pages->end(); ++page) {
+    if (!page->is_array()) fail("page \"" + page.key() + "\" is not a list of citations");
+    std::vector<wiki::Record>& records = anchors[page.key()];
+    for (const wiki::Record& record : *page) {
+      if (!record.is_object() || !key_of(record)) {
+        fail("page \"" + page.key() +
+             "\": a citation without path, line_start and line_end: " + record.dump());
+      }
+      records.push_back(record);
+    }
+  }
+  return anchors;
+}
+
+std::string dump_anchors(const std::vector<StoredPage>& pages) {
+  std::map<std::string, const StoredPage*> sorted;
+  for (const StoredPage& page : pages) sorted.emplace(page.page_id, &page);
+  std::string out = "{\n  \"version\": " + std::to_string(kAnchorsVersion) + ",\n  \"pages\": {";
+  bool first_page = true;
+  for (const auto& [id, page] : sorted) {
+    out += first_page ? "\n" : ",\n";
+    first_page = false;
+    out += "    " + wiki::Record(id).dump() + ": [";
+    for (std::size_t i = 0; i < page->citations.size(); ++i) {
+      out += (i ? ",\n      " : "\n      ") + one_line(page->citations[i]);
+    }
+    out += page->citations.empty() ? "]" : "\n    ]";
+  }
+  out += first_page ? "}\n}\n" : "\n  }\n}\n";
+  return out;
+}
+
+void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors) {
+  std::vector<StoredPage> pages = store.pages(branch);
+  std::unordered_set<std::string> known;
+  for (StoredPage& page : pages) {
+    known.insert(page.page_id);
+    auto recorded = anchors.find(page.page_id);
+    if (recorded == anchors.end()) continue;
+    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> keys;
+    for (const wiki::Record& record : recorded->second) keys.insert(*key_of(record));
+    std::vector<wiki::Record> citations = recorded->second;
+    for (wiki::Record& record : page.citations) {
+      const auto key = record.is_object() ? key_of(record) : std::nullopt;
+      if (!key || !keys.count(*key)) citations.push_back(std::move(record));
+    }
+    page.citations = std::move(citations);
+  }
+  for (const auto& [id, records] : anchors) {
+    if (known.count(id)) continue;
+    pages.push_back(StoredPage{.page_id = id, .rel_path = id + ".md", .citations = records});
+  }
+  store.replace_pages(branch, pages);
+}
+
+}  // namespace tolbarrow::hosts::native::command

@@ -1,0 +1,42 @@
+// The anchors file: the wiki's citation records (each citation's declaration) kept as text in the
+// wiki directory and committed with the pages, so that a clone without a local store still knows
+// where each citation's declaration was. The local store caches it.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "hosts/native/store.h"
+
+namespace tolbarrow::hosts::native::command {
+
+inline constexpr const char* kAnchorsFileName = ".citation-anchors.json";
+inline constexpr int kAnchorsVersion = 1;
+
+// A malformed anchors file; the message names the file and the problem.
+class AnchorsError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Page id -> the page's citation records, in the store's order.
+using Anchors = std::map<std::string, std::vector<wiki::Record>>;
+
+// The anchors file's records; nullopt when the file does not exist. Throws AnchorsError for a
+// file that is not UTF-8 JSON of the expected shape (a merge conflict left in it, say).
+std::optional<Anchors> read_anchors(const std::filesystem::path& file);
+
+// The file's text for `pages`: pretty-printed JSON, pages in page id order, one citation record
+// per line in the store's order, so that concurrent edits of different pages merge cleanly.
+std::string dump_anchors(const std::vector<StoredPage>& pages);
+
+// Puts the anchors file's records into the branch's stored pages: a citation (path and lines)
+// that the file records takes the file's record, other stored records stay, and a page only the
+// file knows is added (page_sync then drops whatever its text no longer cites).
+void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors);
+
+}  // namespace tolbarrow::hosts::native::command

@@ -1,0 +1,287 @@
+#include "hosts/native/command/run.h"
+
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <unordered_set>
+
+#include "hosts/native/command/anchors.h"
+#include "hosts/native/command/terminal.h"
+#include "hosts/native/indexer.h"
+#include "hosts/native/native_host.h"
+#include "hosts/native/page_sync.h"
+#include "hosts/native/process.h"
+#include "hosts/native/repo_paths.h"
+
+namespace tolbarrow::hosts::native::command {
+namespace fs = std::filesystem;
+namespace cr = wiki::citation_refresh;
+namespace {
+
+// git's trimmed output, or nullopt when it fails; CommandError when git is not installed.
+std::optional<std::string> git(const std::vector<std::string>& args, const fs::path& cwd) {
+  std::vector<std::string> argv{"git"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const ProcessResult result = run_process(argv, cwd);
+  if (result.exit_code == 127) throw CommandError("git: not found; install the git package");
+  if (result.exit_code != 0) return std::nullopt;
+  std::string out = result.out;
+  while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
+  return out;
+}
+
+struct Place {
+  fs::path root;
+  std::string branch;
+  fs::path wiki;
+  fs::path db;
+};
+
+Place locate(const Options& options) {
+  Place place;
+  const fs::path cwd = fs::current_path();
+  if (options.repo) {
+    if (!fs::is_directory(*options.repo)) {
+      throw CommandError(options.repo->string() + ": no such directory (--repo)");
+    }
+    place.root = canonical_root(*options.repo);
+  } else if (auto top = git({"rev-parse", "--show-toplevel"}, cwd); top && !top->empty()) {
+    place.root = canonical_root(*top);
+  } else {
+    throw CommandError(cwd.string() + ": not inside a git work tree; pass --repo DIR");
+  }
+
+  if (options.branch) {
+    place.branch = *options.branch;
+  } else if (auto name = git({"symbolic-ref", "--quiet", "--short", "HEAD"}, place.root)) {
+    place.branch = *name;
+  } else if (auto commit = git({"rev-parse", "--verify", "--quiet", "HEAD"}, place.root)) {
+    place.branch = *commit;  // a detached head
+  } else {
+    throw CommandError(place.root.string() + ": cannot tell the branch; pass --branch NAME");
+  }
+  if (place.branch.empty()) throw CommandError("--branch: the branch name is empty");
+
+  place.wiki = options.wiki.is_absolute() ? options.wiki : place.root / options.wiki;
+  if (!fs::is_directory(place.wiki)) {
+    throw CommandError(place.wiki.string() + ": no such wiki directory (--wiki)");
+  }
+  place.db = options.db ? fs::absolute(*options.db) : SqliteStore::default_path(place.root);
+  return place;
+}
+
+// The universal-ctags program: the one found at build time, else the first ctags on PATH that is
+// universal-ctags.
+std::string find_ctags() {
+  if (::access(TOLBARROW_CTAGS, X_OK) == 0) return TOLBARROW_CTAGS;
+  const ProcessResult version = run_process({"ctags", "--version"}, fs::current_path());
+  if (version.exit_code == 0 && version.out.find("Universal Ctags") != std::string::npos) {
+    return "ctags";
+  }
+  throw CommandError(std::string("ctags: universal-ctags not found (") + TOLBARROW_CTAGS +
+                     " is missing" +
+                     (version.exit_code == 127 ? "" : ", and the ctags on PATH is another one") +
+                     "); install the universal-ctags package");
+}
+
+// A copy of the store in a temporary directory, removed when it goes: a run that reports only
+// may index and sync into it without changing the repository's store.
+class ScratchStore {
+ public:
+  explicit ScratchStore(const fs::path& db) {
+    std::string pattern = (fs::temp_directory_path() / "citation-refresh-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      throw CommandError(pattern + ": cannot create a temporary directory");
+    }
+    dir_ = pattern;
+    file_ = dir_ / "store.db";
+    if (fs::exists(db)) copy(db);
+  }
+  ~ScratchStore() {
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+  }
+  ScratchStore(const ScratchStore&) = delete;
+  ScratchStore& operator=(const ScratchStore&) = delete;
+  const fs::path& file() const { return file_; }
+
+ private:
+  // One consistent snapshot, whatever another process writes meanwhile.
+  void copy(const fs::path& db) {
+    sqlite3* handle = nullptr;
+    auto fail = [&](const std::string& what) {
+      const std::string message = handle ? sqlite3_errmsg(handle) : "out of memory";
+      sqlite3_close(handle);
+      throw CommandError(db.string() + ": " + what + ": " + message);
+    };
+    // Read-write, so that closing the last connection removes the WAL files it opened; nothing
+    // is written.
+    if (sqlite3_open_v2(db.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+      fail("cannot open the database");
+    }
+    sqlite3_busy_timeout(handle, 10000);
+    sqlite3_stmt* stmt = nullptr;
+    int version = 0;
+    if (sqlite3_prepare_v2(handle, "PRAGMA user_version", -1, &stmt, nullptr) != SQLITE_OK) {
+      fail("not a database");
+    }
+    if (sqlite3_step(stmt) == SQLITE_ROW) version = sqlite3_column_int(stmt, 0);
+    sqlite3_finalize(stmt);
+    if (version > SqliteStore::kSchemaVersion) {
+      sqlite3_close(handle);
+      throw CommandError(db.string() + ": the database has schema version " +
+                         std::to_string(version) + ", newer than version " +
+                         std::to_string(SqliteStore::kSchemaVersion) +
+                         " that this program knows; refusing to use it");
+    }
+    const std::string sql = "VACUUM INTO " + wiki::Record(file_.string()).dump();
+    if (sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+      fail("cannot copy the database");
+    }
+    sqlite3_close(handle);
+  }
+
+  fs::path dir_;
+  fs::path file_;
+};
+
+// Citations of files that the index does not hold, which the refresh leaves alone.
+std::vector<MissingCitation> missing_citations(SqliteStore& store, wiki::CitationSyntax& syntax,
+                                               const std::string& branch,
+                                               const fs::path& wiki_dir) {
+  std::vector<MissingCitation> missing;
+  for (const StoredPage& page : store.pages(branch)) {
+    const fs::path file = wiki_dir / page.rel_path;
+    if (!fs::is_regular_file(file)) continue;
+    const wiki::Text text(read_bytes(file), file.string());
+    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> seen;
+    syntax.find(text, [&](const wiki::Citation& citation) {
+      const wiki::CitationKey& key = citation.key;
+      if (key.start < 1 || !seen.insert(key).second || store.is_indexed(key.path)) return;
+      missing.push_back({page.page_id, key.path,
+                         "L" + std::to_string(key.start) + "-L" + std::to_string(key.end)});
+    });
+  }
+  return missing;
+}
+
+// Writes the anchors file from the store when it changed; under the wiki's write lock.
+bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path& file) {
+  const std::string text = dump_anchors(store.pages(branch));
+  std::error_code error;
+  if (fs::exists(file, error) && read_bytes(file) == text) return false;
+  wiki::RealFileSystem().atomic_write(file, text);
+  return true;
+}
+
+}  // namespace
+
+Outcome run(const Options& options) {
+  const Place place = locate(options);
+  const std::string ctags = find_ctags();
+  const fs::path anchors_file = place.wiki / kAnchorsFileName;
+  const std::optional<Anchors> anchors = read_anchors(anchors_file);
+  Progress progress(!options.quiet && ::isatty(STDERR_FILENO) == 1);
+  auto note = [&](const std::string& line) {
+    if (!options.quiet) std::fprintf(stderr, "citation-refresh: %s\n", line.c_str());
+  };
+  auto detail = [&](const std::string& line) {
+    if (options.verbose) note(line);
+  };
+  detail("repository " + place.root.string() + ", branch " + place.branch + ", wiki " +
+         place.wiki.string());
+
+  Outcome outcome;
+  outcome.reported_only = options.check;
+  // Syncs the pages into `store`, the anchors file's records first.
+  auto sync = [&](SqliteStore& store) {
+    if (!anchors && store.pages(place.branch).empty()) {
+      note("no " + anchors_file.string() +
+           " and no stored pages: anchoring citations from their prose");
+    }
+    if (anchors) seed_pages(store, place.branch, *anchors);
+    MarkdownCitationSyntax syntax;
+    progress.begin("reading pages");
+    const SyncStats stats = sync_pages(store, syntax, place.branch, place.wiki);
+    progress.end();
+    detail(std::to_string(stats.pages) + " pages, " + std::to_string(stats.citations_added) +
+           " new citations, " + std::to_string(stats.citations_dropped) + " citations gone");
+  };
+
+  std::unique_ptr<SqliteStore> store;
+  std::unique_ptr<ScratchStore> scratch;
+  if (!options.check) {
+    store = std::make_unique<SqliteStore>(place.root, place.db);
+    detail("store " + store->file().string());
+    try {
+      FlockWriteLock lock(place.wiki);
+      lock.acquire();
+      try {
+        sync(*store);
+      } catch (...) {
+        lock.release();
+        throw;
+      }
+      lock.release();
+    } catch (const wiki::WikiBusy&) {
+      note(std::string(cr::BUSY_MESSAGE));
+      outcome.busy = outcome.reported_only = true;
+      store.reset();
+    }
+  }
+  if (outcome.reported_only) {
+    scratch = std::make_unique<ScratchStore>(place.db);
+    store = std::make_unique<SqliteStore>(place.root, scratch->file());
+    sync(*store);
+  }
+
+  progress.begin("indexing");
+  const IndexStats indexed = Indexer(*store, ctags).update();
+  progress.end();
+  detail(std::to_string(indexed.files) + " files indexed, " + std::to_string(indexed.reindexed) +
+         " read by ctags, " + std::to_string(indexed.removed) + " gone");
+
+  NativeHost native(*store);
+  CountingFileSystem files(native.file_system, progress);
+  const RefreshLog log = make_refresh_log(options.quiet);
+  const cr::Host host{.syntax = native.syntax,
+                      .anchoring = native.anchoring,
+                      .ranges = native.ranges,
+                      .file_system = files,
+                      .locks = native.locks,
+                      .logger = log.logger};
+  progress.begin("refreshing pages", store->pages(place.branch).size());
+  if (outcome.reported_only) {
+    outcome.result =
+        cr::refresh_citations(host, *store, place.branch, place.wiki, place.root, {.write = false});
+  } else {
+    outcome.result =
+        cr::refresh_citations_if_free(host, *store, place.branch, place.wiki, place.root);
+    outcome.busy = outcome.reported_only = *log.busy;
+  }
+  progress.end();
+
+  if (!outcome.reported_only) {
+    try {
+      FlockWriteLock lock(place.wiki);
+      lock.acquire();
+      try {
+        outcome.anchors_written = write_anchors(*store, place.branch, anchors_file);
+      } catch (...) {
+        lock.release();
+        throw;
+      }
+      lock.release();
+    } catch (const wiki::WikiBusy&) {
+      detail("another run took the wiki; it writes the anchors file");
+    }
+    if (outcome.anchors_written) detail("wrote " + anchors_file.string());
+  }
+
+  outcome.missing = missing_citations(*store, native.syntax, place.branch, place.wiki);
+  return outcome;
+}
+
+}  // namespace tolbarrow::hosts::native::command

@@ -1,0 +1,51 @@
+// One run of citation-refresh: sync the wiki's pages into the store, bring the index up to date,
+// refresh the citations, keep the anchors file, and find the citations of files not in the index.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "workers/wiki/citation_refresh.h"
+
+namespace tolbarrow::hosts::native::command {
+
+namespace wiki = tolbarrow::workers::wiki;
+
+struct Options {
+  std::optional<std::filesystem::path> repo;  // default: the git work tree around the cwd
+  std::filesystem::path wiki = "docs";        // relative: to the repository root
+  std::optional<std::string> branch;          // default: the current branch, or HEAD's commit
+  std::optional<std::filesystem::path> db;    // default: SqliteStore::default_path
+  bool check = false;                         // report only, persisting nothing
+  bool quiet = false;
+  bool verbose = false;
+};
+
+// A failure the user can act on; the message names the file or program and the problem.
+class CommandError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A citation of a file that the index does not hold (deleted, moved, mistyped).
+struct MissingCitation {
+  std::string page_id;
+  std::string path;
+  std::string lines;  // "Lx-Ly"
+};
+
+struct Outcome {
+  wiki::citation_refresh::CitationRefresh result;
+  std::vector<MissingCitation> missing;  // in page order, then text order
+  bool reported_only = false;            // --check, or another run was writing the wiki
+  bool busy = false;                     // another run was writing the wiki
+  bool anchors_written = false;          // the anchors file changed
+};
+
+// Runs the command. Notes and progress go to stderr (none when quiet); errors are exceptions.
+Outcome run(const Options& options);
+
+}  // namespace tolbarrow::hosts::native::command

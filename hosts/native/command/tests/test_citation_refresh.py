@@ -1,0 +1,257 @@
+"""citation-refresh end to end: the built program over a real git repository and real ctags."""
+
+import fcntl
+import json
+import re
+import sqlite3
+import subprocess
+
+from conftest import Repo
+
+SHAPES = """\
+import math
+
+
+class Circle:
+    def __init__(self, radius):
+        self.radius = radius
+
+    def area(self):
+        return math.pi * self.radius ** 2
+
+
+def total_area(shapes):
+    return sum(shape.area() for shape in shapes)
+
+
+def largest(shapes):
+    return max(shapes, key=lambda shape: shape.area())
+"""
+
+COUNTER_H = """\
+#pragma once
+
+class Counter {
+ public:
+  void add(int n);
+  int total() const { return total_; }
+
+ private:
+  int total_ = 0;
+};
+"""
+
+COUNTER_CC = """\
+#include "counter.h"
+
+void Counter::add(int n) {
+  if (n > 0) total_ += n;
+}
+"""
+
+UTIL = """\
+def clamp(value, low, high):
+    return max(low, min(value, high))
+"""
+
+PAGES = {
+    "docs/shapes.md": (
+        "# Shapes\n\nA `Circle` keeps its radius [Circle](/src/shapes.py#L4-L9); its\n"
+        "`area` returns it squared [area](/src/shapes.py#L9).\n\n"
+        "`total_area` adds them up [total_area](/src/shapes.py#L12-L13), and `largest`\n"
+        "picks one [largest](/src/shapes.py#L16-L17).\n\n"
+        "```\n[Circle](/src/shapes.py#L4-L9)\n```\n"),
+    "docs/guide/counter.md": (
+        "# Counter\n\nThe `Counter` class [Counter](/src/counter.h#L3-L10) counts in `add`\n"
+        "[add](/src/counter.cc#L3-L5); `total` reads it [total](/src/counter.h#L6).\n"),
+    "docs/util.md": "# Util\n\n`clamp` bounds a value [clamp](/src/util.py#L1-L2).\n",
+}
+
+# Three lines above every declaration of shapes.py, total_area renamed, largest deleted; one line
+# above Counter::add; util.py moved.
+CHANGED_SHAPES = ("import math\nimport functools\n\nUNIT = 1.0\n" + SHAPES[len("import math\n"):]
+                  ).replace("def total_area", "def sum_of_areas").replace(
+    "\n\ndef largest(shapes):\n    return max(shapes, key=lambda shape: shape.area())\n", "\n")
+CHANGED_COUNTER_CC = COUNTER_CC.replace('#include "counter.h"\n', '#include "counter.h"\n\n')
+
+# The pages once the writing run moved what moved: only these fragments change.
+MOVED = {
+    "docs/shapes.md": [("#L4-L9)", "#L7-L12)", 1), ("#L9)", "#L12)", 1)],
+    "docs/guide/counter.md": [("counter.cc#L3-L5", "counter.cc#L4-L6", 1)],
+}
+LOST = [("shapes", "src/shapes.py", "L12-L13", "total_area"),
+        ("shapes", "src/shapes.py", "L16-L17", "largest")]
+MISSING = [{"page_id": "util", "path": "src/util.py", "lines": "L1-L2"}]
+
+
+def make_repo(repo: Repo):
+    repo.write("src/shapes.py", SHAPES)
+    repo.write("src/counter.h", COUNTER_H)
+    repo.write("src/counter.cc", COUNTER_CC)
+    repo.write("src/util.py", UTIL)
+    for rel, text in PAGES.items():
+        repo.write(rel, text)
+    repo.commit("code and docs")
+
+
+def change_code(repo: Repo):
+    repo.write("src/shapes.py", CHANGED_SHAPES)
+    repo.write("src/counter.cc", CHANGED_COUNTER_CC)
+    repo.git("mv", "src/util.py", "src/util2.py")
+
+
+def expected_pages():
+    pages = dict(PAGES)
+    for rel, edits in MOVED.items():
+        for old, new, count in edits:
+            assert pages[rel].count(old) >= count
+            pages[rel] = pages[rel].replace(old, new, count)
+    return pages
+
+
+def lost_of(result):
+    return [(x["page_id"], x["path"], x["lines"], x["name"]) for x in result["lost"]]
+
+
+def wiki_state(repo: Repo):
+    """The wiki's files, bytes and mtimes; the write lock's file (ignored by git) aside."""
+    return {k: v for k, v in repo.snapshot().items()
+            if k.startswith("docs/") and not k.endswith(".citation-refresh.lock")}
+
+
+def test_workflow_moves_reports_and_settles(repo, tmp_path):
+    make_repo(repo)
+    first = repo.run("--json")
+    assert first.returncode == 0, first.stderr
+    assert json.loads(first.stdout) == {"repaired": 0, "unrepairable": 0, "pages_written": 0,
+                                        "lost": [], "moved": {}, "missing": []}
+    assert {rel: repo.read(rel) for rel in PAGES} == PAGES  # nothing moved yet: no byte changes
+    anchors = repo.read("docs/.citation-anchors.json")
+    assert '"symbol": "Circle.area"' in anchors and '"symbol": "Counter::add"' in anchors
+    repo.commit("anchors")
+
+    change_code(repo)
+    before = repo.snapshot()
+    check = repo.run("--check", "--json")
+    assert check.returncode == 1, check.stderr
+    assert repo.snapshot() == before  # no page, store, digest or anchors write
+    reported = json.loads(check.stdout)
+    assert reported["moved"] == {"guide/counter": 1, "shapes": 2}
+    assert lost_of(reported) == LOST and reported["missing"] == MISSING
+    assert reported["repaired"] == reported["pages_written"] == 0
+
+    # CI: a shallow clone without a local store knows the anchors from the committed file.
+    repo.commit("code change")
+    clone = Repo(tmp_path / "clone")
+    subprocess.run(["git", "clone", "-q", "--depth", "1", f"file://{repo.root}", str(clone.root)],
+                   check=True)
+    in_clone = clone.run("--check", "--json")
+    assert in_clone.returncode == 1, in_clone.stderr
+    assert json.loads(in_clone.stdout) == reported
+    assert not (clone.root / ".git" / "citation-refresh.db").exists()
+
+    second = repo.run("--json")
+    assert second.returncode == 0, second.stderr
+    written = json.loads(second.stdout)
+    assert written["repaired"] == sum(reported["moved"].values())
+    assert written["pages_written"] == 2
+    assert lost_of(written) == LOST and written["missing"] == MISSING
+    assert {rel: repo.read(rel) for rel in PAGES} == expected_pages()  # lost ones kept as written
+
+    settled = wiki_state(repo)
+    third = repo.run()
+    assert third.returncode == 0, third.stderr
+    assert third.stdout.splitlines() == [
+        "0 citations repaired, 0 pages written, 2 lost, 1 citation of a missing file",
+        "shapes: src/shapes.py L12-L13 (total_area)",
+        "shapes: src/shapes.py L16-L17 (largest)",
+        "util: src/util.py L1-L2 (missing file)"]
+    assert wiki_state(repo) == settled  # bytes and mtimes
+
+    # --check passes only once nothing is lost or missing.
+    assert repo.run("--check").returncode == 1
+    repo.write("docs/shapes.md", re.sub(r" \[(total_area|largest)\]\([^)]*\)", "",
+                                        repo.read("docs/shapes.md")))
+    assert repo.run("--check").returncode == 1  # the missing file's citation
+    repo.write("docs/util.md", repo.read("docs/util.md").replace("util.py", "util2.py"))
+    quiet = repo.run("--check", "--quiet")
+    assert (quiet.returncode, quiet.stdout, quiet.stderr) == (0, "", "")
+
+
+def test_a_busy_wiki_is_only_reported(repo):
+    make_repo(repo)
+    assert repo.run().returncode == 0
+    change_code(repo)
+    with open(repo.root / "docs" / ".citation-refresh.lock", "a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        before = repo.snapshot()
+        busy = repo.run("--json")
+        assert busy.returncode == 0 and "being written; reporting only" in busy.stderr
+        assert json.loads(busy.stdout)["moved"] == {"guide/counter": 1, "shapes": 2}
+        assert repo.snapshot() == before
+    assert json.loads(repo.run("--json").stdout)["repaired"] == 3
+
+
+def test_two_runs_at_once_leave_the_wiki_consistent(repo):
+    make_repo(repo)
+    assert repo.run().returncode == 0
+    change_code(repo)
+    runs = [repo.start("--json"), repo.start("--json"), repo.start("--check", "--json")]
+    results = [(p.wait(), json.loads(p.stdout.read())) for p in runs]
+    assert [code for code, _ in results] == [0, 0, 1]
+    # One writer moved the citations; the other found them moved, or the wiki busy and reported.
+    assert sorted(r["repaired"] for _, r in results[:2]) == [0, 3]
+    assert {rel: repo.read(rel) for rel in PAGES} == expected_pages()
+    after = json.loads(repo.run("--check", "--json").stdout)
+    assert after["moved"] == {} and lost_of(after) == LOST
+    anchors = json.loads(repo.read("docs/.citation-anchors.json"))["pages"]
+    assert [r["line_start"] for r in anchors["guide/counter"]] == [3, 4, 6]
+
+
+def newer_store(repo):
+    assert repo.run().returncode == 0
+    with sqlite3.connect(repo.root / ".git" / "citation-refresh.db") as db:
+        db.execute("PRAGMA user_version = 99")
+
+
+def test_errors_exit_2_with_one_line(repo):
+    cases = [  # (arrange, arguments, words the one error line holds)
+        (lambda r: r.write("docs/bad.md", b"# Bad\n\xff\xfe\n"), [],
+         ["docs/bad.md", "not valid UTF-8 at byte 6"]),
+        (lambda r: r.write("docs/bad.md", b"ok\n\xc3("), ["--check"], ["docs/bad.md", "byte 3"]),
+        (lambda r: r.write("docs/.citation-anchors.json", "<<<<<<< HEAD\n"), ["--check"],
+         [".citation-anchors.json", "not valid JSON"]),
+        (newer_store, [], ["citation-refresh.db", "schema version 99", "newer"]),
+        (newer_store, ["--check"], ["citation-refresh.db", "newer"]),
+        (lambda r: None, ["--wiki", "nowhere"], ["nowhere", "no such wiki directory"]),
+        (lambda r: None, ["--bogus"], ["--bogus"]),
+    ]
+    make_repo(repo)
+    change_code(repo)
+    for arrange, args, words in cases:
+        repo.git("reset", "-q", "--hard")
+        repo.git("clean", "-qfdx")
+        for stored in (repo.root / ".git").glob("citation-refresh.db*"):
+            stored.unlink()
+        change_code(repo)
+        arrange(repo)
+        before = wiki_state(repo)
+        done = repo.run(*args, "--quiet")
+        assert done.returncode == 2, (args, words, done.stderr)
+        lines = done.stderr.splitlines()
+        assert len(lines) == 1 and lines[0].startswith("citation-refresh: error: "), lines
+        assert all(w in lines[0] for w in words), (words, lines[0])
+        assert wiki_state(repo) == before
+
+
+def test_outside_git_and_without_anchors(tmp_path):
+    outside = Repo(tmp_path)
+    no_repo = outside.run()
+    assert no_repo.returncode == 2 and "not inside a git work tree" in no_repo.stderr
+    outside.write("w/page.md", "See [clamp](/util.py#L1-L2).\n")
+    outside.write("util.py", UTIL)
+    told = outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check")
+    assert told.returncode == 0 and "anchoring citations from their prose" in told.stderr
+    assert outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check", "-q").stderr == ""
+    assert not (tmp_path / ".citation-refresh.db").exists()
+
