@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs every test: the source format check, the C++ tests and the Python extension's
-# tests, then the C++ tests again under AddressSanitizer and UndefinedBehaviorSanitizer
+# Builds and runs every test: the source format check, the C++ tests, the Python extension's
+# tests and the command's end-to-end tests, a check that docs/ cites the code as it is, then the
+# C++ tests again under AddressSanitizer and UndefinedBehaviorSanitizer
 # (build-asan/).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -11,6 +12,9 @@ jobs="$(nproc)"
 cmake -S . -B build -DTOLBARROW_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3 >/dev/null
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
+
+# This project's own docs cite its code: they must be current.
+build/hosts/native/command/citation-refresh --check --quiet
 
 cmake -S . -B build-asan -DTOLBARROW_SANITIZE=ON -DTOLBARROW_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug \
   -DPython_EXECUTABLE=/usr/bin/python3 >/dev/null
