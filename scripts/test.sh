@@ -15,6 +15,9 @@ ctest --test-dir build --output-on-failure -j"$jobs"
 
 # This project's own docs cite its code: they must be current.
 build/hosts/native/command/citation-refresh --check --quiet
+# Relocation accuracy on scripted histories, at a small size; fails when the goal is missed.
+/usr/bin/python3 bench/accuracy/relocation_accuracy.py --smoke \
+  --program build/hosts/native/command/citation-refresh >/dev/null
 
 cmake -S . -B build-asan -DTOLBARROW_SANITIZE=ON -DTOLBARROW_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug \
   -DPython_EXECUTABLE=/usr/bin/python3 >/dev/null

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -63,9 +64,9 @@ std::string_view scope_separator(std::string_view language) {
   return language == "C" || language == "C++" ? "::" : ".";
 }
 
-std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> parse_ctags_json(
+std::vector<std::pair<std::string, std::vector<CtagsTag>>> parse_ctags_json(
     std::string_view output) {
-  std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> out;
+  std::vector<std::pair<std::string, std::vector<CtagsTag>>> out;
   std::unordered_map<std::string, std::size_t> slot;
   std::size_t at = 0;
   while (at < output.size()) {
@@ -78,19 +79,314 @@ std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> parse_ctags_json(
     if (tag.is_discarded())
       throw std::runtime_error("ctags gave a line that is not JSON: " + std::string(line));
     if (tag.value("_type", "") != "tag") continue;
-    wiki::Symbol symbol;
+    CtagsTag t;
+    wiki::Symbol& symbol = t.symbol;
     symbol.name = tag.value("name", "");
     symbol.kind = tag.value("kind", "");
     symbol.start_line = tag.value("line", wiki::Line{0});
     symbol.end_line = tag.value("end", symbol.start_line);
-    const std::string scope = tag.value("scope", "");
-    symbol.fqn = scope.empty() ? symbol.name
-                               : scope + std::string(scope_separator(tag.value("language", ""))) +
-                                     symbol.name;
+    t.language = tag.value("language", "");
+    t.scope = tag.value("scope", "");
+    t.signature = tag.value("signature", "");
+    t.typed = tag.contains("typeref");
+    symbol.fqn = t.scope.empty() ? symbol.name
+                                 : t.scope + std::string(scope_separator(t.language)) + symbol.name;
     const std::string path = tag.value("path", "");
     auto [it, added] = slot.try_emplace(path, out.size());
-    if (added) out.emplace_back(path, std::vector<wiki::Symbol>{});
-    out[it->second].second.push_back(std::move(symbol));
+    if (added) out.emplace_back(path, std::vector<CtagsTag>{});
+    out[it->second].second.push_back(std::move(t));
+  }
+  return out;
+}
+
+namespace {
+
+std::string_view trim(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+bool word_char(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+// The text between a signature's first '(' and its matching ')', split at the commas outside
+// brackets and quotes, each argument trimmed; `rest` receives what follows the ')'.
+std::vector<std::string> arguments(std::string_view signature, std::string_view* rest = nullptr) {
+  std::vector<std::string> out;
+  const std::size_t open = signature.find('(');
+  if (open == std::string_view::npos) return out;
+  int depth = 0;
+  char quote = 0;
+  std::size_t from = open + 1;
+  for (std::size_t i = open + 1; i < signature.size(); ++i) {
+    const char c = signature[i];
+    if (quote) {
+      if (c == '\\')
+        ++i;
+      else if (c == quote)
+        quote = 0;
+    } else if (c == '"' || c == '\'') {
+      quote = c;
+    } else if (c == '(' || c == '<' || c == '[' || c == '{') {
+      ++depth;
+    } else if ((c == ')' && depth == 0) || (c == ',' && depth == 0)) {
+      const std::string_view arg = trim(signature.substr(from, i - from));
+      if (!arg.empty() || c == ',') out.emplace_back(arg);
+      from = i + 1;
+      if (c == ')') {
+        if (rest) *rest = signature.substr(i + 1);
+        return out;
+      }
+    } else if (c == ')' || c == '>' || c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return out;
+}
+
+// Words, "::" and single punctuation characters; whitespace separates, nothing more.
+std::vector<std::string> tokens(std::string_view text) {
+  std::vector<std::string> out;
+  for (std::size_t i = 0; i < text.size();) {
+    const char c = text[i];
+    if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+      ++i;
+    } else if (word_char(c)) {
+      std::size_t j = i;
+      while (j < text.size() && word_char(text[j])) ++j;
+      out.emplace_back(text.substr(i, j - i));
+      i = j;
+    } else if (text.substr(i, 2) == "::") {
+      out.emplace_back("::");
+      i += 2;
+    } else {
+      out.emplace_back(1, c);
+      ++i;
+    }
+  }
+  return out;
+}
+
+// Tokens joined with a space only between two words: "const std :: string &" -> "const
+// std::string&".
+std::string joined(const std::vector<std::string>& parts) {
+  std::string out;
+  for (const std::string& part : parts) {
+    if (!out.empty() && word_char(out.back()) && word_char(part.front())) out += ' ';
+    out += part;
+  }
+  return out;
+}
+
+bool type_word(const std::string& word) {
+  static const std::unordered_set<std::string> words = {
+      "const",  "volatile", "struct",  "class",   "enum",     "union",   "typename", "unsigned",
+      "signed", "int",      "char",    "long",    "short",    "double",  "float",    "bool",
+      "void",   "auto",     "wchar_t", "char8_t", "char16_t", "char32_t"};
+  return words.count(word) != 0;
+}
+
+bool qualifier_word(const std::string& word) {
+  return word == "const" || word == "volatile" || word == "struct" || word == "class" ||
+         word == "enum" || word == "union" || word == "typename";
+}
+
+// A C++ parameter list as it identifies an overload: each parameter's type without its name or
+// default value, then the const/volatile/reference qualifiers: "(const std::string & s,int n=3)
+// const" -> "(const std::string&,int) const". Renaming a parameter or changing a default keeps it.
+std::string cpp_parameters(std::string_view signature) {
+  std::string_view rest;
+  std::vector<std::string> params;
+  for (const std::string& arg : arguments(signature, &rest)) {
+    std::string_view text = arg;
+    // The default value: from the first '=' outside brackets.
+    int depth = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      const char c = text[i];
+      if (c == '(' || c == '<' || c == '[' || c == '{') ++depth;
+      if (c == ')' || c == '>' || c == ']' || c == '}') --depth;
+      if (c == '=' && depth == 0) {
+        text = text.substr(0, i);
+        break;
+      }
+    }
+    std::vector<std::string> parts = tokens(text);
+    // A trailing word is the parameter's name when a type stays without it.
+    if (parts.size() > 1 && word_char(parts.back().front()) && !type_word(parts.back()) &&
+        parts[parts.size() - 2] != "::") {
+      const bool type_left = std::any_of(parts.begin(), parts.end() - 1, [](const std::string& p) {
+        return word_char(p.front()) && !qualifier_word(p);
+      });
+      if (type_left) parts.pop_back();
+    }
+    if (!(parts.size() == 1 && parts[0] == "void")) params.push_back(joined(parts));
+  }
+  std::string out = "(";
+  for (std::size_t i = 0; i < params.size(); ++i) out += (i ? "," : "") + params[i];
+  out += ")";
+  std::vector<std::string> qualifiers;
+  for (const std::string& part : tokens(rest)) {
+    if (part == "const" || part == "volatile" || part == "&") qualifiers.push_back(part);
+  }
+  if (!qualifiers.empty()) out += " " + joined(qualifiers);
+  return out;
+}
+
+// Test-framework macros whose body ctags names after the macro: those whose arguments are a suite
+// and a test name, and those whose first argument is the test name.
+bool suite_and_name_macro(const std::string& name) {
+  static const std::unordered_set<std::string> names = {
+      "TEST",       "TEST_F",      "TEST_P",      "TYPED_TEST",         "TYPED_TEST_P",
+      "GTEST_TEST", "FRIEND_TEST", "BENCHMARK_F", "BENCHMARK_DEFINE_F", "BENCHMARK_TEMPLATE_F"};
+  return names.count(name) != 0;
+}
+
+bool name_first_macro(const std::string& name) {
+  static const std::unordered_set<std::string> names = {
+      "BOOST_AUTO_TEST_CASE", "BOOST_FIXTURE_TEST_CASE", "BOOST_DATA_TEST_CASE",
+      "BOOST_AUTO_TEST_CASE_TEMPLATE", "BOOST_FIXTURE_TEST_CASE_TEMPLATE"};
+  return names.count(name) != 0;
+}
+
+// A body that ctags names after the macro that opens it: an untyped C/C++ "function" whose name
+// is in capitals, such as TEST(BuildTest, NoWork) { ... }.
+bool macro_body(const CtagsTag& tag) {
+  if ((tag.language != "C++" && tag.language != "C") || tag.symbol.kind != "function" ||
+      tag.typed || tag.signature.empty()) {
+    return false;
+  }
+  const std::string& name = tag.symbol.name;
+  return !name.empty() && (name[0] < '0' || name[0] > '9') &&
+         std::all_of(
+             name.begin(), name.end(),
+             [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'; }) &&
+         std::any_of(name.begin(), name.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+}
+
+// Identity from a macro body's arguments: TEST(BuildTest, NoWork) is fqn "BuildTest.NoWork", name
+// "NoWork"; BOOST_AUTO_TEST_CASE(parses) is "parses"; any other macro keeps its name and its fqn
+// spells the call, "INSTANTIATE(a, b)". A scope, when there is one, stays in front of the fqn.
+void identify_macro_body(CtagsTag& tag) {
+  wiki::Symbol& symbol = tag.symbol;
+  const std::vector<std::string> args = arguments(tag.signature);
+  std::string fqn;
+  if (suite_and_name_macro(symbol.name) && args.size() >= 2 && !args[1].empty()) {
+    fqn = args[0] + "." + args[1];
+    symbol.name = args[1];
+  } else if (name_first_macro(symbol.name) && !args.empty() && !args[0].empty()) {
+    fqn = args[0];
+    symbol.name = args[0];
+  } else {
+    fqn = symbol.name + "(";
+    for (std::size_t i = 0; i < args.size(); ++i) fqn += (i ? ", " : "") + args[i];
+    fqn += ")";
+  }
+  symbol.fqn = tag.scope.empty() ? fqn : tag.scope + "::" + fqn;
+}
+
+// The file's lines, line 1 first.
+std::vector<std::string_view> lines_of(std::string_view text) {
+  std::vector<std::string_view> out;
+  std::size_t at = 0;
+  while (at < text.size()) {
+    std::size_t next = text.find('\n', at);
+    if (next == std::string_view::npos) next = text.size();
+    out.push_back(text.substr(at, next - at));
+    at = next + 1;
+  }
+  return out;
+}
+
+std::size_t indentation(std::string_view line) {
+  const std::size_t first = line.find_first_not_of(" \t");
+  return first == std::string_view::npos ? line.size() : first;
+}
+
+// The decorators right above a Python def at `line` (1-based), nearest first; comment lines
+// between them are skipped.
+std::vector<std::string_view> decorators(const std::vector<std::string_view>& lines,
+                                         wiki::Line line) {
+  std::vector<std::string_view> out;
+  for (wiki::Line at = line - 1; at >= 1 && static_cast<std::size_t>(at) <= lines.size(); --at) {
+    const std::string_view text = trim(lines[at - 1]);
+    if (text.empty() || (text[0] != '@' && text[0] != '#')) break;
+    if (text[0] == '@') out.push_back(text.substr(1));
+  }
+  return out;
+}
+
+// "overload" or "<module>.overload", with nothing but a comment after it.
+bool overload_decorator(std::string_view decorator) {
+  decorator = trim(decorator.substr(0, decorator.find('#')));
+  const std::size_t dot = decorator.rfind('.');
+  const std::string_view last =
+      dot == std::string_view::npos ? decorator : decorator.substr(dot + 1);
+  return last == "overload";
+}
+
+// The lines (first, last) of each `if TYPE_CHECKING:` branch: the lines after the `if` up to the
+// first line of code indented no deeper than it.
+std::vector<std::pair<wiki::Line, wiki::Line>> type_checking_branches(
+    const std::vector<std::string_view>& lines) {
+  std::vector<std::pair<wiki::Line, wiki::Line>> out;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    std::string_view text = trim(lines[i]);
+    text = trim(text.substr(0, text.find('#')));
+    if (text != "if TYPE_CHECKING:" && text != "if typing.TYPE_CHECKING:") continue;
+    const std::size_t depth = indentation(lines[i]);
+    std::size_t end = i + 1;
+    for (; end < lines.size(); ++end) {
+      const std::string_view code = trim(lines[end]);
+      if (!code.empty() && code[0] != '#' && indentation(lines[end]) <= depth) break;
+    }
+    out.emplace_back(static_cast<wiki::Line>(i + 2), static_cast<wiki::Line>(end));
+  }
+  return out;
+}
+
+}  // namespace
+
+std::vector<wiki::Symbol> identify(std::vector<CtagsTag> tags, std::string_view text) {
+  const std::vector<std::string_view> lines = lines_of(text);
+  std::vector<std::pair<wiki::Line, wiki::Line>> branches;
+  bool python = false;
+  for (const CtagsTag& tag : tags) python = python || tag.language == "Python";
+  if (python) branches = type_checking_branches(lines);
+
+  // Python declarations only type checkers see; left out below when their real twin is here.
+  std::vector<bool> checker_only(tags.size(), false);
+  for (std::size_t i = 0; i < tags.size(); ++i) {
+    CtagsTag& tag = tags[i];
+    wiki::Symbol& symbol = tag.symbol;
+    if (macro_body(tag)) {
+      identify_macro_body(tag);
+    } else if (tag.language == "C++" && (symbol.kind == "function" || symbol.kind == "prototype") &&
+               !tag.signature.empty() && tag.signature.front() == '(') {
+      symbol.fqn += cpp_parameters(tag.signature);
+    } else if (tag.language == "Python") {
+      for (std::string_view decorator : decorators(lines, symbol.start_line)) {
+        if (overload_decorator(decorator)) checker_only[i] = true;
+        // A property's setter and deleter are twins of its getter: "@x.setter" gives "C.x.setter".
+        for (std::string_view accessor : {".setter", ".deleter"}) {
+          if (trim(decorator) == symbol.name + std::string(accessor)) symbol.fqn += accessor;
+        }
+      }
+      for (const auto& [first, last] : branches) {
+        if (first <= symbol.start_line && symbol.start_line <= last) checker_only[i] = true;
+      }
+    }
+  }
+  std::unordered_set<std::string> real;
+  for (std::size_t i = 0; i < tags.size(); ++i) {
+    if (!checker_only[i]) real.insert(tags[i].symbol.fqn);
+  }
+  std::vector<wiki::Symbol> out;
+  out.reserve(tags.size());
+  for (std::size_t i = 0; i < tags.size(); ++i) {
+    if (checker_only[i] && real.count(tags[i].symbol.fqn)) continue;
+    out.push_back(std::move(tags[i].symbol));
   }
   return out;
 }
@@ -98,7 +394,7 @@ std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> parse_ctags_json(
 Indexer::Indexer(SqliteStore& store, std::optional<std::string> ctags)
     : store_(store), ctags_(ctags ? *ctags : TOLBARROW_CTAGS) {}
 
-std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> Indexer::run_ctags(
+std::vector<std::pair<std::string, std::vector<CtagsTag>>> Indexer::run_ctags(
     const std::vector<std::string>& paths) {
   std::string list;
   for (const std::string& path : paths) list += path + "\n";
@@ -123,6 +419,9 @@ IndexStats Indexer::update() {
 
   IndexStats stats;
   IndexChange change;
+  // Declarations indexed in another format than this indexer's are made again, every file once.
+  const bool reindex_all = store_.index_format() != kIndexFormat;
+  if (reindex_all) change.index_format = kIndexFormat;
   std::vector<FileFacts> changed;  // content differs: for ctags
   std::set<std::string> present;
   // The store's own files are no part of the repository's code.
@@ -141,7 +440,7 @@ IndexStats Indexer::update() {
                     static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
                     0};
     auto old = known.find(path);
-    if (old != known.end() && old->second.size == facts.size &&
+    if (!reindex_all && old != known.end() && old->second.size == facts.size &&
         old->second.mtime_ns == facts.mtime_ns) {
       continue;
     }
@@ -149,7 +448,7 @@ IndexStats Indexer::update() {
     facts.hash = sha256_hex(bytes);
     facts.line_count = count_lines(bytes);
     facts.size = static_cast<std::int64_t>(bytes.size());
-    if (old != known.end() && old->second.hash == facts.hash) {
+    if (!reindex_all && old != known.end() && old->second.hash == facts.hash) {
       change.touched.push_back(std::move(facts));
     } else {
       changed.push_back(std::move(facts));
@@ -164,13 +463,17 @@ IndexStats Indexer::update() {
     std::vector<std::string> paths;
     for (std::size_t i = begin; i < end; ++i) paths.push_back(changed[i].path);
     auto tags = run_ctags(paths);
-    std::unordered_map<std::string, std::vector<wiki::Symbol>*> by_path;
-    for (auto& [path, symbols] : tags) by_path[path] = &symbols;
+    std::unordered_map<std::string, std::vector<CtagsTag>*> by_path;
+    for (auto& [path, file_tags] : tags) by_path[path] = &file_tags;
     for (std::size_t i = begin; i < end; ++i) {
       auto found = by_path.find(changed[i].path);
-      change.indexed.emplace_back(std::move(changed[i]), found == by_path.end()
-                                                             ? std::vector<wiki::Symbol>{}
-                                                             : std::move(*found->second));
+      std::vector<wiki::Symbol> symbols;
+      if (found != by_path.end() && !found->second->empty()) {
+        // The text tells what ctags does not: decorators, `if TYPE_CHECKING:` branches.
+        const auto file = contained_path(root, changed[i].path);
+        symbols = identify(std::move(*found->second), file ? read_bytes(*file) : std::string());
+      }
+      change.indexed.emplace_back(std::move(changed[i]), std::move(symbols));
     }
   }
   store_.apply(change);

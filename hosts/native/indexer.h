@@ -20,11 +20,31 @@ std::vector<std::string> repository_files(const std::filesystem::path& root);
 // ctags' scope separator for `language`: "::" for C and C++, "." for every other language.
 std::string_view scope_separator(std::string_view language);
 
-// Declarations by file from ctags' JSON output, in ctags' order. A declaration's fqn joins its
-// scope and its name with its language's separator. A declaration that ctags gives no end line
-// (a variable, a macro, a one-line prototype) ends at its start line.
-std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> parse_ctags_json(
+// One tag of ctags' JSON output: the declaration as ctags names it (fqn: scope and name joined
+// with the language's separator; a declaration given no end line ends at its start line), and the
+// fields that tell declarations of one name apart.
+struct CtagsTag {
+  wiki::Symbol symbol;
+  std::string language;
+  std::string scope;
+  std::string signature;  // "(int a,const char * b) const", as ctags gives it; "" when none
+  bool typed = false;     // ctags gave a type (a C++ function's return type; never a macro's)
+};
+
+// Tags by file from ctags' JSON output, in ctags' order.
+std::vector<std::pair<std::string, std::vector<CtagsTag>>> parse_ctags_json(
     std::string_view output);
+
+// The index's declarations of one file from its tags (in ctags' order, which is the file's
+// order) and its text. Declarations that ctags names alike are told apart as hosts/native/README.md
+// describes: test-framework macro bodies take their identity from their arguments, C++ functions
+// carry their parameter types in their fqn, Python property setters and deleters carry the
+// decorator's attribute, and Python declarations that only type checkers see (overload stubs,
+// the `if TYPE_CHECKING:` twin of a declaration) are left out when the real one is in the file.
+std::vector<wiki::Symbol> identify(std::vector<CtagsTag> tags, std::string_view text);
+
+// The format of the declarations identify() makes; a store holding another is re-indexed.
+inline constexpr int kIndexFormat = 2;
 
 // What one update did.
 struct IndexStats {
@@ -43,7 +63,8 @@ class Indexer {
   explicit Indexer(SqliteStore& store, std::optional<std::string> ctags = std::nullopt);
 
   // Brings the store's index up to date with the work tree. A file is read only when its size or
-  // mtime differs from the index's, and given to ctags only when its content hash differs too;
+  // mtime differs from the index's, and given to ctags only when its content hash differs too
+  // (every file is, once, when the store's index_format is not kIndexFormat);
   // the store's database files, and files that cannot be passed safely, are left out of the index:
   // those that are no regular file,
   // lead outside the repository through a symbolic link, or have a line break in their name.
@@ -53,7 +74,7 @@ class Indexer {
   std::size_t ctags_runs() const { return ctags_runs_; }
 
  private:
-  std::vector<std::pair<std::string, std::vector<wiki::Symbol>>> run_ctags(
+  std::vector<std::pair<std::string, std::vector<CtagsTag>>> run_ctags(
       const std::vector<std::string>& paths);
 
   SqliteStore& store_;

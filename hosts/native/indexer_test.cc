@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "hosts/native/process.h"
 #include "tests/temp_dir.h"
 
@@ -53,8 +55,8 @@ TEST(Indexer, GivesFqnsAndReadsOnlyChangedFiles) {
   EXPECT_EQ(store.get_symbols_by_path("src/b.cc"),
             (std::vector<Symbol>{{"ns", "ns", "namespace", 1, 9},
                                  {"ns::C", "C", "class", 2, 7},
-                                 {"ns::C::g", "g", "function", 4, 6},
-                                 {"ns::free_fn", "free_fn", "function", 8, 8}}));
+                                 {"ns::C::g()", "g", "function", 4, 6},
+                                 {"ns::free_fn(int)", "free_fn", "function", 8, 8}}));
   EXPECT_FALSE(store.is_indexed("ignored.py"));
   EXPECT_EQ(store.file("src/a.py")->line_count, 8);
 
@@ -81,6 +83,112 @@ TEST(Indexer, GivesFqnsAndReadsOnlyChangedFiles) {
   EXPECT_FALSE(store.is_indexed("src/b.cc"));
   EXPECT_TRUE(store.get_symbols_by_path("src/b.cc").empty());
   EXPECT_TRUE(store.is_indexed("new.py"));
+}
+
+// Declarations that ctags names alike get distinct identities; (fqn, name, start line) of each
+// declaration the index keeps, in order.
+struct IdentityCase {
+  const char* what;
+  const char* file;
+  const char* text;
+  std::vector<std::tuple<std::string, std::string, wiki::Line>> expected;
+};
+
+TEST(Indexer, TellsAlikeNamedDeclarationsApart) {
+  const std::vector<IdentityCase> cases = {
+      {"test bodies take their arguments",
+       "t.cc",
+       "TEST(BuildTest, NoWork) {\n}\n"
+       "TEST_F(BuildTest,\n       Split) {\n}\n"
+       "namespace ns {\nTYPED_TEST(Typed, Works) {}\n}\n"
+       "BOOST_AUTO_TEST_CASE(parses) {}\n"
+       "OTHER_MACRO(a, b) {}\n",
+       {{"BuildTest.NoWork", "NoWork", 1},
+        {"BuildTest.Split", "Split", 3},
+        {"ns", "ns", 6},
+        {"ns::Typed.Works", "Works", 7},
+        {"parses", "parses", 9},
+        {"OTHER_MACRO(a, b)", "OTHER_MACRO", 10}}},
+      {"C++ overloads carry their parameter types",
+       "o.cc",
+       "namespace ns {\n"
+       "int f(int a) { return a; }\n"
+       "int f(const std::string& s, int n = 3) { return n; }\n"
+       "int f(void) { return 0; }\n"
+       "struct S { int g() const { return 1; } int g(unsigned long) { return 2; } };\n"
+       "}\n",
+       {{"ns", "ns", 1},
+        {"ns::f(int)", "f", 2},
+        {"ns::f(const std::string&,int)", "f", 3},
+        {"ns::f()", "f", 4},
+        {"ns::S", "S", 5},
+        {"ns::S::g() const", "g", 5},
+        {"ns::S::g(unsigned long)", "g", 5}}},
+      {"overload stubs and TYPE_CHECKING twins leave; setters are named",
+       "p.py",
+       "from typing import TYPE_CHECKING, overload\n"
+       "import typing\n"
+       "if TYPE_CHECKING:\n"
+       "    class Foo:\n"
+       "        def m(self) -> int: ...\n"
+       "else:\n"
+       "    class Foo:\n"
+       "        def m(self):\n"
+       "            return 1\n"
+       "@overload\n"
+       "def f(x: int) -> int: ...\n"
+       "@typing.overload  # str\n"
+       "def f(x: str) -> str: ...\n"
+       "def f(x):\n"
+       "    return x\n"
+       "@overload\n"
+       "def only_stub(x: int) -> int: ...\n"
+       "class C:\n"
+       "    @property\n"
+       "    def x(self):\n"
+       "        return 1\n"
+       "    @x.setter\n"
+       "    def x(self, value):\n"
+       "        pass\n",
+       {{"Foo", "Foo", 7},
+        {"Foo.m", "m", 8},
+        {"f", "f", 14},
+        {"only_stub", "only_stub", 17},
+        {"C", "C", 18},
+        {"C.x", "x", 20},
+        {"C.x.setter", "x", 23}}},
+  };
+  for (const IdentityCase& c : cases) {
+    TempDir repo;
+    repo.write(c.file, c.text);
+    SqliteStore store(repo.path());
+    Indexer(store).update();
+    std::vector<std::tuple<std::string, std::string, wiki::Line>> got;
+    for (const Symbol& s : store.get_symbols_by_path(c.file)) {
+      if (s.kind != "variable" && s.kind != "unknown" && s.kind != "module")
+        got.emplace_back(s.fqn, s.name, s.start_line);
+    }
+    EXPECT_EQ(got, c.expected) << c.what;
+  }
+}
+
+TEST(Indexer, ReindexesEveryFileOnceWhenTheFormatChanged) {
+  TempDir repo;
+  repo.write("a.cc", "int f(int a) { return a; }\n");
+  repo.write("b.py", "def g():\n    pass\n");
+  SqliteStore store(repo.path());
+  IndexChange older;  // an index of the first format: plain fqns, no format recorded
+  for (const char* path : {"a.cc", "b.py"}) {
+    Indexer(store).update();
+    older.indexed.emplace_back(*store.file(path), std::vector<Symbol>{{"old", "old", "x", 1, 1}});
+  }
+  older.index_format = 0;
+  store.apply(older);
+  Indexer indexer(store);
+  EXPECT_EQ(indexer.update().reindexed, 2u);
+  EXPECT_EQ(store.index_format(), kIndexFormat);
+  EXPECT_EQ(store.get_symbols_by_path("a.cc")[0].fqn, "f(int)");
+  EXPECT_EQ(indexer.update().reindexed, 0u);
 }
 
 TEST(Indexer, WalkSkipsHiddenFoldersOutsideGit) {

@@ -40,6 +40,11 @@ CREATE TABLE pages(
 ) WITHOUT ROWID;
 )sql";
 
+// Settings of the store; added without a schema version change (a database of version 1 made
+// before it has no such table until the index first records its format).
+constexpr const char* kMeta =
+    "CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID";
+
 [[noreturn]] void fail(sqlite3* db, const fs::path& file, const std::string& what) {
   throw StoreError(file.string() + ": " + what + ": " + sqlite3_errmsg(db));
 }
@@ -324,7 +329,20 @@ void SqliteStore::apply(const IndexChange& change) {
       drop_symbols.bind(1, path);
       drop_symbols.run();
     }
+    if (change.index_format) {
+      exec(kMeta);
+      Statement put_format(db_, file_, "INSERT OR REPLACE INTO meta VALUES ('index_format', ?)");
+      put_format.bind(1, std::int64_t{*change.index_format});
+      put_format.run();
+    }
   });
+}
+
+int SqliteStore::index_format() {
+  Statement has(db_, file_, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'meta'");
+  if (!has.step()) return 0;
+  Statement s(db_, file_, "SELECT value FROM meta WHERE key = 'index_format'");
+  return s.step() ? static_cast<int>(s.integer(0)) : 0;
 }
 
 std::vector<StoredPage> SqliteStore::pages(const std::string& branch) {

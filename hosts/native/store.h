@@ -52,6 +52,8 @@ struct IndexChange {
   std::vector<std::pair<FileFacts, std::vector<wiki::Symbol>>> indexed;
   // Files that left the repository.
   std::vector<std::string> removed;
+  // When set, the format of the index's declarations (SqliteStore::index_format) from now on.
+  std::optional<int> index_format;
 };
 
 class SqliteStore : public wiki::Repository {
@@ -94,6 +96,10 @@ class SqliteStore : public wiki::Repository {
   std::vector<FileFacts> files();
   std::optional<FileFacts> file(const std::string& path);
   void apply(const IndexChange& change);
+  // The format of the declarations the index holds, as the indexer last recorded it; 0 when none
+  // was recorded (a database of the first format). The indexer re-indexes every file once when
+  // it differs from its own.
+  int index_format();
 
   // ---- Pages ----
   std::vector<StoredPage> pages(const std::string& branch);

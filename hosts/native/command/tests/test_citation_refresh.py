@@ -127,7 +127,7 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
                                         "lost": [], "moved": {}, "missing": []}
     assert {rel: repo.read(rel) for rel in PAGES} == PAGES  # nothing moved yet: no byte changes
     anchors = repo.read("docs/.citation-anchors.json")
-    assert '"symbol": "Circle.area"' in anchors and '"symbol": "Counter::add"' in anchors
+    assert '"symbol": "Circle.area"' in anchors and '"symbol": "Counter::add(int)"' in anchors
     repo.commit("anchors")
 
     change_code(repo)
@@ -255,3 +255,69 @@ def test_outside_git_and_without_anchors(tmp_path):
     assert outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check", "-q").stderr == ""
     assert not (tmp_path / ".citation-refresh.db").exists()
 
+
+
+def gtest(suite, name, macro="TEST"):
+    return f"{macro}({suite}, {name}) {{\n  EXPECT_EQ(1, 1);\n}}\n"
+
+
+OVERLOAD_INT = "int f(int value) {\n  return value;\n}\n"
+OVERLOAD_STR = "int f(const std::string& s) {\n  return 1;\n}\n"
+PARSE = "def parse(x):\n    return x\n"
+STUBS = "@overload\ndef parse(x: int) -> int: ...\n@typing.overload\ndef parse(x: str) -> str: ...\n"
+CONFIG = ("if TYPE_CHECKING:\n    class Config:\n{}        name: str\nelse:\n    class Config:\n"
+          "        def __init__(self):\n            self.name = 'x'\n")
+
+# (what, file, before, after, cited lines before, the lines they must have after; None: lost)
+ALIKE = [
+    ("a test body given a fixture, tests added above and between", "t_test.cc",
+     gtest("BuildTest", "NoWork") + gtest("BuildTest", "Rebuild"),
+     "".join(gtest(suite, name, "TEST_F") for suite, name in [
+         ("AddedTest", "NoWork"), ("BuildTest", "NoWork"), ("MidTest", "X"),
+         ("BuildTest", "Rebuild")]), "L4-L6", "L10-L12"),
+    ("an overload added above", "o.cc", OVERLOAD_INT, OVERLOAD_STR + OVERLOAD_INT, "L1-L3",
+     "L4-L6"),
+    ("@overload stubs added above", "p.py", "import typing\n" + PARSE,
+     "import typing\nfrom typing import overload\n" + STUBS + PARSE, "L2-L3", "L7-L8"),
+    ("the TYPE_CHECKING twin grown above", "c.py",
+     "from typing import TYPE_CHECKING\n" + CONFIG.format(""),
+     "from typing import TYPE_CHECKING\n" + CONFIG.format("        a: int\n" * 4), "L6-L8",
+     "L10-L12"),
+    ("a declaration moved within its file", "m.py", "def a():\n    pass\n" + PARSE,
+     PARSE + "def a():\n    pass\n", "L1-L2", "L3-L4"),
+    ("a declaration deleted", "d.py", "def a():\n    pass\n" + PARSE, PARSE, "L1-L2", None),
+]
+
+
+def test_alike_named_declarations_are_followed_exactly(repo):
+    page = "".join(f"See [{what}](/src/{file}#{lines}).\n"
+                   for what, file, _, _, lines, _ in ALIKE)
+    for _, file, before, _, _, _ in ALIKE:
+        repo.write(f"src/{file}", before)
+    repo.write("docs/alike.md", page)
+    repo.commit()
+    assert repo.run().returncode == 0
+    for _, file, _, after, _, _ in ALIKE:
+        repo.write(f"src/{file}", after)
+    done = repo.run("--json")
+    assert done.returncode == 0, done.stderr
+    text = repo.read("docs/alike.md")
+    for what, file, _, _, lines, moved_to in ALIKE:
+        assert f"[{what}](/src/{file}#{moved_to or lines})" in text, (what, text)
+    assert [x["path"] for x in json.loads(done.stdout)["lost"]] == ["src/d.py"]
+
+
+def test_a_store_of_the_previous_index_format_is_reindexed(repo):
+    make_repo(repo)
+    assert repo.run().returncode == 0
+    with sqlite3.connect(repo.root / ".git" / "citation-refresh.db") as db:
+        db.execute("DROP TABLE meta")  # as the previous format left it: no format, plain fqns
+        db.execute("UPDATE symbols SET fqn = 'Counter::add' WHERE fqn = 'Counter::add(int)'")
+    anchors = repo.read("docs/.citation-anchors.json")
+    repo.write("docs/.citation-anchors.json", anchors.replace("Counter::add(int)", "Counter::add"))
+    change_code(repo)
+    done = repo.run("--json")
+    assert done.returncode == 0, done.stderr
+    assert lost_of(json.loads(done.stdout)) == LOST
+    assert {rel: repo.read(rel) for rel in PAGES} == expected_pages()
+    assert '"symbol": "Counter::add(int)"' in repo.read("docs/.citation-anchors.json")
