@@ -391,8 +391,11 @@ std::vector<wiki::Symbol> identify(std::vector<CtagsTag> tags, std::string_view 
   return out;
 }
 
-Indexer::Indexer(SqliteStore& store, std::optional<std::string> ctags)
-    : store_(store), ctags_(ctags ? *ctags : TOLBARROW_CTAGS) {}
+Indexer::Indexer(SqliteStore& store, std::optional<std::string> ctags,
+                 std::vector<std::string> state_files)
+    : store_(store),
+      state_files_(std::move(state_files)),
+      ctags_(ctags ? *ctags : TOLBARROW_CTAGS) {}
 
 std::vector<std::pair<std::string, std::vector<CtagsTag>>> Indexer::run_ctags(
     const std::vector<std::string>& paths) {
@@ -429,6 +432,7 @@ IndexStats Indexer::update() {
   const fs::path db = fs::weakly_canonical(store_.file());
   const std::string db_rel = db.lexically_relative(root).generic_string();
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) own.insert(db_rel + suffix);
+  own.insert(state_files_.begin(), state_files_.end());
 
   for (const std::string& path : repository_files(root)) {
     if (path.find('\n') != std::string::npos || own.count(path)) continue;

@@ -59,8 +59,11 @@ class Indexer {
   // Files per ctags process.
   static constexpr std::size_t kBatch = 500;
 
-  // `ctags`: the program to run; the one found at build time when not given.
-  explicit Indexer(SqliteStore& store, std::optional<std::string> ctags = std::nullopt);
+  // `ctags`: the program to run; the one found at build time when not given. `state_files`:
+  // files of the tool's own state (paths relative to the repository root, such as the wiki's
+  // anchors and digest files), which are never indexed as code.
+  explicit Indexer(SqliteStore& store, std::optional<std::string> ctags = std::nullopt,
+                   std::vector<std::string> state_files = {});
 
   // Brings the store's index up to date with the work tree. A file is read only when its size or
   // mtime differs from the index's, and given to ctags only when its content hash differs too
@@ -78,6 +81,7 @@ class Indexer {
       const std::vector<std::string>& paths);
 
   SqliteStore& store_;
+  std::vector<std::string> state_files_;
   std::string ctags_;
   std::size_t ctags_runs_ = 0;
 };

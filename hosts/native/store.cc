@@ -244,10 +244,15 @@ std::vector<wiki::Symbol> SqliteStore::get_symbols_by_path(const std::string& pa
 }
 
 bool SqliteStore::is_indexed(const std::string& path) {
-  if (!contained_path(root_, path)) return false;
-  Statement s(db_, file_, "SELECT 1 FROM files WHERE path = ?");
-  s.bind(1, path);
-  return s.step();
+  if (auto it = indexed_.find(path); it != indexed_.end()) return it->second;
+  bool known = false;
+  if (contained_path(root_, path)) {
+    Statement s(db_, file_, "SELECT 1 FROM files WHERE path = ?");
+    s.bind(1, path);
+    known = s.step();
+  }
+  indexed_.emplace(path, known);
+  return known;
 }
 
 std::vector<std::unique_ptr<const wiki::PageRow>> SqliteStore::get_wiki_pages(
@@ -302,6 +307,7 @@ std::optional<FileFacts> SqliteStore::file(const std::string& path) {
 }
 
 void SqliteStore::apply(const IndexChange& change) {
+  indexed_.clear();
   transaction([&] {
     Statement put(db_, file_, "INSERT OR REPLACE INTO files VALUES (?, ?, ?, ?, ?)");
     Statement drop_file(db_, file_, "DELETE FROM files WHERE path = ?");

@@ -9,6 +9,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "workers/wiki/repository.h"
@@ -114,6 +115,9 @@ class SqliteStore : public wiki::Repository {
   std::filesystem::path root_;
   std::filesystem::path file_;
   sqlite3* db_ = nullptr;
+  // is_indexed's answers since the files table last changed: a refresh asks it for every
+  // citation, and the answer needs a walk of the path's components.
+  std::unordered_map<std::string, bool> indexed_;
 };
 
 // SHA-256 of `bytes`, lower-case hex.

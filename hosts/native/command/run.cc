@@ -238,7 +238,13 @@ Outcome run(const Options& options) {
   }
 
   progress.begin("indexing");
-  const IndexStats indexed = Indexer(*store, ctags).update();
+  // The wiki's anchors and digest files are the tool's state, not code.
+  const auto state_file = [&](const fs::path& file) {
+    return fs::weakly_canonical(file).lexically_relative(store->repo_root()).generic_string();
+  };
+  const IndexStats indexed =
+      Indexer(*store, ctags, {state_file(anchors_file), state_file(place.wiki / "digests.json")})
+          .update();
   progress.end();
   detail(std::to_string(indexed.files) + " files indexed, " + std::to_string(indexed.reindexed) +
          " read by ctags, " + std::to_string(indexed.removed) + " gone");

@@ -52,6 +52,11 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
   detail::Files files(host, repository, repo_root);
   const fs::path digests_path = wiki_dir / "digests.json";
   std::optional<Record> digests;  // read once, when the first page with moves is written
+  // Where each page id stands in `digests` and in `result.moved`: both keep their members in
+  // order, and finding one by a search of its own for every page would grow with the square of
+  // the wiki.
+  std::unordered_map<std::string, Record*> digest_at;
+  std::unordered_map<std::string, std::size_t> moved_at;
 
   for (const auto& row : repository.get_wiki_pages(branch)) {
     const auto rel_path = row->rel_path();
@@ -71,7 +76,13 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
 
     if (!options.write) {
       if (!page.moves.empty()) {
-        result.moved[row->page_id()] = static_cast<std::int64_t>(page.moves.size());
+        const auto count = static_cast<std::int64_t>(page.moves.size());
+        const auto [at, added] = moved_at.emplace(row->page_id(), result.moved.size());
+        if (added) {
+          result.moved.emplace_back(at->first, count);
+        } else {
+          result.moved.begin()[at->second].second = count;
+        }
       }
       continue;
     }
@@ -100,9 +111,12 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     repository.update_wiki_page_citations(branch, *row, update);
 
     if (!page.moves.empty()) {
-      if (!digests) digests = detail::read_digests(host.file_system, digests_path);
-      auto entry = digests->find(page_id);
-      detail::move_digest_citations(entry == digests->end() ? nullptr : &*entry, page.moves);
+      if (!digests) {
+        digests = detail::read_digests(host.file_system, digests_path);
+        for (auto& [id, digest] : digests->items()) digest_at.emplace(id, &digest);
+      }
+      auto entry = digest_at.find(page_id);
+      detail::move_digest_citations(entry == digest_at.end() ? nullptr : entry->second, page.moves);
     }
   }
 
