@@ -18,6 +18,8 @@ build/hosts/native/command/citation-refresh --check --quiet
 # Relocation accuracy on scripted histories, at a small size; fails when the goal is missed.
 /usr/bin/python3 bench/accuracy/relocation_accuracy.py --smoke \
   --program build/hosts/native/command/citation-refresh >/dev/null
+# The scale benchmarks on a small generated wiki, so that they cannot rot (nothing about time).
+/usr/bin/python3 bench/scale_bench.py --build build --scale small --repeat 1 >/dev/null
 
 cmake -S . -B build-asan -DTOLBARROW_SANITIZE=ON -DTOLBARROW_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug \
   -DPython_EXECUTABLE=/usr/bin/python3 >/dev/null

@@ -1,0 +1,272 @@
+// The core at scale, each figure beside a floor measured in the same run on the same data.
+//
+//   scale_driver refresh CORE.json REPEAT   report-only and writing refresh, and their floors
+//   scale_driver claims CORE.json REPEAT    claim_identifiers per citation, pages of 100, 1,000
+//                                           and 10,000 legacy citations
+//   scale_driver profile report|write CORE.json REPEAT   only the refresh, for perf
+//   scale_driver hash-floor REPO            reads and SHA-256-hashes every file of the work tree
+//
+// CORE.json is written by bench/synth_wiki.py (the index after its code change, the page rows,
+// the wiki directory). Page files and digests.json are held in the in-memory host's file system,
+// so that no disk time enters either side. Each mode prints one JSON object of best-of-REPEAT
+// seconds; the refresh and its floor alternate, so that the machine's noise falls on both.
+//
+// The floors:
+// - read: every page text read through the host's FileSystem, decoded as Text and scanned once
+//   with the host's citation pattern;
+// - write: the read floor plus every page written once through the host's atomic write.
+#include <openssl/evp.h>
+
+#include <chrono>
+#include <fstream>
+#include <iostream>
+#include <unordered_map>
+
+#include "hosts/memory/memory_host.h"
+
+namespace tolbarrow::hosts::memory {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point began) {
+  return std::chrono::duration<double>(Clock::now() - began).count();
+}
+
+// The memory host's repository with its pages found by id in constant time (MemoryRepository
+// looks through every page for each update, which makes a writing refresh quadratic in pages).
+class IndexedRepository : public Repository {
+ public:
+  std::unordered_map<std::string, std::vector<Symbol>> symbols;
+  std::unordered_map<std::string, bool> files;
+  std::vector<Record> pages;
+  std::unordered_map<std::string, std::size_t> page_index;
+  std::int64_t updates = 0;
+
+  std::vector<Symbol> get_symbols_by_path(const std::string& path) override {
+    auto it = symbols.find(path);
+    return it == symbols.end() ? std::vector<Symbol>{} : it->second;
+  }
+  bool is_indexed(const std::string& path) override { return files.count(path) != 0; }
+  std::vector<std::unique_ptr<const PageRow>> get_wiki_pages(const std::string&) override {
+    std::vector<std::unique_ptr<const PageRow>> rows;
+    rows.reserve(pages.size());
+    for (const Record& page : pages) rows.push_back(std::make_unique<RecordPageRow>(page));
+    return rows;
+  }
+  void update_wiki_page_citations(const std::string&, const PageRow& row,
+                                  const PageUpdate& update) override {
+    Record& page = pages.at(page_index.at(row.page_id()));
+    page["citations"] = update.citations;
+    page["build_cache"] = update.build_cache ? *update.build_cache : Record::object();
+    if (update.content_hash) page["content_hash"] = *update.content_hash;
+    ++updates;
+  }
+  std::string text_hash(const std::string& text) override {
+    return "h" + std::to_string(std::hash<std::string>()(text));
+  }
+};
+
+struct Data {
+  fs::path wiki_dir, repo_root;
+  std::vector<Record> pages;
+  std::map<fs::path, std::string> wiki_files;  // page files and digests.json
+  std::int64_t citations = 0;
+};
+
+Data load(const fs::path& data_path, MemoryHost& host, IndexedRepository& repo) {
+  std::ifstream in(data_path);
+  const Record data = Record::parse(in);
+  Data out;
+  out.wiki_dir = data.at("wiki_dir").get<std::string>();
+  out.repo_root = data.at("repo_root").get<std::string>();
+  for (const auto& [path, lines] : data.at("files").items()) {
+    repo.files[path] = true;
+    host.line_counts_by_path[path] = lines.get<Line>();
+  }
+  for (const auto& [path, symbols] : data.at("symbols").items()) {
+    auto& list = repo.symbols[path];
+    for (const auto& s : symbols) {
+      list.push_back(Symbol{s[0].get<std::string>(), s[1].get<std::string>(),
+                            s[2].get<std::string>(), s[3].get<Line>(), s[4].get<Line>()});
+    }
+  }
+  out.pages = data.at("pages").get<std::vector<Record>>();
+  for (std::size_t i = 0; i < out.pages.size(); ++i) {
+    repo.page_index[out.pages[i].at("page_id").get<std::string>()] = i;
+    out.citations += static_cast<std::int64_t>(out.pages[i].at("citations").size());
+  }
+  for (const auto& entry : fs::recursive_directory_iterator(out.wiki_dir)) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream file(entry.path(), std::ios::binary);
+    out.wiki_files[entry.path()] = std::string(std::istreambuf_iterator<char>(file), {});
+  }
+  return out;
+}
+
+// Puts the wiki and the page store back as generated (outside any timing).
+void restore(const Data& data, MemoryHost& host, IndexedRepository& repo) {
+  host.file_system.files = data.wiki_files;
+  repo.pages = data.pages;
+  host.calls.clear();
+  host.anchor_calls.clear();
+}
+
+std::int64_t read_floor(MemoryHost& host, const Data& data, bool write) {
+  std::int64_t found = 0;
+  for (const Record& page : data.pages) {
+    const fs::path path = data.wiki_dir / page.at("rel_path").get<std::string>();
+    const Text text(host.file_system.read_file(path));
+    host.find(text, [&](const Citation&) { ++found; });
+    if (write) host.file_system.atomic_write(path, text.str());
+  }
+  return found;
+}
+
+int run_refresh(const fs::path& data_path, int repeat) {
+  MemoryHost host;
+  IndexedRepository repo;
+  const Data data = load(data_path, host, repo);
+  const cr::Host services = host.host();
+  double best[4] = {1e300, 1e300, 1e300, 1e300};  // report, read floor, write, write floor
+  cr::CitationRefresh report_result, write_result;
+  for (int i = 0; i < repeat; ++i) {
+    for (int which = 0; which < 4; ++which) {
+      restore(data, host, repo);
+      const auto began = Clock::now();
+      if (which == 0) {
+        report_result = cr::refresh_citations(services, repo, "main", data.wiki_dir, data.repo_root,
+                                              {.write = false});
+      } else if (which == 2) {
+        write_result = cr::refresh_citations(services, repo, "main", data.wiki_dir, data.repo_root,
+                                             {.write = true});
+      } else {
+        read_floor(host, data, which == 3);
+      }
+      best[which] = std::min(best[which], seconds_since(began));
+    }
+  }
+  std::int64_t moved = 0;
+  for (const auto& [page, count] : report_result.moved) moved += count;
+  std::cout << Record{{"citations", data.citations},
+                      {"pages", data.pages.size()},
+                      {"report", best[0]},
+                      {"read_floor", best[1]},
+                      {"write", best[2]},
+                      {"write_floor", best[3]},
+                      {"moved", moved},
+                      {"repaired", write_result.repaired},
+                      {"lost", write_result.unrepairable},
+                      {"pages_written", write_result.pages_written}}
+                   .dump()
+            << "\n";
+  return 0;
+}
+
+// Only the refresh, REPEAT times after loading: for perf, so that the profile is the refresh's.
+int run_profile(const fs::path& data_path, bool write, int repeat) {
+  MemoryHost host;
+  IndexedRepository repo;
+  const Data data = load(data_path, host, repo);
+  const cr::Host services = host.host();
+  double total = 0;
+  for (int i = 0; i < repeat; ++i) {
+    restore(data, host, repo);
+    const auto began = Clock::now();
+    cr::refresh_citations(services, repo, "main", data.wiki_dir, data.repo_root, {.write = write});
+    total += seconds_since(began);
+  }
+  std::cout << Record{{"seconds", total}}.dump() << "\n";
+  return 0;
+}
+
+int run_claims(const fs::path& data_path, int repeat) {
+  MemoryHost host;
+  IndexedRepository repo;
+  const Data data = load(data_path, host, repo);
+  const cr::Host services = host.host();
+  Record out = Record::object();
+  for (std::size_t size : {100, 1000, 10000}) {
+    // One long page of generated prose, taking page after page until it holds `size` citations.
+    std::string joined;
+    std::size_t found = 0;
+    for (std::size_t p = 0; found < size; p = (p + 1) % data.pages.size()) {
+      const std::string& page =
+          data.wiki_files.at(data.wiki_dir / data.pages[p].at("rel_path").get<std::string>());
+      joined += page;
+      host.find(Text(page), [&](const Citation&) { ++found; });
+    }
+    const Text text(std::move(joined));
+    std::vector<std::size_t> positions;
+    host.find(text, [&](const Citation& c) {
+      if (positions.size() < size) positions.push_back(c.start);
+    });
+    // At least about 200,000 claims per timing, so that the small pages are not lost in the
+    // clock's resolution.
+    const std::size_t rounds = std::max<std::size_t>(1, 200000 / size);
+    double best = 1e300;
+    std::size_t identifiers = 0;
+    for (int i = 0; i < repeat; ++i) {
+      const auto began = Clock::now();
+      for (std::size_t r = 0; r < rounds; ++r) {
+        for (std::size_t position : positions) {
+          identifiers += cr::claim_identifiers(services, text, position).size();
+        }
+      }
+      best = std::min(best, seconds_since(began) / static_cast<double>(rounds * size));
+    }
+    out[std::to_string(size)] = best;
+    out["identifiers_" + std::to_string(size)] = identifiers;
+  }
+  std::cout << out.dump() << "\n";
+  return 0;
+}
+
+// Reads every file of the work tree (outside .git), pages included, and hashes it with SHA-256:
+// what a run that finds nothing changed cannot do without.
+int run_hash_floor(const fs::path& repo_root) {
+  const auto began = Clock::now();
+  std::int64_t files = 0, bytes = 0;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int digest_size = 0;
+  std::string content;
+  for (auto it = fs::recursive_directory_iterator(repo_root); it != fs::end(it); ++it) {
+    if (it->is_directory() && it->path().filename() == ".git") {
+      it.disable_recursion_pending();
+      continue;
+    }
+    if (!it->is_regular_file()) continue;
+    std::ifstream file(it->path(), std::ios::binary);
+    content.assign(std::istreambuf_iterator<char>(file), {});
+    EVP_Digest(content.data(), content.size(), digest, &digest_size, EVP_sha256(), nullptr);
+    ++files;
+    bytes += static_cast<std::int64_t>(content.size());
+  }
+  std::cout << Record{{"seconds", seconds_since(began)}, {"files", files}, {"bytes", bytes}}.dump()
+            << "\n";
+  return 0;
+}
+
+}  // namespace
+}  // namespace tolbarrow::hosts::memory
+
+int main(int argc, char** argv) {
+  namespace m = tolbarrow::hosts::memory;
+  const std::string usage =
+      "usage: scale_driver refresh|claims CORE.json REPEAT | scale_driver profile report|write "
+      "CORE.json REPEAT | scale_driver hash-floor REPO\n";
+  try {
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "refresh" && argc == 4) return m::run_refresh(argv[2], std::stoi(argv[3]));
+    if (mode == "claims" && argc == 4) return m::run_claims(argv[2], std::stoi(argv[3]));
+    if (mode == "profile" && argc == 5) {
+      return m::run_profile(argv[3], std::string(argv[2]) == "write", std::stoi(argv[4]));
+    }
+    if (mode == "hash-floor" && argc == 3) return m::run_hash_floor(argv[2]);
+    std::cerr << usage;
+    return 2;
+  } catch (const std::exception& e) {
+    std::cerr << "scale_driver: " << e.what() << "\n";
+    return 1;
+  }
+}
