@@ -38,11 +38,12 @@ std::vector<std::string> walk(const fs::path& root) {
   auto it = fs::recursive_directory_iterator(root, fs::directory_options::skip_permission_denied);
   for (; it != fs::recursive_directory_iterator(); ++it) {
     const std::string name = it->path().filename().string();
-    if (it->is_directory() && !it->is_symlink() && !name.empty() && name[0] == '.') {
-      it.disable_recursion_pending();
+    // lstat: a link is listed as it is (update() resolves it), so that a loop cannot stop the walk.
+    if (fs::is_directory(it->symlink_status())) {
+      if (!name.empty() && name[0] == '.') it.disable_recursion_pending();
       continue;
     }
-    if (!it->is_directory()) out.push_back(fs::relative(it->path(), root).generic_string());
+    out.push_back(it->path().lexically_relative(root).generic_string());
   }
   return out;
 }

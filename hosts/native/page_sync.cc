@@ -1,5 +1,6 @@
 #include "hosts/native/page_sync.h"
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <unordered_set>
@@ -40,19 +41,47 @@ std::optional<wiki::CitationKey> stored_key(const wiki::Record& record) {
   return wiki::CitationKey{path->get<std::string>(), *first, *last};
 }
 
-// The page files under `wiki_dir`: path relative to it -> file.
-std::map<std::string, fs::path> page_files(const fs::path& wiki_dir) {
+bool inside(const fs::path& file, const fs::path& dir) {
+  const auto end = std::mismatch(dir.begin(), dir.end(), file.begin(), file.end()).first;
+  return end == dir.end();
+}
+
+// The page files under `wiki_dir`: path relative to it -> file. A `*.md` symbolic link is a page
+// when it leads to a regular file inside the repository or the wiki directory; one that loops,
+// dangles or leads elsewhere is skipped, and named in `skipped` with the reason. Linked
+// directories are not entered.
+std::map<std::string, fs::path> page_files(const fs::path& wiki_dir, const fs::path& repo_root,
+                                           std::vector<std::string>& skipped) {
+  std::error_code error;
+  fs::path wiki_real = fs::weakly_canonical(wiki_dir, error);
+  if (error) wiki_real = repo_root;
   std::map<std::string, fs::path> out;
   auto it = fs::recursive_directory_iterator(wiki_dir);
   for (; it != fs::recursive_directory_iterator(); ++it) {
     const std::string name = it->path().filename().string();
-    if (it->is_directory()) {
+    // lstat: following a link here would stop the walk at the first loop.
+    const fs::file_status own = it->symlink_status();
+    if (fs::is_directory(own)) {
       if (!name.empty() && name[0] == '.') it.disable_recursion_pending();
       continue;
     }
-    if (it->is_regular_file() && it->path().extension() == ".md") {
-      out.emplace(fs::relative(it->path(), wiki_dir).generic_string(), it->path());
+    if (it->path().extension() != ".md") continue;
+    if (fs::is_symlink(own)) {
+      const fs::path target = fs::canonical(it->path(), error);
+      if (error) {
+        skipped.push_back(it->path().string() + ": " + error.message());
+        continue;
+      }
+      if (!inside(target, repo_root) && !inside(target, wiki_real)) {
+        skipped.push_back(it->path().string() + ": a symbolic link to " + target.string() +
+                          ", outside the repository");
+        continue;
+      }
+      if (!fs::is_regular_file(target, error)) continue;
+    } else if (!fs::is_regular_file(own)) {
+      continue;
     }
+    out.emplace(it->path().lexically_relative(wiki_dir).generic_string(), it->path());
   }
   return out;
 }
@@ -66,7 +95,7 @@ SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std
 
   SyncStats stats;
   std::vector<StoredPage> pages;
-  for (const auto& [rel, file] : page_files(wiki_dir)) {
+  for (const auto& [rel, file] : page_files(wiki_dir, store.repo_root(), stats.skipped)) {
     std::string bytes = read_bytes(file);
     const std::string hash = sha256_hex(bytes);
     const wiki::Text text(std::move(bytes), file.string());

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "hosts/native/store.h"
 #include "workers/wiki/verify.h"
@@ -15,9 +16,12 @@ struct SyncStats {
   std::size_t citations_added = 0;    // new records without a declaration
   std::size_t citations_dropped = 0;  // records whose citation left the text
   std::size_t pages_removed = 0;      // pages whose file is gone
+  std::vector<std::string> skipped;   // "<file>: <why>" for each *.md link that is no page
 };
 
-// Makes every *.md file under `wiki_dir` (hidden folders skipped) a page of `branch`: its page id
+// Makes every *.md file under `wiki_dir` (hidden folders skipped) a page of `branch`; a symbolic
+// link counts by its target when that is a regular file inside the repository (or the wiki
+// directory), and is listed in `skipped` when it loops, dangles or leads elsewhere. A page's id
 // is its path relative to `wiki_dir` without ".md", its rel_path that path, its content hash the
 // SHA-256 of its bytes. A citation of the text that no record has enters as {path, line_start,
 // line_end}, without a declaration, after the page's records in text order; a record whose

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "hosts/native/citation_syntax.h"
 #include "tests/temp_dir.h"
 
@@ -54,6 +56,41 @@ TEST(PageSync, MakesPageFilesThePagesOfTheBranch) {
   // A second sync finds nothing to do.
   const SyncStats again = sync_pages(store, syntax, "main", wiki_dir);
   EXPECT_EQ(again.citations_added + again.citations_dropped + again.pages_removed, 0u);
+}
+
+// Symbolic links in the wiki: a loop anywhere must not stop the walk, and no page is read through
+// a link that leads outside the repository.
+TEST(PageSync, FollowsOnlyLinksToFilesInsideTheRepository) {
+  TempDir base;
+  const auto repo = base.path() / "repo";
+  const auto wiki_dir = repo / "wiki";
+  base.write("repo/wiki/plain.md", "[f](/src/a.py#L1)\n");
+  base.write("repo/notes/kept.md", "[g](/src/a.py#L2)\n");
+  base.write("outside/secret.md", "[s](/src/a.py#L3)\n");
+  base.write("outside/dir/deep.md", "[d](/src/a.py#L4)\n");
+  const std::vector<std::pair<std::string, std::string>> links = {
+      {"wiki/loop.md", "b"},
+      {"wiki/b", "loop.md"},
+      {"wiki/self", "."},
+      {"wiki/gone.md", "nowhere.md"},
+      {"wiki/in.md", "../notes/kept.md"},
+      {"wiki/out.md", "../../outside/secret.md"},
+      {"wiki/outdir", "../../outside/dir"}};
+  for (const auto& [link, target] : links) std::filesystem::create_symlink(target, repo / link);
+
+  SqliteStore store(repo);
+  MarkdownCitationSyntax syntax;
+  SyncStats stats = sync_pages(store, syntax, "main", wiki_dir);
+  std::vector<std::string> pages;
+  for (const StoredPage& page : store.pages("main")) pages.push_back(page.rel_path);
+  EXPECT_EQ(pages, (std::vector<std::string>{"in.md", "plain.md"}));
+  ASSERT_EQ(stats.skipped.size(), 3u);
+  std::sort(stats.skipped.begin(), stats.skipped.end());
+  EXPECT_EQ(stats.skipped[0].rfind((wiki_dir / "gone.md").string() + ": ", 0), 0u);
+  EXPECT_EQ(stats.skipped[1].rfind((wiki_dir / "loop.md").string() + ": ", 0), 0u);
+  EXPECT_NE(stats.skipped[1].find("symbolic links"), std::string::npos);
+  EXPECT_EQ(stats.skipped[2].rfind((wiki_dir / "out.md").string() + ": ", 0), 0u);
+  EXPECT_NE(stats.skipped[2].find("outside the repository"), std::string::npos);
 }
 
 }  // namespace

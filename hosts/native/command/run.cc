@@ -206,6 +206,7 @@ Outcome run(const Options& options) {
     progress.begin("reading pages");
     const SyncStats stats = sync_pages(store, syntax, place.branch, place.wiki);
     progress.end();
+    for (const std::string& why : stats.skipped) note("skipped " + why);
     detail(std::to_string(stats.pages) + " pages, " + std::to_string(stats.citations_added) +
            " new citations, " + std::to_string(stats.citations_dropped) + " citations gone");
   };
