@@ -2,11 +2,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <system_error>
 
 namespace tolbarrow::hosts::native {
@@ -44,12 +46,17 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::files
     ::close(in[0]), ::close(in[1]), ::close(out[0]), ::close(out[1]);
     os_fail(argv[0] + ": pipe");
   }
+  const pid_t parent = ::getpid();
   const pid_t pid = ::fork();
   if (pid < 0) {
     for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) ::close(fd);
     os_fail(argv[0] + ": fork");
   }
   if (pid == 0) {  // only async-signal-safe calls until exec
+    // The child dies with this process, however that ends (SIGKILL, SIGTERM, a timeout's kill):
+    // a ctags left running on a large file would go on for minutes with nobody to read it. The
+    // parent may have died before the request was made; then the child is already an orphan.
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(127);
     if (::dup2(in[1], 0) < 0 || ::dup2(out[1], 1) < 0 || ::dup2(err[1], 2) < 0 ||
         ::chdir(dir.c_str()) != 0) {
       ::_exit(127);

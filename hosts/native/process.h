@@ -16,6 +16,8 @@ struct ProcessResult {
 
 // Runs `argv` (argv[0] looked up in PATH) in directory `cwd`, feeding `input` to its standard
 // input while reading its standard output and error, so that neither side blocks on a full pipe.
+// The child is killed (SIGKILL) when the thread that started it ends, so that no helper outlives
+// a process that was killed or interrupted; call it from a thread that outlives the child.
 // Throws std::system_error when the process cannot be created.
 ProcessResult run_process(const std::vector<std::string>& argv, const std::filesystem::path& cwd,
                           std::string_view input = {});

@@ -1,6 +1,8 @@
 """Hostile work trees: symbolic-link loops and links that lead outside the repository."""
 
 import os
+import signal
+import time
 
 import pytest
 
@@ -37,3 +39,50 @@ def test_links_that_loop_or_leave_are_skipped(repo, tmp_path, in_git):
     assert "docs/loop.md: Too many levels of symbolic links" in skipped[0]
     assert "docs/out.md: a symbolic link to" in skipped[1]
     assert (tmp_path / "outside/secret.md").read_text() == "[s](/src/util.py#L1)\n"
+
+
+def ctags_children(pid):
+    """The ctags processes whose parent is `pid`."""
+    found = []
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{entry}/status") as status:
+                fields = dict(line.split(":", 1) for line in status if ":" in line)
+        except OSError:
+            continue
+        if fields["Name"].strip() == "ctags" and fields["PPid"].strip() == str(pid):
+            found.append(int(entry))
+    return found
+
+
+def running(pid):
+    try:
+        with open(f"/proc/{pid}/stat") as stat:
+            return stat.read().rsplit(")", 1)[1].split()[0] != "Z"
+    except OSError:
+        return False
+
+
+@pytest.mark.parametrize("sig", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT],
+                         ids=lambda s: s.name)
+def test_a_killed_run_leaves_no_ctags_running(repo, sig):
+    # ctags takes seconds on this file and writes nothing until it is done with it.
+    repo.write("src/big.py", "".join(f"def f{i}(x):\n    return x + {i}\n\n"
+                                     for i in range(300000)))
+    repo.write("docs/page.md", PAGE)
+    repo.commit()
+    proc = repo.start("-q")
+    deadline = time.monotonic() + 60
+    while not (children := ctags_children(proc.pid)):
+        assert proc.poll() is None and time.monotonic() < deadline, "ctags never ran"
+        time.sleep(0.02)
+    time.sleep(0.5)  # past ctags' first lines on stderr, which would end it by SIGPIPE
+    proc.send_signal(sig)
+    proc.communicate()
+    deadline = time.monotonic() + 2
+    while any(map(running, children)) and time.monotonic() < deadline:
+        time.sleep(0.05)
+    left = [pid for pid in children if running(pid)]
+    for pid in left:
+        os.kill(pid, signal.SIGKILL)
+    assert not left, f"ctags {left} outlived the command ({sig.name})"
