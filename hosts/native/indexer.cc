@@ -393,10 +393,23 @@ std::vector<wiki::Symbol> identify(std::vector<CtagsTag> tags, std::string_view 
 }
 
 Indexer::Indexer(SqliteStore& store, std::optional<std::string> ctags,
-                 std::vector<std::string> state_files)
+                 std::vector<std::string> state_files, std::string wiki_dir)
     : store_(store),
       state_files_(std::move(state_files)),
-      ctags_(ctags ? *ctags : TOLBARROW_CTAGS) {}
+      wiki_dir_(std::move(wiki_dir)),
+      ctags_(ctags ? *ctags : TOLBARROW_CTAGS) {
+  while (wiki_dir_.size() > 1 && wiki_dir_.back() == '/') wiki_dir_.pop_back();
+}
+
+bool Indexer::parsed(const std::string& path, std::int64_t size) const {
+  const std::string ending = fs::path(path).extension().string();  // as ctags maps them
+  if (ending != ".md" && ending != ".markdown") return true;
+  const bool page =
+      ending == ".md" && !wiki_dir_.empty() &&
+      (wiki_dir_ == "." || (path.size() > wiki_dir_.size() && path[wiki_dir_.size()] == '/' &&
+                            path.compare(0, wiki_dir_.size(), wiki_dir_) == 0));
+  return !page && size <= kMarkdownParseLimit;
+}
 
 std::vector<std::pair<std::string, std::vector<CtagsTag>>> Indexer::run_ctags(
     const std::vector<std::string>& paths) {
@@ -455,6 +468,8 @@ IndexStats Indexer::update() {
     facts.size = static_cast<std::int64_t>(bytes.size());
     if (!reindex_all && old != known.end() && old->second.hash == facts.hash) {
       change.touched.push_back(std::move(facts));
+    } else if (!parsed(facts.path, facts.size)) {
+      change.indexed.emplace_back(std::move(facts), std::vector<wiki::Symbol>{});
     } else {
       changed.push_back(std::move(facts));
     }
@@ -483,7 +498,7 @@ IndexStats Indexer::update() {
   }
   store_.apply(change);
   stats.files = present.size();
-  stats.reindexed = change.indexed.size();
+  stats.reindexed = changed.size();
   stats.touched = change.touched.size();
   stats.removed = change.removed.size();
   return stats;

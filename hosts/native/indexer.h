@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -59,11 +60,22 @@ class Indexer {
   // Files per ctags process.
   static constexpr std::size_t kBatch = 500;
 
+  // Markdown files larger than this are indexed without declarations: the time ctags' markdown
+  // parser takes grows with the square of the file (a 1 MB page of 1,000 sections: 19 s).
+  static constexpr std::int64_t kMarkdownParseLimit = 256 * 1024;
+
   // `ctags`: the program to run; the one found at build time when not given. `state_files`:
   // files of the tool's own state (paths relative to the repository root, such as the wiki's
-  // anchors and digest files), which are never indexed as code.
+  // anchors and digest files), which are never indexed as code. `wiki_dir`: the wiki directory
+  // relative to the root ("." for the root itself, empty for none); its pages (`*.md`) are
+  // indexed as files but never given to ctags.
   explicit Indexer(SqliteStore& store, std::optional<std::string> ctags = std::nullopt,
-                   std::vector<std::string> state_files = {});
+                   std::vector<std::string> state_files = {}, std::string wiki_dir = {});
+
+  // Whether ctags reads the file at `path` (relative to the root) of `size` bytes for its
+  // declarations: every file but the wiki's pages and markdown files over kMarkdownParseLimit.
+  // The others are indexed as files (hash, size, line count), with no declarations.
+  bool parsed(const std::string& path, std::int64_t size) const;
 
   // Brings the store's index up to date with the work tree. A file is read only when its size or
   // mtime differs from the index's, and given to ctags only when its content hash differs too
@@ -82,6 +94,7 @@ class Indexer {
 
   SqliteStore& store_;
   std::vector<std::string> state_files_;
+  std::string wiki_dir_;
   std::string ctags_;
   std::size_t ctags_runs_ = 0;
 };

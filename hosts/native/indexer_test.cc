@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "hosts/native/process.h"
+#include "hosts/native/repo_paths.h"
 #include "tests/temp_dir.h"
 
 namespace tolbarrow::hosts::native {
@@ -83,6 +84,38 @@ TEST(Indexer, GivesFqnsAndReadsOnlyChangedFiles) {
   EXPECT_FALSE(store.is_indexed("src/b.cc"));
   EXPECT_TRUE(store.get_symbols_by_path("src/b.cc").empty());
   EXPECT_TRUE(store.is_indexed("new.py"));
+}
+
+// The wiki's pages and large markdown files are indexed as files, without ctags reading them:
+// ctags takes minutes on a page of a few megabytes. (file, bytes, whether it has declarations)
+TEST(Indexer, GivesCtagsNeitherWikiPagesNorLargeMarkdown) {
+  TempDir repo;
+  const std::string section = "# Section\n\ntext\n";
+  const std::string filler(Indexer::kMarkdownParseLimit, '\n');
+  const std::vector<std::tuple<std::string, std::string, bool>> cases = {
+      {"docs/page.md", section, false},
+      {"docs/sub/deep.md", section, false},
+      {"docs/code.py", "def f():\n    pass\n", true},
+      {"docs.md", section, true},
+      {"notes/small.md", section, true},
+      {"notes/at_limit.md", section + filler.substr(section.size()), true},
+      {"notes/over_limit.md", section + filler.substr(section.size() - 1), false},
+      {"notes/over_limit.markdown", section + filler, false}};
+  for (const auto& [path, text, _] : cases) repo.write(path, text);
+  SqliteStore store(repo.path());
+  Indexer indexer(store, std::nullopt, {}, "docs/");
+  const IndexStats stats = indexer.update();
+  EXPECT_EQ(stats.files, cases.size());
+  EXPECT_EQ(indexer.ctags_runs(), 1u);
+  for (const auto& [path, text, declared] : cases) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(store.file(path)->line_count, count_lines(text));
+    EXPECT_EQ(!store.get_symbols_by_path(path).empty(), declared);
+  }
+  EXPECT_EQ(stats.reindexed, 4u);
+  // The wiki at the repository's root: every page is a wiki page.
+  EXPECT_FALSE(Indexer(store, std::nullopt, {}, ".").parsed("notes/small.md", 10));
+  EXPECT_TRUE(Indexer(store, std::nullopt, {}, ".").parsed("notes/code.py", 10));
 }
 
 // Declarations that ctags names alike get distinct identities; (fqn, name, start line) of each

@@ -244,7 +244,8 @@ Outcome run(const Options& options) {
     return fs::weakly_canonical(file).lexically_relative(store->repo_root()).generic_string();
   };
   const IndexStats indexed =
-      Indexer(*store, ctags, {state_file(anchors_file), state_file(place.wiki / "digests.json")})
+      Indexer(*store, ctags, {state_file(anchors_file), state_file(place.wiki / "digests.json")},
+              state_file(place.wiki))
           .update();
   progress.end();
   detail(std::to_string(indexed.files) + " files indexed, " + std::to_string(indexed.reindexed) +
