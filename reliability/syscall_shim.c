@@ -150,21 +150,30 @@ int close(int fd) {
 
 // With RELIABILITY_OPENS set, every file any process opens (the command and the git and ctags
 // it starts) is appended there, so that the harness can tell whether a path outside the
-// repository was read.
-static void log_open(const char* path) {
+// repository was read: the path as given and, once opened, the file it reached (symbolic links
+// followed) when that differs.
+static void log_open(const char* path, int opened) {
   const char* file = getenv("RELIABILITY_OPENS");
   if (file == NULL || path == NULL) return;
+  const int saved = errno;
   static int (*real_open)(const char*, int, ...);
   static ssize_t (*real_write)(int, const void*, size_t);
   if (!real_open) real_open = dlsym(RTLD_NEXT, "open");
   if (!real_write) real_write = dlsym(RTLD_NEXT, "write");
-  char line[4200];
-  int n = snprintf(line, sizeof line, "%s\n", path);
-  if (n <= 0 || n >= (int)sizeof line) return;
-  int fd = real_open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) return;
-  real_write(fd, line, (size_t)n);
-  close(fd);
+  char reached[4096] = "";
+  if (opened >= 0 && (!fd_path(opened, reached, sizeof reached) || strcmp(reached, path) == 0)) {
+    reached[0] = '\0';
+  }
+  char line[8300];
+  int n = snprintf(line, sizeof line, "%s\n%s%s", path, reached, reached[0] ? "\n" : "");
+  int fd = n > 0 && n < (int)sizeof line
+               ? real_open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666)
+               : -1;
+  if (fd >= 0) {
+    real_write(fd, line, (size_t)n);
+    close(fd);
+  }
+  errno = saved;
 }
 
 #define OPEN_WRAPPER(name, ...)           \
@@ -177,8 +186,9 @@ static void log_open(const char* path) {
       mode = va_arg(args, mode_t);        \
       va_end(args);                       \
     }                                     \
-    log_open(path);                       \
-    return OPEN_CALL;                     \
+    int fd = OPEN_CALL;                   \
+    log_open(path, fd);                   \
+    return fd;                            \
   }
 
 #define OPEN_CALL real(path, flags, mode)
@@ -192,12 +202,14 @@ OPEN_WRAPPER(openat64, int dir, const char* path)
 
 FILE* fopen(const char* path, const char* how) {
   REAL(fopen);
-  log_open(path);
-  return real(path, how);
+  FILE* opened = real(path, how);
+  log_open(path, opened ? fileno(opened) : -1);
+  return opened;
 }
 
 FILE* fopen64(const char* path, const char* how) {
   REAL(fopen64);
-  log_open(path);
-  return real(path, how);
+  FILE* opened = real(path, how);
+  log_open(path, opened ? fileno(opened) : -1);
+  return opened;
 }
