@@ -342,6 +342,12 @@ def mode_hostile(base):
         os.symlink(Path(base) / "outside.md", r / "docs/out.md")
         os.symlink(Path(base) / "outside-dir", r / "docs/ext")
 
+    def digests_out(r):  # "digests.json" a link to a file outside the repository
+        outside = Path(base) / "outside-digests.json"
+        outside.write_text(json.dumps(digests(pages, 0)))
+        (r / "docs/digests.json").unlink()
+        os.symlink(outside, r / "docs/digests.json")
+
     def fifo(r):
         os.mkfifo(r / "docs/fifo.md")
 
@@ -388,6 +394,7 @@ def mode_hostile(base):
         ("symbolic link out", link_out),
         ("symbolic link loops", link_loop, goes_on),
         ("page and folder linked from outside", links_out, goes_on),
+        ("digests.json linked from outside", digests_out, goes_on),
         ("page is a directory", lambda r: (r / "docs/dir.md").mkdir(), goes_on),
         ("page is a FIFO", fifo, goes_on),
         ("page unreadable" + ("" if user is None else " (as nobody)"), unreadable,

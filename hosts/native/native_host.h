@@ -12,6 +12,7 @@
 
 #include "hosts/native/anchoring.h"
 #include "hosts/native/citation_syntax.h"
+#include "hosts/native/repo_paths.h"
 #include "hosts/native/store.h"
 #include "hosts/native/write_lock.h"
 #include "workers/wiki/citation_refresh.h"
@@ -19,7 +20,7 @@
 namespace tolbarrow::hosts::native {
 
 struct NativeHost {
-  explicit NativeHost(SqliteStore& store) : ranges(store) {}
+  explicit NativeHost(SqliteStore& store) : ranges(store), file_system(store.repo_root()) {}
 
   wiki::citation_refresh::Host host(std::shared_ptr<spdlog::logger> logger = nullptr) {
     return {.syntax = syntax,
@@ -33,7 +34,7 @@ struct NativeHost {
   MarkdownCitationSyntax syntax;
   CtagsAnchoring anchoring;
   IndexCitationRanges ranges;
-  wiki::RealFileSystem file_system;
+  ContainedFileSystem file_system;  // allow() the wiki directory when it lies elsewhere
   FlockWriteLocks locks;
 };
 

@@ -30,6 +30,31 @@ std::optional<fs::path> contained_path(const fs::path& root, std::string_view re
   return resolved;
 }
 
+namespace {
+
+bool inside(const fs::path& file, const fs::path& dir) {
+  return std::mismatch(dir.begin(), dir.end(), file.begin(), file.end()).first == dir.end();
+}
+
+}  // namespace
+
+void ContainedFileSystem::allow(const fs::path& dir) {
+  std::error_code error;
+  const fs::path real = fs::weakly_canonical(dir, error);
+  if (!error) roots_.push_back(real);
+}
+
+std::string ContainedFileSystem::read_file(const fs::path& path) {
+  std::error_code error;
+  const fs::path real = fs::canonical(path, error);
+  if (!error && std::none_of(roots_.begin(), roots_.end(),
+                             [&](const fs::path& root) { return inside(real, root); })) {
+    throw fs::filesystem_error("leads outside the repository to " + real.string(), path,
+                               std::make_error_code(std::errc::permission_denied));
+  }
+  return RealFileSystem::read_file(path);
+}
+
 wiki::Line count_lines(std::string_view bytes) {
   if (bytes.empty()) return 0;
   const auto breaks = static_cast<wiki::Line>(std::count(bytes.begin(), bytes.end(), '\n'));

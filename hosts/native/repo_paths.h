@@ -5,7 +5,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "workers/wiki/repo_facts.h"
 #include "workers/wiki/types.h"
 
 namespace tolbarrow::hosts::native {
@@ -29,5 +31,20 @@ wiki::Line count_lines(std::string_view bytes);
 
 // The whole content of the file at `path`; throws std::filesystem::filesystem_error naming it.
 std::string read_bytes(const std::filesystem::path& path);
+
+// The operating system's file system that reads only files lying inside the repository (or a
+// directory allowed besides it, such as a wiki kept elsewhere) once symbolic links are followed:
+// a page or "digests.json" that is a link to somewhere else is refused, read_file throwing
+// std::filesystem::filesystem_error naming it, instead of copied into the repository.
+class ContainedFileSystem : public wiki::RealFileSystem {
+ public:
+  // `root` should be canonical (see canonical_root).
+  explicit ContainedFileSystem(std::filesystem::path root) : roots_{std::move(root)} {}
+  void allow(const std::filesystem::path& dir);
+  std::string read_file(const std::filesystem::path& path) override;
+
+ private:
+  std::vector<std::filesystem::path> roots_;
+};
 
 }  // namespace tolbarrow::hosts::native

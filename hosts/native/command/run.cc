@@ -252,6 +252,7 @@ Outcome run(const Options& options) {
          " read by ctags, " + std::to_string(indexed.removed) + " gone");
 
   NativeHost native(*store);
+  native.file_system.allow(place.wiki);
   CountingFileSystem files(native.file_system, progress);
   const RefreshLog log = make_refresh_log(options.quiet);
   const cr::Host host{.syntax = native.syntax,
