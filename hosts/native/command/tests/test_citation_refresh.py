@@ -6,6 +6,8 @@ import re
 import sqlite3
 import subprocess
 
+import pytest
+
 from conftest import Repo
 
 SHAPES = """\
@@ -333,3 +335,56 @@ def test_a_store_of_the_previous_index_format_is_reindexed(repo):
     assert lost_of(json.loads(done.stdout)) == LOST
     assert {rel: repo.read(rel) for rel in PAGES} == expected_pages()
     assert '"symbol": "Counter::add(int)"' in repo.read("docs/.citation-anchors.json")
+
+
+HELPER = ("def helper(x):\n    a = 1\n    b = 2\n    return a + b + x\n\n\n"
+          "def other():\n    return 0\n")
+INSIDE = HELPER.replace("    a = 1\n", "    a = 1\n    z = 0\n")  # a line above the cited one
+
+
+def refresh_dirty_then_edit(repo):
+    repo.write("src/h.py", "import os\n" + HELPER)
+    assert repo.run().returncode == 0  # refreshed with the change not yet committed
+    repo.commit("import")
+    repo.write("src/h.py", "import os\n" + INSIDE)
+
+
+# (what, the change after the first refresh, the page's citations after it; the first cites the
+# line `b = 2` inside `helper`, the second all of `other`)
+HISTORIES = [
+    ("lines inserted inside the declaration above the cited line",
+     lambda r: r.write("src/h.py", INSIDE), "/src/h.py#L4) /src/h.py#L8-L9)"),
+    ("renamed with git mv and edited", lambda r: (r.git("mv", "src/h.py", "src/k.py"),
+                                                  r.write("src/k.py", "import os\n" + HELPER)),
+     "/src/k.py#L4) /src/k.py#L8-L9)"),
+    ("moved with a plain mv, not added, and edited inside",
+     lambda r: ((r.root / "src/h.py").rename(r.root / "src/k.py"), r.write("src/k.py", INSIDE)),
+     "/src/k.py#L4) /src/k.py#L8-L9)"),
+    ("refreshed before a commit, edited after it", refresh_dirty_then_edit,
+     "/src/h.py#L5) /src/h.py#L9-L10)"),
+]
+
+
+@pytest.mark.parametrize("what,change,expected", HISTORIES, ids=[h[0] for h in HISTORIES])
+def test_history_is_carried_and_check_agrees_with_write(repo, what, change, expected):
+    repo.write("src/h.py", HELPER)
+    repo.write("docs/h.md", "[b](/src/h.py#L3) [other](/src/h.py#L7-L8)\n")
+    repo.commit()
+    assert repo.run().returncode == 0
+    repo.commit("anchors")
+    change(repo)
+    before = repo.snapshot()
+    check = repo.run("--check", "--json")
+    assert check.returncode == 1, check.stderr
+    assert repo.snapshot() == before
+    write = repo.run("--json")
+    assert write.returncode == 0, write.stderr
+    checked, written = json.loads(check.stdout), json.loads(write.stdout)
+    assert {k: checked[k] for k in ("lost", "missing", "renamed", "translated")} == {
+        k: written[k] for k in ("lost", "missing", "renamed", "translated")}
+    assert sum(checked["moved"].values()) == written["repaired"]
+    assert re.findall(r"\(([^)]*)\)", repo.read("docs/h.md")) == [
+        x.rstrip(")") for x in expected.split()]
+    assert not written["lost"] and not written["missing"]
+    assert ("k.py" in expected) == bool(written["renamed"])
+    assert repo.run("--check").returncode == 0
