@@ -14,6 +14,7 @@
 #include "hosts/native/command/run.h"
 #include "hosts/native/process.h"
 #include "hosts/native/repo_paths.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
 namespace tolbarrow::hosts::native::command {
 namespace fs = std::filesystem;
@@ -231,6 +232,52 @@ std::optional<wiki::Record> translated(const wiki::Record& record, const LineMap
   return out;
 }
 
+// Lines first..last (1-based) of `text`, each with its line feed.
+std::string lines_of(const std::string& text, wiki::Line first, wiki::Line last) {
+  std::size_t begin = 0;
+  for (wiki::Line n = 1; n < first && begin < text.size(); ++n) {
+    begin = std::min(text.find('\n', begin), text.size() - 1) + 1;
+  }
+  std::size_t end = begin;
+  for (wiki::Line n = first; n <= last && end < text.size(); ++n) {
+    end = std::min(text.find('\n', end), text.size() - 1) + 1;
+  }
+  return text.substr(begin, end - begin);
+}
+
+// A citation inside its declaration whose lines git says changed (the declaration moved, say):
+// the declaration is found again by the refresh's own rule, its old lines are diffed against its
+// lines now, and when that diff says the cited lines are unchanged the citation takes their new
+// lines, and the record the declaration's lines now. nullopt: left for the refresh to decide.
+std::optional<wiki::Record> within_declaration(const fs::path& root, const wiki::Record& record,
+                                               const std::vector<wiki::Symbol>& symbols,
+                                               const std::string& old_text,
+                                               const std::string& new_text) {
+  auto s = record.find("symbol_start"), e = record.find("symbol_end");
+  if (s == record.end() || e == record.end() || !s->is_number_integer() ||
+      !e->is_number_integer()) {
+    return std::nullopt;
+  }
+  const wiki::Line start = as_line(record["line_start"]), end = as_line(record["line_end"]);
+  const wiki::Line old_start = s->get<wiki::Line>(), old_end = e->get<wiki::Line>();
+  if (start < old_start || end > old_end || end < start || (start == old_start && end == old_end)) {
+    return std::nullopt;  // outside its declaration, or all of it: the refresh's rule is exact
+  }
+  const wiki::Symbol* now = wiki::citation_refresh::detail::find_again(symbols, record);
+  if (now == nullptr) return std::nullopt;
+  const LineMap inner = diff_lines(root, lines_of(old_text, old_start, old_end),
+                                   lines_of(new_text, now->start_line, now->end_line));
+  const auto first = inner.unchanged(start - old_start + 1),
+             last = inner.unchanged(end - old_start + 1);
+  if (!first || !last) return std::nullopt;
+  wiki::Record out = record;
+  out["line_start"] = now->start_line + *first - 1;
+  out["line_end"] = now->start_line + *last - 1;
+  out["symbol_start"] = now->start_line;
+  out["symbol_end"] = now->end_line;
+  return out;
+}
+
 wiki::Record mark_json(const Mark& mark) {
   wiki::Record dirty = wiki::Record::object();
   for (const auto& [path, blob] : mark.dirty) dirty[path] = blob;
@@ -383,12 +430,18 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     }
   }
   const auto old_texts = cat_files(root, names);
-  std::map<std::string, LineMap> maps;
+  struct Diffed {
+    LineMap map;
+    std::string old_text, new_text;
+  };
+  std::map<std::string, Diffed> maps;
   for (std::size_t i = 0; i < cited.size(); ++i) {
     if (!old_texts[i]) continue;  // not in the commit: nothing to diff from
     const auto file = contained_path(root, *now[cited[i]]);
     if (!file || !fs::is_regular_file(*file)) continue;
-    maps.emplace(cited[i], diff_lines(root, *old_texts[i], read_bytes(*file)));
+    std::string new_text = read_bytes(*file);
+    LineMap map = diff_lines(root, *old_texts[i], new_text);
+    maps.emplace(cited[i], Diffed{std::move(map), *old_texts[i], std::move(new_text)});
   }
 
   MarkdownCitationSyntax syntax;
@@ -407,8 +460,12 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       const auto key = key_of(record);
       if (!key || !in_text.count(*key) || !now[key->path]) continue;
       std::optional<wiki::Record> next;
-      if (auto map = maps.find(key->path); map != maps.end() && anchored(record)) {
-        next = translated(record, map->second);
+      if (auto diffed = maps.find(key->path); diffed != maps.end() && anchored(record)) {
+        next = translated(record, diffed->second.map);
+        if (!next) {
+          next = within_declaration(root, record, store.get_symbols_by_path(*now[key->path]),
+                                    diffed->second.old_text, diffed->second.new_text);
+        }
       }
       if (*now[key->path] != key->path) {
         if (!next) next = record;

@@ -337,8 +337,8 @@ def test_a_store_of_the_previous_index_format_is_reindexed(repo):
     assert '"symbol": "Counter::add(int)"' in repo.read("docs/.citation-anchors.json")
 
 
-HELPER = ("def helper(x):\n    a = 1\n    b = 2\n    return a + b + x\n\n\n"
-          "def other():\n    return 0\n")
+OTHER = "def other():\n    p = 1\n    q = 2\n    r = 3\n    return p + q + r\n"
+HELPER = "def helper(x):\n    a = 1\n    b = 2\n    return a + b + x\n\n\n" + OTHER
 INSIDE = HELPER.replace("    a = 1\n", "    a = 1\n    z = 0\n")  # a line above the cited one
 
 
@@ -353,22 +353,25 @@ def refresh_dirty_then_edit(repo):
 # line `b = 2` inside `helper`, the second all of `other`)
 HISTORIES = [
     ("lines inserted inside the declaration above the cited line",
-     lambda r: r.write("src/h.py", INSIDE), "/src/h.py#L4) /src/h.py#L8-L9)"),
+     lambda r: r.write("src/h.py", INSIDE), "/src/h.py#L4) /src/h.py#L8-L12)"),
     ("renamed with git mv and edited", lambda r: (r.git("mv", "src/h.py", "src/k.py"),
                                                   r.write("src/k.py", "import os\n" + HELPER)),
-     "/src/k.py#L4) /src/k.py#L8-L9)"),
+     "/src/k.py#L4) /src/k.py#L8-L12)"),
     ("moved with a plain mv, not added, and edited inside",
      lambda r: ((r.root / "src/h.py").rename(r.root / "src/k.py"), r.write("src/k.py", INSIDE)),
-     "/src/k.py#L4) /src/k.py#L8-L9)"),
+     "/src/k.py#L4) /src/k.py#L8-L12)"),
     ("refreshed before a commit, edited after it", refresh_dirty_then_edit,
-     "/src/h.py#L5) /src/h.py#L9-L10)"),
+     "/src/h.py#L5) /src/h.py#L9-L13)"),
+    ("moved below a longer declaration and edited inside at once",
+     lambda r: r.write("src/h.py", OTHER + "\n\n" + INSIDE[:INSIDE.index("\n\n\ndef other")] + "\n"),
+     "/src/h.py#L11) /src/h.py#L1-L5)"),
 ]
 
 
 @pytest.mark.parametrize("what,change,expected", HISTORIES, ids=[h[0] for h in HISTORIES])
 def test_history_is_carried_and_check_agrees_with_write(repo, what, change, expected):
     repo.write("src/h.py", HELPER)
-    repo.write("docs/h.md", "[b](/src/h.py#L3) [other](/src/h.py#L7-L8)\n")
+    repo.write("docs/h.md", "[b](/src/h.py#L3) [other](/src/h.py#L7-L11)\n")
     repo.commit()
     assert repo.run().returncode == 0
     repo.commit("anchors")
