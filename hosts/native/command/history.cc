@@ -121,18 +121,49 @@ std::vector<Hunk> parse_hunks(const std::string& diff) {
   return hunks;
 }
 
-// The line map of `old_text` to `new_text` by git's own diff.
-LineMap diff_lines(const fs::path& root, const std::string& old_text, const std::string& new_text) {
-  if (old_text == new_text) return LineMap({});
+// The line map of each pair's old text to its new text by git's own diff: one git process for
+// all of them, over two temporary directories holding file i of each pair that differs.
+std::vector<LineMap> diff_lines(const fs::path& root,
+                                const std::vector<std::pair<std::string, std::string>>& pairs) {
+  std::vector<std::vector<Hunk>> hunks(pairs.size());
   TempDir dir;
-  wiki::RealFileSystem files;
-  files.atomic_write(dir / "old", old_text);
-  files.atomic_write(dir / "new", new_text);
-  const std::string diff = git(root,
-                               {"diff", "--no-index", "--no-color", "--no-ext-diff", "-U0", "--",
-                                (dir / "old").string(), (dir / "new").string()},
-                               {}, {0, 1});
-  return LineMap(parse_hunks(diff));
+  const fs::path old_dir = dir / "old", new_dir = dir / "new";
+  fs::create_directory(old_dir);
+  fs::create_directory(new_dir);
+  bool any = false;
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    if (pairs[i].first == pairs[i].second) continue;
+    for (const auto& [where, text] :
+         {std::pair(old_dir, &pairs[i].first), std::pair(new_dir, &pairs[i].second)}) {
+      std::FILE* out = std::fopen((where / std::to_string(i)).c_str(), "wb");
+      if (out == nullptr || std::fwrite(text->data(), 1, text->size(), out) != text->size() ||
+          std::fclose(out) != 0) {
+        throw CommandError((where / std::to_string(i)).string() + ": cannot write");
+      }
+    }
+    any = true;
+  }
+  if (any) {
+    const std::string diff = git(root,
+                                 {"diff", "--no-index", "--no-color", "--no-ext-diff",
+                                  "--no-renames", "-U0", "--", old_dir.string(), new_dir.string()},
+                                 {}, {0, 1});
+    // Each file's part starts with "diff --git a/<old_dir>/<i> b/<new_dir>/<i>".
+    std::size_t at = diff.find("diff --git ");
+    while (at != std::string::npos) {
+      const std::size_t eol = diff.find('\n', at);
+      const std::size_t next = diff.find("\ndiff --git ", at + 1);
+      const std::string header = diff.substr(at, eol - at);
+      const std::size_t index = std::stoull(header.substr(header.rfind('/') + 1));
+      if (index < pairs.size()) {
+        hunks[index] = parse_hunks(diff.substr(at, next == std::string::npos ? next : next - at));
+      }
+      at = next == std::string::npos ? next : next + 1;
+    }
+  }
+  std::vector<LineMap> maps;
+  for (auto& h : hunks) maps.emplace_back(std::move(h));
+  return maps;
 }
 
 // Contents of git objects ("commit:path" or a blob id), nullopt for one that is not there.
@@ -246,10 +277,17 @@ std::string lines_of(const std::string& text, wiki::Line first, wiki::Line last)
 }
 
 // A citation inside its declaration whose lines git says changed (the declaration moved, say):
-// the declaration is found again by the refresh's own rule, its old lines are diffed against its
-// lines now, and when that diff says the cited lines are unchanged the citation takes their new
-// lines, and the record the declaration's lines now. nullopt: left for the refresh to decide.
-std::optional<wiki::Record> within_declaration(const fs::path& root, const wiki::Record& record,
+// the declaration is found again by the refresh's own rule, and its old lines are diffed against
+// its lines now (`declaration_texts`); when that diff says the cited lines are unchanged the
+// citation takes their new lines, and the record the declaration's lines now
+// (`within_declaration`). Otherwise it is left for the refresh to decide.
+struct InDeclaration {
+  std::size_t page, record;
+  const wiki::Symbol* now;
+  std::pair<std::string, std::string> texts;  // the declaration's lines then and now
+};
+
+std::optional<InDeclaration> declaration_texts(const wiki::Record& record,
                                                const std::vector<wiki::Symbol>& symbols,
                                                const std::string& old_text,
                                                const std::string& new_text) {
@@ -265,8 +303,17 @@ std::optional<wiki::Record> within_declaration(const fs::path& root, const wiki:
   }
   const wiki::Symbol* now = wiki::citation_refresh::detail::find_again(symbols, record);
   if (now == nullptr) return std::nullopt;
-  const LineMap inner = diff_lines(root, lines_of(old_text, old_start, old_end),
-                                   lines_of(new_text, now->start_line, now->end_line));
+  return InDeclaration{
+      0,
+      0,
+      now,
+      {lines_of(old_text, old_start, old_end), lines_of(new_text, now->start_line, now->end_line)}};
+}
+
+std::optional<wiki::Record> within_declaration(const wiki::Record& record, const wiki::Symbol* now,
+                                               const LineMap& inner) {
+  const wiki::Line start = as_line(record["line_start"]), end = as_line(record["line_end"]);
+  const wiki::Line old_start = record["symbol_start"].get<wiki::Line>();
   const auto first = inner.unchanged(start - old_start + 1),
              last = inner.unchanged(end - old_start + 1);
   if (!first || !last) return std::nullopt;
@@ -429,24 +476,66 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       names.push_back(dirty != mark.dirty.end() ? dirty->second : mark.commit + ":" + key->path);
     }
   }
-  const auto old_texts = cat_files(root, names);
+  auto old_texts = cat_files(root, names);
   struct Diffed {
     LineMap map;
     std::string old_text, new_text;
+    std::optional<std::vector<wiki::Symbol>> symbols;  // the file's now, when asked for
   };
   std::map<std::string, Diffed> maps;
-  for (std::size_t i = 0; i < cited.size(); ++i) {
-    if (!old_texts[i]) continue;  // not in the commit: nothing to diff from
-    const auto file = contained_path(root, *now[cited[i]]);
-    if (!file || !fs::is_regular_file(*file)) continue;
-    std::string new_text = read_bytes(*file);
-    LineMap map = diff_lines(root, *old_texts[i], new_text);
-    maps.emplace(cited[i], Diffed{std::move(map), *old_texts[i], std::move(new_text)});
+  {
+    std::vector<std::string> diffed;
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (std::size_t i = 0; i < cited.size(); ++i) {
+      if (!old_texts[i]) continue;  // not in the commit: nothing to diff from
+      const auto file = contained_path(root, *now[cited[i]]);
+      if (!file || !fs::is_regular_file(*file)) continue;
+      diffed.push_back(cited[i]);
+      pairs.emplace_back(std::move(*old_texts[i]), read_bytes(*file));
+    }
+    std::vector<LineMap> line_maps = diff_lines(root, pairs);
+    for (std::size_t i = 0; i < diffed.size(); ++i) {
+      maps.emplace(diffed[i], Diffed{std::move(line_maps[i]), std::move(pairs[i].first),
+                                     std::move(pairs[i].second), std::nullopt});
+    }
+  }
+
+  // Citations inside a declaration whose lines git says changed: diffed within the declaration
+  // the refresh finds again, all in one more git process.
+  std::vector<InDeclaration> inside;
+  for (std::size_t p = 0; p < pages.size(); ++p) {
+    for (std::size_t r = 0; r < pages[p].citations.size(); ++r) {
+      const wiki::Record& record = pages[p].citations[r];
+      const auto key = key_of(record);
+      auto diffed = key && anchored(record) ? maps.find(key->path) : maps.end();
+      if (diffed == maps.end() || translated(record, diffed->second.map)) continue;
+      if (!diffed->second.symbols) {
+        diffed->second.symbols = store.get_symbols_by_path(*now[key->path]);
+      }
+      if (auto found = declaration_texts(record, *diffed->second.symbols, diffed->second.old_text,
+                                         diffed->second.new_text)) {
+        found->page = p, found->record = r;
+        inside.push_back(std::move(*found));
+      }
+    }
+  }
+  std::map<std::pair<std::size_t, std::size_t>, wiki::Record> carried_inside;
+  {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (InDeclaration& d : inside) pairs.push_back(std::move(d.texts));
+    const std::vector<LineMap> inner = diff_lines(root, pairs);
+    for (std::size_t i = 0; i < inside.size(); ++i) {
+      const InDeclaration& d = inside[i];
+      if (auto out = within_declaration(pages[d.page].citations[d.record], d.now, inner[i])) {
+        carried_inside.emplace(std::pair(d.page, d.record), std::move(*out));
+      }
+    }
   }
 
   MarkdownCitationSyntax syntax;
   bool changed = false;
-  for (StoredPage& page : pages) {
+  for (std::size_t p = 0; p < pages.size(); ++p) {
+    StoredPage& page = pages[p];
     const fs::path page_file = wiki_dir / page.rel_path;
     if (!fs::is_regular_file(page_file)) continue;
     const wiki::Text text(read_bytes(page_file), page_file.string());
@@ -462,9 +551,8 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       std::optional<wiki::Record> next;
       if (auto diffed = maps.find(key->path); diffed != maps.end() && anchored(record)) {
         next = translated(record, diffed->second.map);
-        if (!next) {
-          next = within_declaration(root, record, store.get_symbols_by_path(*now[key->path]),
-                                    diffed->second.old_text, diffed->second.new_text);
+        if (auto in = carried_inside.find({p, i}); !next && in != carried_inside.end()) {
+          next = in->second;
         }
       }
       if (*now[key->path] != key->path) {
