@@ -463,6 +463,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
 
   // Each anchored citation's file as it was at the mark, and its line map to the work tree.
   std::vector<std::string> cited, names;
+  std::unordered_set<std::string> seen;
   for (const StoredPage& page : pages) {
     for (const wiki::Record& record : page.citations) {
       const auto key = key_of(record);
@@ -470,7 +471,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
           key->path.find('\n') != std::string::npos) {
         continue;
       }
-      if (std::find(cited.begin(), cited.end(), key->path) != cited.end()) continue;
+      if (!seen.insert(key->path).second) continue;
       cited.push_back(key->path);
       auto dirty = mark.dirty.find(key->path);
       names.push_back(dirty != mark.dirty.end() ? dirty->second : mark.commit + ":" + key->path);
