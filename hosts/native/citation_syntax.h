@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "workers/wiki/verify.h"
@@ -31,6 +32,14 @@ std::vector<ByteRange> code_ranges(std::string_view text);
 // `path` with every %XX escape (two hexadecimal digits) replaced by its byte; a '%' that does not
 // start such an escape stays as it is.
 std::string percent_decode(std::string_view path);
+
+// `text` with the citations whose key is in `targets` pointed at the key it maps to: the path is
+// rewritten only when it changes (written with %XX escapes for the bytes a citation's path cannot
+// hold), the line fragment as MarkdownCitationSyntax::rewrite writes it; not one other byte
+// changes.
+std::string retarget(
+    std::string_view text,
+    const std::unordered_map<wiki::CitationKey, wiki::CitationKey, wiki::CitationKeyHash>& targets);
 
 class MarkdownCitationSyntax : public wiki::CitationSyntax {
  public:

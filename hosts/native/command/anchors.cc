@@ -82,7 +82,7 @@ std::optional<Anchors> read_anchors(const fs::path& file) {
   return anchors;
 }
 
-std::string dump_anchors(const std::vector<StoredPage>& pages) {
+std::string dump_anchors(const std::vector<StoredPage>& pages, const wiki::Record& extra) {
   std::map<std::string, const StoredPage*> sorted;
   for (const StoredPage& page : pages) sorted.emplace(page.page_id, &page);
   std::string out = "{\n  \"version\": " + std::to_string(kAnchorsVersion) + ",\n  \"pages\": {";
@@ -96,8 +96,22 @@ std::string dump_anchors(const std::vector<StoredPage>& pages) {
     }
     out += page->citations.empty() ? "]" : "\n    ]";
   }
-  out += first_page ? "}\n}\n" : "\n  }\n}\n";
-  return out;
+  out += first_page ? "}" : "\n  }";
+  if (extra.is_object()) {
+    for (auto it = extra.begin(); it != extra.end(); ++it) {
+      out += ",\n  " + wiki::Record(it.key()).dump() + ": ";
+      if (!it->is_object() || it->empty()) {
+        out += one_line(*it);
+        continue;
+      }
+      for (auto member = it->begin(); member != it->end(); ++member) {
+        out += (member == it->begin() ? "{\n    " : ",\n    ") + wiki::Record(member.key()).dump() +
+               ": " + one_line(*member);
+      }
+      out += "\n  }";
+    }
+  }
+  return out + "\n}\n";
 }
 
 void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors) {

@@ -31,8 +31,9 @@ using Anchors = std::map<std::string, std::vector<wiki::Record>>;
 std::optional<Anchors> read_anchors(const std::filesystem::path& file);
 
 // The file's text for `pages`: pretty-printed JSON, pages in page id order, one citation record
-// per line in the store's order, so that concurrent edits of different pages merge cleanly.
-std::string dump_anchors(const std::vector<StoredPage>& pages);
+// per line in the store's order, so that concurrent edits of different pages merge cleanly. The
+// members of `extra` (an object) follow "pages", an object's members one per line.
+std::string dump_anchors(const std::vector<StoredPage>& pages, const wiki::Record& extra = {});
 
 // Puts the anchors file's records into the branch's stored pages: a citation (path and lines)
 // that the file records takes the file's record, other stored records stay, and a page only the

@@ -27,7 +27,8 @@ constexpr const char* kDescription =
 constexpr const char* kFooter =
     "Exit codes: 0 the citations are current, or were written (a writing run exits 0\n"
     "even when citations are lost or missing: it reports them); 1 with --check, when a\n"
-    "citation would move, is lost or cites a missing file; 2 an error.\n"
+    "citation would move (or follow a renamed file), is lost or cites a missing file;\n"
+    "2 an error.\n"
     "\n"
     "Workflow: run citation-refresh after changing code, review and commit the pages\n"
     "and the anchors file; run citation-refresh --check in CI or pre-commit.";
@@ -66,12 +67,20 @@ nlohmann::ordered_json to_json(const command::Outcome& outcome) {
   }
   nlohmann::ordered_json moved = nlohmann::ordered_json::object();
   for (const auto& [page, count] : r.moved) moved[page] = count;
+  nlohmann::ordered_json renamed = nlohmann::ordered_json::array();
+  for (const auto& f : outcome.renamed) {
+    renamed.push_back({{"page_id", f.page_id}, {"from", f.from}, {"to", f.to}, {"lines", f.lines}});
+  }
+  nlohmann::ordered_json translated = nlohmann::ordered_json::object();
+  for (const auto& [page, count] : outcome.translated) translated[page] = count;
   return {{"repaired", r.repaired},
           {"unrepairable", r.unrepairable},
           {"pages_written", r.pages_written},
           {"lost", r.lost},
           {"moved", moved},
-          {"missing", missing}};
+          {"missing", missing},
+          {"renamed", renamed},
+          {"translated", translated}};
 }
 
 void print_text(const command::Outcome& outcome, bool quiet) {
@@ -82,14 +91,25 @@ void print_text(const command::Outcome& outcome, bool quiet) {
   const auto problems = findings(outcome);
 
   if (!quiet) {
+    std::int64_t translated = 0;
+    for (const auto& [page, count] : outcome.translated) translated += count;
+    const auto renamed = static_cast<std::int64_t>(outcome.renamed.size());
     std::string summary;
     if (outcome.reported_only) {
-      summary = would_move == 0 && problems.empty()
+      summary = would_move == 0 && problems.empty() && translated == 0 && renamed == 0
                     ? "all citations are current"
                     : plural(would_move, "citation would move", "citations would move");
     } else {
       summary = plural(r.repaired, "citation repaired", "citations repaired") + ", " +
                 plural(r.pages_written, "page written", "pages written");
+    }
+    const char* would = outcome.reported_only ? " would be" : "";
+    if (translated) {
+      summary +=
+          ", " + plural(translated, "citation", "citations") + would + " carried across the diff";
+    }
+    if (renamed) {
+      summary += ", " + plural(renamed, "citation", "citations") + would + " led to a renamed file";
     }
     if (!r.lost.empty()) summary += ", " + std::to_string(r.lost.size()) + " lost";
     if (!outcome.missing.empty()) {
@@ -101,6 +121,10 @@ void print_text(const command::Outcome& outcome, bool quiet) {
   for (const auto& [page, count] : r.moved) {
     std::printf("%s: %s\n", page.c_str(),
                 plural(count, "citation would move", "citations would move").c_str());
+  }
+  for (const auto& f : outcome.renamed) {
+    std::printf("%s: %s -> %s %s (renamed)\n", f.page_id.c_str(), f.from.c_str(), f.to.c_str(),
+                f.lines.c_str());
   }
   for (const auto& f : problems) std::printf("%s\n", command::paint(colour, "33", f.text).c_str());
 }
@@ -164,8 +188,9 @@ int main(int argc, char** argv) {
     }
     std::fflush(stdout);
     if (!options.check) return 0;
-    const bool stale =
-        !outcome.result.moved.empty() || !outcome.result.lost.empty() || !outcome.missing.empty();
+    const bool stale = !outcome.result.moved.empty() || !outcome.result.lost.empty() ||
+                       !outcome.missing.empty() || !outcome.renamed.empty() ||
+                       !outcome.translated.empty();
     return stale ? 1 : 0;
   } catch (const std::exception& e) {
     std::fflush(stdout);

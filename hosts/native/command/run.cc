@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "hosts/native/command/anchors.h"
+#include "hosts/native/command/history.h"
 #include "hosts/native/command/terminal.h"
 #include "hosts/native/indexer.h"
 #include "hosts/native/native_host.h"
@@ -149,13 +150,13 @@ class ScratchStore {
 
 // Citations of files that the index does not hold, which the refresh leaves alone.
 std::vector<MissingCitation> missing_citations(SqliteStore& store, wiki::CitationSyntax& syntax,
-                                               const std::string& branch,
-                                               const fs::path& wiki_dir) {
+                                               const std::string& branch, const fs::path& wiki_dir,
+                                               wiki::FileSystem& files) {
   std::vector<MissingCitation> missing;
   for (const StoredPage& page : store.pages(branch)) {
     const fs::path file = wiki_dir / page.rel_path;
-    if (!fs::is_regular_file(file)) continue;
-    const wiki::Text text(read_bytes(file), file.string());
+    if (!files.is_file(file)) continue;
+    const wiki::Text text(files.read_file(file), file.string());
     std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> seen;
     syntax.find(text, [&](const wiki::Citation& citation) {
       const wiki::CitationKey& key = citation.key;
@@ -167,13 +168,20 @@ std::vector<MissingCitation> missing_citations(SqliteStore& store, wiki::Citatio
   return missing;
 }
 
-// Writes the anchors file from the store when it changed; under the wiki's write lock.
+// Writes the anchors file from the store when it changed, with the work tree's mark; under the
+// wiki's write lock.
 bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path& file) {
-  const std::string text = dump_anchors(store.pages(branch));
-  std::error_code error;
-  if (fs::exists(file, error) && read_bytes(file) == text) return false;
-  wiki::RealFileSystem().atomic_write(file, text);
-  return true;
+  return write_anchors_marked(store, branch, file, [&] {
+    std::vector<std::string> paths;
+    for (const StoredPage& page : store.pages(branch)) {
+      for (const wiki::Record& record : page.citations) {
+        if (auto path = record.find("path"); path != record.end() && path->is_string()) {
+          paths.push_back(path->get<std::string>());
+        }
+      }
+    }
+    return current_mark(store.repo_root(), paths, /*keep_blobs=*/true);
+  });
 }
 
 }  // namespace
@@ -251,9 +259,47 @@ Outcome run(const Options& options) {
   detail(std::to_string(indexed.files) + " files indexed, " + std::to_string(indexed.reindexed) +
          " read by ctags, " + std::to_string(indexed.removed) + " gone");
 
+  // Renamed files and the diff since the last refresh, carried into the records and pages before
+  // the refresh: a writing run writes them under the wiki's lock (with the anchors file, so that a
+  // run after it carries from here), a run that writes nothing keeps the pages in memory.
+  std::map<fs::path, std::string> carried_texts;
+  auto carry_from_mark = [&] {
+    const std::optional<Mark> mark = read_mark(anchors_file, place.branch);
+    if (!mark) {
+      if (anchors) detail("the anchors file has no commit for this branch: nothing to carry");
+      return Carried{};
+    }
+    Carried carried = carry(*store, place.branch, place.wiki, *mark, note);
+    outcome.renamed = carried.renamed;
+    outcome.translated = carried.translated;
+    return carried;
+  };
+  if (outcome.reported_only) {
+    carried_texts = carry_from_mark().texts;
+  } else {
+    try {
+      FlockWriteLock lock(place.wiki);
+      lock.acquire();
+      try {
+        const Carried carried = carry_from_mark();
+        for (const auto& [file, text] : carried.texts) {
+          wiki::RealFileSystem().atomic_write(file, text);
+        }
+        if (!carried.empty()) write_anchors(*store, place.branch, anchors_file);
+      } catch (...) {
+        lock.release();
+        throw;
+      }
+      lock.release();
+    } catch (const wiki::WikiBusy&) {
+      detail("another run took the wiki; it carries the citations");
+    }
+  }
+
   NativeHost native(*store);
   native.file_system.allow(place.wiki);
-  CountingFileSystem files(native.file_system, progress);
+  OverlayFileSystem pages_now(native.file_system, std::move(carried_texts));
+  CountingFileSystem files(pages_now, progress);
   const RefreshLog log = make_refresh_log(options.quiet);
   const cr::Host host{.syntax = native.syntax,
                       .anchoring = native.anchoring,
@@ -289,7 +335,7 @@ Outcome run(const Options& options) {
     if (outcome.anchors_written) detail("wrote " + anchors_file.string());
   }
 
-  outcome.missing = missing_citations(*store, native.syntax, place.branch, place.wiki);
+  outcome.missing = missing_citations(*store, native.syntax, place.branch, place.wiki, pages_now);
   return outcome;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "hosts/native/command/history.h"
 #include "workers/wiki/citation_refresh.h"
 
 namespace tolbarrow::hosts::native::command {
@@ -43,6 +44,9 @@ struct Outcome {
   bool reported_only = false;            // --check, or another run was writing the wiki
   bool busy = false;                     // another run was writing the wiki
   bool anchors_written = false;          // the anchors file changed
+  // Carried from where the wiki was last refreshed, before the refresh (see history.h).
+  std::vector<FollowedRename> renamed;
+  std::map<std::string, std::int64_t> translated;  // page id -> citations
 };
 
 // Runs the command. Notes and progress go to stderr (none when quiet); errors are exceptions.

@@ -6,6 +6,8 @@ import re
 import sqlite3
 import subprocess
 
+import pytest
+
 from conftest import Repo
 
 SHAPES = """\
@@ -74,14 +76,19 @@ CHANGED_SHAPES = ("import math\nimport functools\n\nUNIT = 1.0\n" + SHAPES[len("
     "\n\ndef largest(shapes):\n    return max(shapes, key=lambda shape: shape.area())\n", "\n")
 CHANGED_COUNTER_CC = COUNTER_CC.replace('#include "counter.h"\n', '#include "counter.h"\n\n')
 
-# The pages once the writing run moved what moved: only these fragments change.
+# The pages once the writing run moved what moved (util.py's citation follows the file git says
+# it became): only these fragments change.
 MOVED = {
     "docs/shapes.md": [("#L4-L9)", "#L7-L12)", 1), ("#L9)", "#L12)", 1)],
     "docs/guide/counter.md": [("counter.cc#L3-L5", "counter.cc#L4-L6", 1)],
+    "docs/util.md": [("/src/util.py#", "/src/util2.py#", 1)],
 }
 LOST = [("shapes", "src/shapes.py", "L12-L13", "total_area"),
         ("shapes", "src/shapes.py", "L16-L17", "largest")]
 MISSING = [{"page_id": "util", "path": "src/util.py", "lines": "L1-L2"}]
+RENAMED = [{"page_id": "util", "from": "src/util.py", "to": "src/util2.py", "lines": "L1-L2"}]
+# Lines inserted above the declarations: carried across git's diff before the refresh.
+TRANSLATED = {"guide/counter": 1, "shapes": 2}
 
 
 def make_repo(repo: Repo):
@@ -124,7 +131,8 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
     first = repo.run("--json")
     assert first.returncode == 0, first.stderr
     assert json.loads(first.stdout) == {"repaired": 0, "unrepairable": 0, "pages_written": 0,
-                                        "lost": [], "moved": {}, "missing": []}
+                                        "lost": [], "moved": {}, "missing": [], "renamed": [],
+                                        "translated": {}}
     assert {rel: repo.read(rel) for rel in PAGES} == PAGES  # nothing moved yet: no byte changes
     anchors = repo.read("docs/.citation-anchors.json")
     assert '"symbol": "Circle.area"' in anchors and '"symbol": "Counter::add(int)"' in anchors
@@ -136,44 +144,48 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
     assert check.returncode == 1, check.stderr
     assert repo.snapshot() == before  # no page, store, digest or anchors write
     reported = json.loads(check.stdout)
-    assert reported["moved"] == {"guide/counter": 1, "shapes": 2}
-    assert lost_of(reported) == LOST and reported["missing"] == MISSING
+    assert reported["moved"] == {} and reported["translated"] == TRANSLATED
+    assert lost_of(reported) == LOST and reported["missing"] == []
+    assert reported["renamed"] == RENAMED
     assert reported["repaired"] == reported["pages_written"] == 0
 
-    # CI: a shallow clone without a local store knows the anchors from the committed file.
+    # CI: a shallow clone without a local store knows the anchors from the committed file, but
+    # not the commit they were refreshed at: it says so once, and the refresh alone decides.
     repo.commit("code change")
     clone = Repo(tmp_path / "clone")
     subprocess.run(["git", "clone", "-q", "--depth", "1", f"file://{repo.root}", str(clone.root)],
                    check=True)
     in_clone = clone.run("--check", "--json")
     assert in_clone.returncode == 1, in_clone.stderr
-    assert json.loads(in_clone.stdout) == reported
+    assert in_clone.stderr.count("is not in this repository (a shallow clone?)") == 1
+    assert json.loads(in_clone.stdout) == {**reported, "moved": TRANSLATED, "missing": MISSING,
+                                           "renamed": [], "translated": {}}
     assert not (clone.root / ".git" / "citation-refresh.db").exists()
 
     second = repo.run("--json")
     assert second.returncode == 0, second.stderr
     written = json.loads(second.stdout)
-    assert written["repaired"] == sum(reported["moved"].values())
-    assert written["pages_written"] == 2
-    assert lost_of(written) == LOST and written["missing"] == MISSING
+    assert {k: written[k] for k in ("lost", "missing", "renamed", "translated")} == {
+        k: reported[k] for k in ("lost", "missing", "renamed", "translated")}
+    assert written["repaired"] == written["pages_written"] == 0  # carried before the refresh
     assert {rel: repo.read(rel) for rel in PAGES} == expected_pages()  # lost ones kept as written
 
     settled = wiki_state(repo)
     third = repo.run()
     assert third.returncode == 0, third.stderr
     assert third.stdout.splitlines() == [
-        "0 citations repaired, 0 pages written, 2 lost, 1 citation of a missing file",
+        "0 citations repaired, 0 pages written, 2 lost",
         "shapes: src/shapes.py L12-L13 (total_area)",
-        "shapes: src/shapes.py L16-L17 (largest)",
-        "util: src/util.py L1-L2 (missing file)"]
+        "shapes: src/shapes.py L16-L17 (largest)"]
     assert wiki_state(repo) == settled  # bytes and mtimes
 
     # --check passes only once nothing is lost or missing.
     assert repo.run("--check").returncode == 1
     repo.write("docs/shapes.md", re.sub(r" \[(total_area|largest)\]\([^)]*\)", "",
                                         repo.read("docs/shapes.md")))
+    repo.write("docs/util.md", repo.read("docs/util.md").replace("util2.py", "nowhere.py"))
     assert repo.run("--check").returncode == 1  # the missing file's citation
-    repo.write("docs/util.md", repo.read("docs/util.md").replace("util.py", "util2.py"))
+    repo.write("docs/util.md", repo.read("docs/util.md").replace("nowhere.py", "util2.py"))
     quiet = repo.run("--check", "--quiet")
     assert (quiet.returncode, quiet.stdout, quiet.stderr) == (0, "", "")
 
@@ -187,9 +199,9 @@ def test_a_busy_wiki_is_only_reported(repo):
         before = repo.snapshot()
         busy = repo.run("--json")
         assert busy.returncode == 0 and "being written; reporting only" in busy.stderr
-        assert json.loads(busy.stdout)["moved"] == {"guide/counter": 1, "shapes": 2}
+        assert json.loads(busy.stdout)["translated"] == TRANSLATED
         assert repo.snapshot() == before
-    assert json.loads(repo.run("--json").stdout)["repaired"] == 3
+    assert json.loads(repo.run("--json").stdout)["translated"] == TRANSLATED
 
 
 def test_two_runs_at_once_leave_the_wiki_consistent(repo):
@@ -199,8 +211,10 @@ def test_two_runs_at_once_leave_the_wiki_consistent(repo):
     runs = [repo.start("--json"), repo.start("--json"), repo.start("--check", "--json")]
     results = [(p.wait(), json.loads(p.stdout.read())) for p in runs]
     assert [code for code, _ in results] == [0, 0, 1]
-    # One writer moved the citations; the other found them moved, or the wiki busy and reported.
-    assert sorted(r["repaired"] for _, r in results[:2]) == [0, 3]
+    # One writer carried the citations; the other found them carried (0), or the wiki busy and
+    # reported what a writer would carry (3). Carried twice, the pages would be wrong.
+    assert sorted(sum(r["translated"].values()) + r["repaired"] for _, r in results[:2]) in (
+        [0, 3], [3, 3])
     assert {rel: repo.read(rel) for rel in PAGES} == expected_pages()
     after = json.loads(repo.run("--check", "--json").stdout)
     assert after["moved"] == {} and lost_of(after) == LOST
@@ -321,3 +335,59 @@ def test_a_store_of_the_previous_index_format_is_reindexed(repo):
     assert lost_of(json.loads(done.stdout)) == LOST
     assert {rel: repo.read(rel) for rel in PAGES} == expected_pages()
     assert '"symbol": "Counter::add(int)"' in repo.read("docs/.citation-anchors.json")
+
+
+OTHER = "def other():\n    p = 1\n    q = 2\n    r = 3\n    return p + q + r\n"
+HELPER = "def helper(x):\n    a = 1\n    b = 2\n    return a + b + x\n\n\n" + OTHER
+INSIDE = HELPER.replace("    a = 1\n", "    a = 1\n    z = 0\n")  # a line above the cited one
+
+
+def refresh_dirty_then_edit(repo):
+    repo.write("src/h.py", "import os\n" + HELPER)
+    assert repo.run().returncode == 0  # refreshed with the change not yet committed
+    repo.commit("import")
+    repo.write("src/h.py", "import os\n" + INSIDE)
+
+
+# (what, the change after the first refresh, the page's citations after it; the first cites the
+# line `b = 2` inside `helper`, the second all of `other`)
+HISTORIES = [
+    ("lines inserted inside the declaration above the cited line",
+     lambda r: r.write("src/h.py", INSIDE), "/src/h.py#L4) /src/h.py#L8-L12)"),
+    ("renamed with git mv and edited", lambda r: (r.git("mv", "src/h.py", "src/k.py"),
+                                                  r.write("src/k.py", "import os\n" + HELPER)),
+     "/src/k.py#L4) /src/k.py#L8-L12)"),
+    ("moved with a plain mv, not added, and edited inside",
+     lambda r: ((r.root / "src/h.py").rename(r.root / "src/k.py"), r.write("src/k.py", INSIDE)),
+     "/src/k.py#L4) /src/k.py#L8-L12)"),
+    ("refreshed before a commit, edited after it", refresh_dirty_then_edit,
+     "/src/h.py#L5) /src/h.py#L9-L13)"),
+    ("moved below a longer declaration and edited inside at once",
+     lambda r: r.write("src/h.py", OTHER + "\n\n" + INSIDE[:INSIDE.index("\n\n\ndef other")] + "\n"),
+     "/src/h.py#L11) /src/h.py#L1-L5)"),
+]
+
+
+@pytest.mark.parametrize("what,change,expected", HISTORIES, ids=[h[0] for h in HISTORIES])
+def test_history_is_carried_and_check_agrees_with_write(repo, what, change, expected):
+    repo.write("src/h.py", HELPER)
+    repo.write("docs/h.md", "[b](/src/h.py#L3) [other](/src/h.py#L7-L11)\n")
+    repo.commit()
+    assert repo.run().returncode == 0
+    repo.commit("anchors")
+    change(repo)
+    before = repo.snapshot()
+    check = repo.run("--check", "--json")
+    assert check.returncode == 1, check.stderr
+    assert repo.snapshot() == before
+    write = repo.run("--json")
+    assert write.returncode == 0, write.stderr
+    checked, written = json.loads(check.stdout), json.loads(write.stdout)
+    assert {k: checked[k] for k in ("lost", "missing", "renamed", "translated")} == {
+        k: written[k] for k in ("lost", "missing", "renamed", "translated")}
+    assert sum(checked["moved"].values()) == written["repaired"]
+    assert re.findall(r"\(([^)]*)\)", repo.read("docs/h.md")) == [
+        x.rstrip(")") for x in expected.split()]
+    assert not written["lost"] and not written["missing"]
+    assert ("k.py" in expected) == bool(written["renamed"])
+    assert repo.run("--check").returncode == 0
