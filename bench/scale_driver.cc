@@ -16,6 +16,7 @@
 //   with the host's citation pattern;
 // - write: the read floor plus every page written once through the host's atomic write.
 #include <openssl/evp.h>
+#include <time.h>
 
 #include <chrono>
 #include <fstream>
@@ -32,6 +33,29 @@ using Clock = std::chrono::steady_clock;
 double seconds_since(Clock::time_point began) {
   return std::chrono::duration<double>(Clock::now() - began).count();
 }
+
+// The process's CPU time in seconds: on a shared machine, steadier than the wall clock.
+double cpu_seconds() {
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// A page row that reads the repository's page record in place, as a store that keeps its rows in
+// memory hands them out: the benchmark times the refresh, not copies of the double's rows.
+class BorrowedPageRow : public PageRow {
+ public:
+  explicit BorrowedPageRow(const Record& row) : row_(row) {}
+  std::optional<Record> field(std::string_view key) const override {
+    auto it = row_.find(key);
+    if (it == row_.end()) return std::nullopt;
+    return *it;
+  }
+  const Record* held() const override { return &row_; }
+
+ private:
+  const Record& row_;
+};
 
 // The memory host's repository with its pages found by id in constant time (MemoryRepository
 // looks through every page for each update, which makes a writing refresh quadratic in pages).
@@ -51,7 +75,7 @@ class IndexedRepository : public Repository {
   std::vector<std::unique_ptr<const PageRow>> get_wiki_pages(const std::string&) override {
     std::vector<std::unique_ptr<const PageRow>> rows;
     rows.reserve(pages.size());
-    for (const Record& page : pages) rows.push_back(std::make_unique<RecordPageRow>(page));
+    for (const Record& page : pages) rows.push_back(std::make_unique<BorrowedPageRow>(page));
     return rows;
   }
   void update_wiki_page_citations(const std::string&, const PageRow& row,
@@ -129,10 +153,12 @@ int run_refresh(const fs::path& data_path, int repeat) {
   const Data data = load(data_path, host, repo);
   const cr::Host services = host.host();
   double best[4] = {1e300, 1e300, 1e300, 1e300};  // report, read floor, write, write floor
+  double best_cpu[4] = {1e300, 1e300, 1e300, 1e300};
   cr::CitationRefresh report_result, write_result;
   for (int i = 0; i < repeat; ++i) {
     for (int which = 0; which < 4; ++which) {
       restore(data, host, repo);
+      const double began_cpu = cpu_seconds();
       const auto began = Clock::now();
       if (which == 0) {
         report_result = cr::refresh_citations(services, repo, "main", data.wiki_dir, data.repo_root,
@@ -144,6 +170,7 @@ int run_refresh(const fs::path& data_path, int repeat) {
         read_floor(host, data, which == 3);
       }
       best[which] = std::min(best[which], seconds_since(began));
+      best_cpu[which] = std::min(best_cpu[which], cpu_seconds() - began_cpu);
     }
   }
   std::int64_t moved = 0;
@@ -154,6 +181,11 @@ int run_refresh(const fs::path& data_path, int repeat) {
                       {"read_floor", best[1]},
                       {"write", best[2]},
                       {"write_floor", best[3]},
+                      {"cpu",
+                       {{"report", best_cpu[0]},
+                        {"read_floor", best_cpu[1]},
+                        {"write", best_cpu[2]},
+                        {"write_floor", best_cpu[3]}}},
                       {"moved", moved},
                       {"repaired", write_result.repaired},
                       {"lost", write_result.unrepairable},

@@ -8,6 +8,8 @@ namespace {
 
 using Names = std::vector<std::string>;
 
+std::vector<std::string_view> views(const Names& names) { return {names.begin(), names.end()}; }
+
 class ClaimIdentifiers : public ::testing::Test {
  protected:
   // The identifiers claimed for a citation that follows `before`.
@@ -30,7 +32,11 @@ TEST_F(ClaimIdentifiers, ReadsTheLastSentenceOfTheClaim) {
       {"It calls `load`.\n\n Then `save` ", {"save"}},
       {"`load` here\n\nand `save` ", {"save"}},
       {"`load` here\r\n\r\nand `save` ", {"load", "save"}},
-      {"It calls `load`.\xC2\xA0Then `save` ", {"save"}},  // no-break space is white space
+      {"It calls `load`.\xC2\xA0Then `save` ", {"save"}},      // no-break space is white space
+      {"It calls `load`.\xE2\x80\x83Then `save` ", {"save"}},  // so is an em space
+      {"It calls `load`.\xE2\x80\x9D Then `save` ", {"load", "save"}},  // a quote is not
+      {"Caf\xC3\xA9 `load`?\t\v Then `save` ", {"save"}},
+      {"It calls `load`.  then `save` ", {"load", "save"}},
       {"`load` " + cite("b.py", 3, 4) + " and `save` ", {"save"}},
       {"`a` " + cite("b.py", 3, 4) + " `b1` " + cite("b.py", 5, 6) + " `c1` ", {"c1"}},
   };
@@ -110,7 +116,7 @@ TEST(LegacyAnchor, ChoosesTheNamedDeclaration) {
   };
   for (const auto& c : cases) {
     const auto [symbol, range] =
-        cr::detail::legacy_anchor(services, c.symbols, c.start, c.end, c.names);
+        cr::detail::legacy_anchor(services, c.symbols, c.start, c.end, views(c.names));
     ASSERT_TRUE(symbol >= c.symbols.data() && symbol < c.symbols.data() + c.symbols.size());
     EXPECT_EQ(*symbol, c.symbol) << c.start << "-" << c.end;
     EXPECT_EQ(range, c.range) << c.start << "-" << c.end;
@@ -121,7 +127,7 @@ TEST(LegacyAnchor, ChoosesTheNamedDeclaration) {
   for (const auto& [symbols, names] : std::vector<std::pair<std::vector<Symbol>, Names>>{
            {{load}, {}}, {{load}, {"other"}}, {{mod}, {"load"}}}) {
     host.anchor_calls.clear();
-    const auto [symbol, range] = cr::detail::legacy_anchor(services, symbols, 15, 16, names);
+    const auto [symbol, range] = cr::detail::legacy_anchor(services, symbols, 15, 16, views(names));
     EXPECT_EQ(symbol, &symbols[0]);
     EXPECT_EQ(range, (LineRange{15, 16}));
     EXPECT_EQ(host.anchor_calls, Names{"15-16"});

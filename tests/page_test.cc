@@ -143,9 +143,23 @@ TEST(Apply, ReplacesEveryRecordOfAnAnchoredKeyAndKeepsTheRest) {
   anchors.set({"a", 1, 2}, {{"anchored", true}});
   Moves moves;
   moves.set({"b", 3, 4}, {5, 6});  // moves alone change no record
-  const auto out = cr::detail::apply(citations, cr::detail::PageRefresh(moves, anchors, {}));
-  EXPECT_EQ(out, (std::vector<Record>{{{"anchored", true}}, citations[1], {{"anchored", true}}}));
+  const std::vector<Record> want = {{{"anchored", true}}, citations[1], {{"anchored", true}}};
+  EXPECT_EQ(cr::detail::apply(citations, cr::detail::PageRefresh(moves, anchors, {})), want);
+  // Taking the anchored records instead of copying them: both records of the key still get it.
+  EXPECT_EQ(cr::detail::apply(citations, std::move(anchors)), want);
   EXPECT_TRUE(cr::detail::apply({}, cr::detail::PageRefresh({}, {}, {})).empty());
+}
+
+TEST_F(RefreshPage, WithoutAnchoringMovesAndLosesTheSame) {
+  const std::string text = "`f` " + cite("src/a.py", 10, 12) + " `gg` " + cite("src/a.py", 5, 6) +
+                           " " + cite("src/a.py", 60, 61);
+  const std::vector<Record> stored = {anchored_at(10, 12, "a.f", "f", 8, 20),
+                                      {{"path", "src/a.py"}, {"line_start", 5}, {"line_end", 6}},
+                                      anchored_at(60, 61, "a.h", "h", 60, 70)};
+  const auto anchored = run(text, stored);
+  ASSERT_EQ(anchored.anchors.size(), 2u);
+  const auto plain = cr::detail::refresh_page(services, Text(text), stored, files, false);
+  EXPECT_EQ(plain, cr::detail::PageRefresh(anchored.moves, {}, anchored.lost));
 }
 
 }  // namespace

@@ -70,6 +70,47 @@ TEST(StoredKey, DefaultsAndConversions) {
                cr::RecordTypeError);
 }
 
+// The typed fields read the same from a row that lends its record as from one that is read
+// field by field; only the lending row hands out its own citation list.
+TEST(PageRows, ReadInPlaceOrThroughField) {
+  struct FieldRow : PageRow {
+    Record row;
+    explicit FieldRow(Record r) : row(std::move(r)) {}
+    std::optional<Record> field(std::string_view key) const override {
+      auto it = row.find(key);
+      return it == row.end() ? std::nullopt : std::optional<Record>(*it);
+    }
+  };
+  const Record cases[] = {
+      {{"page_id", 7},
+       {"rel_path", "a.md"},
+       {"citations", {{{"path", "x"}}}},
+       {"build_cache", {{"n", 1}}}},
+      {{"page_id", "p"}, {"rel_path", ""}, {"citations", nullptr}},
+      {{"page_id", "p"}, {"citations", "text"}},
+  };
+  for (const Record& record : cases) {
+    const RecordPageRow lent(record);
+    const FieldRow read(record);
+    for (const PageRow* row :
+         {static_cast<const PageRow*>(&lent), static_cast<const PageRow*>(&read)}) {
+      EXPECT_EQ(row->page_id(), cr::detail::to_path(record["page_id"]));
+      EXPECT_EQ(row->rel_path(), lent.rel_path());
+      std::vector<Record> storage;
+      if (!record["citations"].is_string()) {
+        const auto& citations = row->citations(storage);
+        EXPECT_EQ(citations, row->citations());
+        const bool own = record["citations"].is_array();
+        EXPECT_EQ(&citations == &storage, !(own && row == &lent)) << record;
+        EXPECT_EQ(row->build_cache(), record.value("build_cache", Record::object()));
+      } else {
+        EXPECT_THROW(row->citations(storage), cr::RecordTypeError);
+        EXPECT_THROW(row->citations(), cr::RecordTypeError);
+      }
+    }
+  }
+}
+
 TEST(RecordsEqual, IgnoresKeyOrderAtEveryDepth) {
   const Record a = {{"x", 1}, {"m", {{"p", 1}, {"q", {1, 2}}}}};
   const Record b = {{"m", {{"q", {1, 2}}, {"p", 1}}}, {"x", 1.0}};

@@ -3,7 +3,9 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 
+#include <charconv>
 #include <mutex>
+#include <unordered_map>
 
 #include "workers/wiki/citation_refresh/regex.h"
 
@@ -43,21 +45,32 @@ struct Found {
   std::size_t start = 0, end = 0;
 };
 
-std::vector<Found> find_citations(const Text& text, std::size_t from_point, std::size_t to_point) {
-  std::vector<Found> out;
+Line parse_number(std::string_view digits) {
+  Line value = 0;
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+  if (error != std::errc() || end != digits.data() + digits.size()) {
+    throw std::out_of_range("citation line out of range: " + std::string(digits));
+  }
+  return value;
+}
+
+// Calls `each` with every citation between code points `from_point` and `to_point`, in order.
+template <class Each>
+void find_citations(const Text& text, std::size_t from_point, std::size_t to_point, Each&& each) {
   const std::string_view subject = std::string_view(text.str()).substr(0, text.byte_at(to_point));
   std::size_t at = text.byte_at(from_point);
   while (auto m = citation_regex().search(subject, at)) {
     at = m->end;
-    const std::string body(subject.substr(m->begin + 1, m->end - m->begin - 2));
-    const auto hash = body.rfind("#L");
+    // "(" path "#L" first "-L" last ")"; the path holds no "#".
+    const std::string_view body = subject.substr(m->begin + 1, m->end - m->begin - 2);
+    const auto hash = body.find("#L");
     const auto dash = body.rfind("-L");
-    out.push_back({{body.substr(0, hash), std::stoll(body.substr(hash + 2, dash - hash - 2)),
-                    std::stoll(body.substr(dash + 2))},
-                   text.point_at(m->begin),
-                   text.point_at(m->end)});
+    each(Found{
+        {std::string(body.substr(0, hash)), parse_number(body.substr(hash + 2, dash - hash - 2)),
+         parse_number(body.substr(dash + 2))},
+        text.point_at(m->begin),
+        text.point_at(m->end)});
   }
-  return out;
 }
 
 class MemoryLock : public WriteLock {
@@ -80,14 +93,15 @@ class MemoryLock : public WriteLock {
 
 class MemoryLineCounts : public LineCounts {
  public:
-  explicit MemoryLineCounts(const std::map<std::string, Line>& counts) : counts_(counts) {}
+  explicit MemoryLineCounts(const std::unordered_map<std::string, Line>& counts)
+      : counts_(counts) {}
   Line count(const std::string& path) override {
     auto it = counts_.find(path);
     return it == counts_.end() ? 1000 : it->second;
   }
 
  private:
-  const std::map<std::string, Line>& counts_;
+  const std::unordered_map<std::string, Line>& counts_;
 };
 
 class CaptureSink : public spdlog::sinks::base_sink<std::mutex> {
@@ -160,29 +174,36 @@ cr::Host MemoryHost::host() {
 }
 
 void MemoryHost::find(const Text& text, const std::function<void(const Citation&)>& each) {
-  for (const Found& found : find_citations(text, 0, text.length())) each({found.key, found.start});
+  find_citations(text, 0, text.length(), [&](Found&& found) {
+    each({std::move(found.key), found.start});
+  });
 }
 
 std::optional<std::size_t> MemoryHost::last_end(const Text& text, std::size_t start,
                                                 std::size_t end) {
   ++pattern_searches;
-  const auto found = find_citations(text, start, end);
-  if (found.empty()) return std::nullopt;
-  return found.back().end;
+  const std::string_view subject = std::string_view(text.str()).substr(0, text.byte_at(end));
+  std::optional<std::size_t> last;
+  std::size_t at = text.byte_at(start);
+  while (auto m = citation_regex().search(subject, at)) at = m->end, last = m->end;
+  if (!last) return std::nullopt;
+  return text.point_at(*last);
 }
 
 std::string MemoryHost::rewrite(const Text& text, const Moves& moves) {
   std::string out;
+  out.reserve(text.str().size() + 64);
   std::size_t copied = 0;
-  for (const Found& found : find_citations(text, 0, text.length())) {
+  find_citations(text, 0, text.length(), [&](const Found& found) {
     const LineRange* range = moves.find(found.key);
-    if (range == nullptr) continue;
+    if (range == nullptr) return;
     const std::size_t begin = text.byte_at(found.start);
     out.append(text.str(), copied, begin - copied);
     out += cite(found.key.path, range->first, range->last);
     copied = text.byte_at(found.end);
-  }
-  return out + text.str().substr(copied);
+  });
+  out.append(text.str(), copied);
+  return out;
 }
 
 const Symbol* MemoryHost::anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) {

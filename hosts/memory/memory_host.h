@@ -11,6 +11,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "workers/wiki/citation_refresh.h"
@@ -63,7 +64,7 @@ class MemoryHost : public CitationSyntax,
   cr::Host host();
 
   // Host state the tests set.
-  std::map<std::string, Line> line_counts_by_path;  // default 1000 lines
+  std::unordered_map<std::string, Line> line_counts_by_path;  // default 1000 lines
   std::vector<std::string> skip_exts{".py", ".md"};
   std::set<std::string> unanchored_kinds{"module"};
   bool busy = false;           // acquiring the lock throws WikiBusy

@@ -317,7 +317,8 @@ void define(py::module_ m) {
           claimed.push_back(to_utf8(identifier, "names item"));
         }
         const auto [found, lines] = without_gil([&] {
-          return cr::detail::legacy_anchor(host.host(), candidates, first, last, claimed);
+          const std::vector<std::string_view> views(claimed.begin(), claimed.end());
+          return cr::detail::legacy_anchor(host.host(), candidates, first, last, views);
         });
         return py::make_tuple(found != nullptr ? host.symbol_object(found) : py::none(),
                               range_object(lines));

@@ -21,6 +21,9 @@ class PageRow {
   // The row's value under `key` ("rel_path", "page_id", "citations", "build_cache"); nullopt
   // when the row has no such key. May throw (the host's error reaches the caller).
   virtual std::optional<Record> field(std::string_view key) const = 0;
+  // The whole row, for a row that holds it as a record (a JSON object); null otherwise. The typed
+  // fields below read such a row in place instead of copying each field out through field().
+  virtual const Record* held() const { return nullptr; }
 
   // The typed fields, read through field(). A value that is absent, null, or an empty text, list
   // or map counts as absent; false and 0 are present.
@@ -34,6 +37,9 @@ class PageRow {
   // The page's stored citation records in the store's order; empty when absent. Throws
   // RecordTypeError when present but not a list.
   std::vector<Record> citations() const;
+  // The same list, lent by a row that holds it (held()) or else read into `storage`. The list
+  // lives as long as the row's record, or `storage`, is left unchanged.
+  const std::vector<Record>& citations(std::vector<Record>& storage) const;
   // The page's build cache; an empty map when absent. Throws RecordTypeError when present but not
   // a map.
   Record build_cache() const;
@@ -44,6 +50,7 @@ class RecordPageRow : public PageRow {
  public:
   explicit RecordPageRow(Record row) : row_(std::move(row)) {}
   std::optional<Record> field(std::string_view key) const override;
+  const Record* held() const override { return &row_; }
   const Record& record() const { return row_; }
 
  private:

@@ -40,9 +40,12 @@ struct CitationKey {
 
 struct CitationKeyHash {
   std::size_t operator()(const CitationKey& k) const noexcept {
-    std::size_t h = std::hash<std::string>()(k.path);
-    h ^= std::hash<Line>()(k.start) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
-    h ^= std::hash<Line>()(k.end) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+    return combine(std::hash<std::string>()(k.path), k.start, k.end);
+  }
+  // The hash of a key from its path's hash and its lines.
+  static std::size_t combine(std::size_t h, Line start, Line end) noexcept {
+    h ^= std::hash<Line>()(start) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+    h ^= std::hash<Line>()(end) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
     return h;
   }
 };
@@ -60,6 +63,10 @@ class KeyedMap {
   auto end() const { return items_.end(); }
 
   const V* find(const CitationKey& key) const {
+    auto it = index_.find(key);
+    return it == index_.end() ? nullptr : &items_[it->second].second;
+  }
+  V* find(const CitationKey& key) {
     auto it = index_.find(key);
     return it == index_.end() ? nullptr : &items_[it->second].second;
   }

@@ -3,8 +3,8 @@
 #include <unicode/ucasemap.h>
 
 #include <algorithm>
+#include <optional>
 #include <stdexcept>
-#include <unordered_map>
 
 #include "workers/wiki/citation_refresh/internal.h"
 
@@ -52,6 +52,111 @@ bool ends_with(std::string_view s, std::string_view suffix) {
   return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
 }
 
+bool is_ascii(std::string_view s) {
+  return std::all_of(s.begin(), s.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool ascii_space(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+// Whether the code point that starts at s[i] (not ASCII) may be white space: U+0085, U+00A0,
+// U+1680, U+180E, U+2000..U+200B, U+2028, U+2029, U+202F, U+205F or U+3000. Text with none of
+// them has only ASCII white space.
+bool may_be_wide_space(std::string_view s, std::size_t i) {
+  const auto at = [&](std::size_t k) {
+    return i + k < s.size() ? static_cast<unsigned char>(s[i + k]) : 0;
+  };
+  switch (at(0)) {
+    case 0xC2:
+      return at(1) == 0x85 || at(1) == 0xA0;
+    case 0xE1:
+      return (at(1) == 0x9A && at(2) == 0x80) || (at(1) == 0xA0 && at(2) == 0x8E);
+    case 0xE2:
+      return (at(1) == 0x80 && ((at(2) >= 0x80 && at(2) <= 0x8B) || at(2) == 0xA8 ||
+                                at(2) == 0xA9 || at(2) == 0xAF)) ||
+             (at(1) == 0x81 && at(2) == 0x9F);
+    case 0xE3:
+      return at(1) == 0x80 && at(2) == 0x80;
+    default:
+      return false;
+  }
+}
+
+// Where the last sentence of `chunk` begins: the end of the last sentence boundary, found left
+// to right as sentence_boundary() finds them. Scans by hand when the chunk's only white space is
+// ASCII (the common case), else with the pattern.
+std::size_t last_sentence(std::string_view chunk) {
+  std::size_t sentence = 0;
+  std::size_t i = 0;
+  while (i < chunk.size()) {
+    if (static_cast<unsigned char>(chunk[i]) >= 0x80 && may_be_wide_space(chunk, i)) {
+      sentence = 0;
+      while (auto m = sentence_boundary().search(chunk, sentence)) sentence = m->end;
+      return sentence;
+    }
+    // White space after . ! or ? up to a capital or a backtick.
+    if (i > 0 && ascii_space(chunk[i]) &&
+        (chunk[i - 1] == '.' || chunk[i - 1] == '!' || chunk[i - 1] == '?')) {
+      std::size_t end = i;
+      while (end < chunk.size() && ascii_space(chunk[end])) ++end;
+      if (end < chunk.size() && ((chunk[end] >= 'A' && chunk[end] <= 'Z') || chunk[end] == '`')) {
+        sentence = i = end;
+        continue;
+      }
+    }
+    if (chunk[i] == '\n' && i + 1 < chunk.size() && chunk[i + 1] == '\n') {
+      sentence = i = i + 2;
+      continue;
+    }
+    ++i;
+  }
+  return sentence;
+}
+
+// The next backticked span of 2 to 80 characters without a line feed at or after `at`, as
+// CLAIM_IDENT_RE finds it: its inside, and where the search goes on (npos: no more).
+std::optional<std::pair<std::string_view, std::size_t>> next_span(std::string_view chunk,
+                                                                  std::size_t at) {
+  for (std::size_t open = chunk.find('`', at); open != std::string_view::npos;) {
+    const std::size_t close = chunk.find('`', open + 1);
+    if (close == std::string_view::npos) return std::nullopt;
+    const std::string_view inside = chunk.substr(open + 1, close - open - 1);
+    if (inside.find('\n') == std::string_view::npos) {
+      const std::size_t points = count_points(inside);
+      if (points >= 2 && points <= 80) return std::pair{inside, close + 1};
+    }
+    open = close;  // the closing backtick may open the next span
+  }
+  return std::nullopt;
+}
+
+// Whether `token` ends with one of the file-name endings `skip`, compared in lower case.
+bool file_name(std::string_view token, const std::vector<std::string>& skip) {
+  if (is_ascii(token)) {
+    char buffer[80];  // a span holds at most 80 characters, here bytes
+    const std::size_t n = std::min(token.size(), sizeof buffer);
+    for (std::size_t i = 0; i < n; ++i) {
+      const char c = token[i];
+      buffer[i] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    const std::string_view lowered(buffer, n);
+    return std::any_of(skip.begin(), skip.end(),
+                       [&](const std::string& ext) { return ends_with(lowered, ext); });
+  }
+  const std::string lowered = lower(token);
+  return std::any_of(skip.begin(), skip.end(),
+                     [&](const std::string& ext) { return ends_with(lowered, ext); });
+}
+
+// Where a span stops being a name (cut_point()), or npos.
+std::size_t cut_at(std::string_view token) {
+  if (is_ascii(token)) return token.find_first_of("( \t\n\v\f\r=:");
+  const auto cut = cut_point().search(token);
+  return cut ? cut->begin : std::string_view::npos;
+}
+
 }  // namespace
 
 namespace detail {
@@ -63,14 +168,17 @@ const Regex& CLAIM_IDENT_RE() {
 
 }  // namespace detail
 
-std::vector<std::string> claim_identifiers(const Host& host, const Text& text,
-                                           std::size_t position) {
+namespace detail {
+
+void claim_names(const Host& host, const Text& text, std::size_t position,
+                 std::vector<std::string_view>& out) {
+  out.clear();
   if (position > text.length()) {
     throw std::out_of_range("claim_identifiers: position " + std::to_string(position) +
                             " is past the end of the text (" + std::to_string(text.length()) +
                             " characters)");
   }
-  const std::size_t start = position > detail::CLAIM_WINDOW ? position - detail::CLAIM_WINDOW : 0;
+  const std::size_t start = position > CLAIM_WINDOW ? position - CLAIM_WINDOW : 0;
 
   // The claim starts after the last earlier citation inside the look-back, if any.
   std::size_t claim_start = start;
@@ -82,58 +190,59 @@ std::vector<std::string> claim_identifiers(const Host& host, const Text& text,
   const std::size_t chunk_begin = text.byte_at(claim_start);
   std::string_view chunk =
       std::string_view(text.str()).substr(chunk_begin, text.byte_at(position) - chunk_begin);
-  std::size_t sentence = 0;
-  while (auto m = sentence_boundary().search(chunk, sentence)) sentence = m->end;
-  chunk = chunk.substr(sentence);
+  chunk = chunk.substr(last_sentence(chunk));
 
-  std::vector<std::string> out;
   const auto& skip = host.anchoring.file_name_endings();
   std::size_t at = 0;
-  while (auto m = detail::CLAIM_IDENT_RE().search(chunk, at)) {
-    at = m->end;
-    std::string_view token = chunk.substr(m->group_begin, m->group_end - m->group_begin);
+  while (const auto span = next_span(chunk, at)) {
+    std::string_view token = span->first;
+    at = span->second;
     if (token.find('/') != std::string_view::npos) continue;  // a path
-    const std::string lowered = lower(token);
-    if (std::any_of(skip.begin(), skip.end(),
-                    [&](const std::string& ext) { return ends_with(lowered, ext); })) {
-      continue;  // a file name
-    }
+    if (file_name(token, skip)) continue;
     // A call or assignment counts by what comes before it, a dotted name by its last name.
-    if (auto cut = cut_point().search(token)) token = token.substr(0, cut->begin);
+    if (const auto cut = cut_at(token); cut != std::string_view::npos) token = token.substr(0, cut);
     if (auto dot = token.rfind('.'); dot != std::string_view::npos) token = token.substr(dot + 1);
-    if (count_points(token) >= 2) out.emplace_back(token);
+    if (count_points(token) >= 2) out.push_back(token);
   }
-  return out;
+}
+
+}  // namespace detail
+
+std::vector<std::string> claim_identifiers(const Host& host, const Text& text,
+                                           std::size_t position) {
+  std::vector<std::string_view> names;
+  detail::claim_names(host, text, position, names);
+  return {names.begin(), names.end()};
 }
 
 namespace detail {
 
 std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<const Symbol> symbols,
                                                   Line start, Line end,
-                                                  const std::vector<std::string>& names) {
-  // A name is preferred by its first mention: the later that is, the nearer the citation.
-  std::unordered_map<std::string_view, std::size_t> first_mention;
-  for (std::size_t i = 0; i < names.size(); ++i) first_mention.try_emplace(names[i], i);
-
-  std::vector<std::pair<const Symbol*, std::size_t>> named;
+                                                  std::span<const std::string_view> names) {
+  // A name is preferred by its first mention: the later that is, the nearer the citation. Among
+  // the named declarations, the most preferred one that overlaps the citation wins, else the most
+  // preferred one; ties go to the index's order. Claims name a few identifiers: a linear search.
+  const Symbol* overlapping = nullptr;
+  const Symbol* preferred = nullptr;
+  std::size_t overlapping_rank = 0, preferred_rank = 0;
   for (const Symbol& symbol : symbols) {
-    auto it = first_mention.find(symbol.name);
-    if (it != first_mention.end() && !host.anchoring.unanchored_kind(symbol.kind)) {
-      named.emplace_back(&symbol, it->second);
+    const auto mention = std::find(names.begin(), names.end(), symbol.name);
+    if (mention == names.end() || host.anchoring.unanchored_kind(symbol.kind)) continue;
+    const auto rank = static_cast<std::size_t>(mention - names.begin());
+    if (preferred == nullptr || rank > preferred_rank) preferred = &symbol, preferred_rank = rank;
+    if (symbol.start_line <= end && start <= symbol.end_line &&
+        (overlapping == nullptr || rank > overlapping_rank)) {
+      overlapping = &symbol, overlapping_rank = rank;
     }
   }
-  if (named.empty()) return {host.anchoring.anchor_symbol(symbols, start, end), {start, end}};
-
-  std::stable_sort(named.begin(), named.end(),
-                   [](const auto& a, const auto& b) { return a.second > b.second; });
-  for (const auto& [symbol, preference] : named) {
-    if (symbol->start_line <= end && start <= symbol->end_line) return {symbol, {start, end}};
-  }
+  if (preferred == nullptr)
+    return {host.anchoring.anchor_symbol(symbols, start, end), {start, end}};
+  if (overlapping != nullptr) return {overlapping, {start, end}};
   // Named elsewhere: the citation moves to the declaration's first line, keeping its span.
-  const Symbol* symbol = named.front().first;
   const WideLine span = std::max<WideLine>(0, static_cast<WideLine>(end) - start);
-  const WideLine last = std::min<WideLine>(symbol->end_line, symbol->start_line + span);
-  return {symbol, {symbol->start_line, narrow(last)}};
+  const WideLine last = std::min<WideLine>(preferred->end_line, preferred->start_line + span);
+  return {preferred, {preferred->start_line, narrow(last)}};
 }
 
 }  // namespace detail

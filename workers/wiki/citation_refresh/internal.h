@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -48,6 +49,22 @@ std::string to_path(const Record& value);
 // absent 0; `line_end`, absent 0).
 CitationKey stored_key(const Record& record);
 
+// A stored key whose path is a view: of the record's own text, or of `storage` when the path is
+// not text (its JSON text) or absent.
+struct CitationKeyView {
+  std::string_view path;
+  Line start = 0;
+  Line end = 0;
+  friend bool operator==(const CitationKeyView&, const CitationKeyView&) = default;
+};
+struct CitationKeyViewHash {
+  std::size_t operator()(const CitationKeyView& k) const noexcept {
+    return CitationKeyHash::combine(std::hash<std::string_view>()(k.path), k.start, k.end);
+  }
+};
+CitationKeyView stored_key_view(const Record& record, std::string& storage);
+inline CitationKeyView key_view(const CitationKey& key) { return {key.path, key.start, key.end}; }
+
 // Line arithmetic is done in 128 bits and brought back by narrow(), which throws
 // RecordValueError when the result is no 64-bit line.
 using WideLine = __int128;
@@ -82,8 +99,9 @@ class Files {
   std::span<const Symbol> symbols(const std::string& path);
   // Whether the index knows `path`; asked anew on every call.
   bool indexed(const std::string& path) { return repository_.is_indexed(path); }
-  // The file's line count, from the host's LineCounts made for this refresh.
-  Line line_count(const std::string& path) { return line_counts_->count(path); }
+  // The file's line count, from the host's LineCounts made for this refresh: asked once per path,
+  // and the same count afterwards.
+  Line line_count(const std::string& path);
 
   Repository& repository() const { return repository_; }
   const std::filesystem::path& repo_root() const { return repo_root_; }
@@ -91,7 +109,15 @@ class Files {
  private:
   Repository& repository_;
   std::filesystem::path repo_root_;
-  std::unordered_map<std::string, std::vector<Symbol>> symbols_;
+  struct File {
+    std::optional<std::vector<Symbol>> symbols;
+    std::optional<Line> line_count;
+  };
+  // What is known of each cited path: one lookup serves both of a citation's questions in turn.
+  File& file(const std::string& path);
+
+  std::unordered_map<std::string, File> files_;
+  std::pair<const std::string*, File*> last_;  // the path looked up last, and its entry
   std::unique_ptr<LineCounts> line_counts_;
 };
 
@@ -103,14 +129,21 @@ const Symbol* find_again(std::span<const Symbol> symbols, const Record& citation
 // range it takes with it, from the identifiers `names` that its claim names (nearest last).
 std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<const Symbol> symbols,
                                                   Line start, Line end,
-                                                  const std::vector<std::string>& names);
+                                                  std::span<const std::string_view> names);
 
-// Works out one page's moves, new anchors and lost citations. Changes nothing.
+// claim_identifiers() into `out` (cleared first), as views of the text.
+void claim_names(const Host& host, const Text& text, std::size_t position,
+                 std::vector<std::string_view>& out);
+
+// Works out one page's moves, new anchors and lost citations. Changes nothing. Without `anchor`,
+// the host's anchored records are not asked for and `anchors` stays empty.
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
-                         Files& files);
+                         Files& files, bool anchor = true);
 
 // The page's new citation records: each stored record replaced by its anchored record, if any.
 std::vector<Record> apply(const std::vector<Record>& citations, const PageRefresh& page);
+// The same, taking the anchored records out of `anchors` instead of copying them.
+std::vector<Record> apply(const std::vector<Record>& citations, KeyedMap<Record>&& anchors);
 
 // ---- The digest file --------------------------------------------------------------------------
 

@@ -1,5 +1,6 @@
 // One page's refresh: the cited-file cache, working out each citation's move, anchor or loss, and
 // turning that into the page's new citation records.
+#include <deque>
 #include <unordered_set>
 
 #include "workers/wiki/citation_refresh/internal.h"
@@ -24,51 +25,84 @@ Files::Files(const Host& host, Repository& repository, std::filesystem::path rep
   if (!line_counts_) throw std::logic_error("CitationRanges::line_counts gave no LineCounts");
 }
 
+Files::File& Files::file(const std::string& path) {
+  // A citation asks for its path's symbols and then its line count: the second finds it here.
+  if (last_.first != nullptr && *last_.first == path) return *last_.second;
+  auto& entry = *files_.try_emplace(path).first;
+  last_ = {&entry.first, &entry.second};
+  return entry.second;
+}
+
 std::span<const Symbol> Files::symbols(const std::string& path) {
-  auto it = symbols_.find(path);
-  if (it == symbols_.end())
-    it = symbols_.emplace(path, repository_.get_symbols_by_path(path)).first;
-  return it->second;
+  File& entry = file(path);
+  if (!entry.symbols) entry.symbols = repository_.get_symbols_by_path(path);
+  return *entry.symbols;
+}
+
+Line Files::line_count(const std::string& path) {
+  File& entry = file(path);
+  if (!entry.line_count) entry.line_count = line_counts_->count(path);
+  return *entry.line_count;
 }
 
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
-                         Files& files) {
-  // Stored records by stored key; a later record replaces an earlier one with the same key.
-  std::unordered_map<CitationKey, const Record*, CitationKeyHash> stored;
+                         Files& files, bool anchor) {
+  // Stored records by stored key, the key's path a view of the record; a later record replaces
+  // an earlier one with the same key. `seen`: a citation with the key was refreshed.
+  struct Stored {
+    const Record* record;
+    bool seen;
+  };
+  std::unordered_map<CitationKeyView, Stored, CitationKeyViewHash> stored;
   stored.reserve(citations.size());
-  for (const Record& record : citations) stored[stored_key(record)] = &record;
+  std::deque<std::string> paths;  // paths that are not text, as their JSON text
+  std::string path;
+  for (const Record& record : citations) {
+    path.clear();
+    CitationKeyView key = stored_key_view(record, path);
+    if (!path.empty()) key.path = paths.emplace_back(std::move(path));
+    stored.insert_or_assign(key, Stored{&record, false});
+  }
 
   PageRefresh result({}, {}, {});
-  std::unordered_set<CitationKey, CitationKeyHash> seen;
+  std::unordered_set<CitationKey, CitationKeyHash> seen;  // refreshed citations with no record
+  std::vector<std::string_view> names;  // the claim of the current legacy citation
 
   host.syntax.find(text, [&](const Citation& citation) {
     const CitationKey& key = citation.key;
-    // Skipped citations do not enter `seen`: a repeat of one is tested again.
-    if (seen.count(key) || key.start < 1 || !files.indexed(key.path)) return;
-    seen.insert(key);
+    auto found_stored = stored.find(key_view(key));
+    Stored* entry = found_stored == stored.end() ? nullptr : &found_stored->second;
+    // Skipped citations are not marked seen: a repeat of one is tested again.
+    if ((entry != nullptr ? entry->seen : seen.count(key) != 0) || key.start < 1 ||
+        !files.indexed(key.path)) {
+      return;
+    }
+    if (entry != nullptr) {
+      entry->seen = true;
+    } else {
+      seen.insert(key);
+    }
     const std::span<const Symbol> symbols = files.symbols(key.path);
 
-    auto found_stored = stored.find(key);
-    const Record* stored_record = found_stored == stored.end() ? nullptr : found_stored->second;
-    Record fresh;
-    if (stored_record == nullptr) {
-      fresh = Record{{"path", key.path}, {"line_start", key.start}, {"line_end", key.end}};
-    }
-    const Record& cite = stored_record != nullptr ? *stored_record : fresh;
+    // A citation without a stored record is placed as a legacy one; it has no record to anchor.
+    const Record* stored_record = entry != nullptr ? entry->record : nullptr;
     const Symbol* found = nullptr;
     LineRange proposed;
-    if (const Record* symbol = present_member(cite, "symbol")) {
+    const Record* symbol =
+        stored_record != nullptr ? present_member(*stored_record, "symbol") : nullptr;
+    if (symbol != nullptr) {
       // An anchored citation follows its declaration, or is lost with it.
-      found = find_again(symbols, cite);
+      found = find_again(symbols, *stored_record);
       if (found == nullptr) {
-        const Record* name = present_member(cite, "name");
+        const Record* name = present_member(*stored_record, "name");
         result.lost.emplace_back(key, to_path(name != nullptr ? *name : *symbol));
         return;
       }
-      proposed = relocated_range(cite, *found);
+      proposed = relocated_range(*stored_record, *found);
     } else {
-      const auto names = claim_identifiers(host, text, citation.start);
-      std::tie(found, proposed) = legacy_anchor(host, symbols, key.start, key.end, names);
+      claim_names(host, text, citation.start, names);
+      std::tie(found, proposed) = legacy_anchor(host, symbols, key.start, key.end,
+                                                std::span<const std::string_view>(names));
     }
 
     const Line line_count = files.line_count(key.path);
@@ -79,9 +113,9 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
     }
     if (*fitted != LineRange{key.start, key.end}) result.moves.set(key, *fitted);
 
-    Record updated = host.anchoring.anchored(cite, *fitted, found);
-    if (stored_record != nullptr && !records_equal(updated, cite)) {
-      result.anchors.set(key, std::move(updated));
+    if (anchor && stored_record != nullptr) {
+      Record updated = host.anchoring.anchored(*stored_record, *fitted, found);
+      if (!records_equal(updated, *stored_record)) result.anchors.set(key, std::move(updated));
     }
   });
   return result;
@@ -93,6 +127,23 @@ std::vector<Record> apply(const std::vector<Record>& citations, const PageRefres
   for (const Record& record : citations) {
     const Record* anchored = page.anchors.find(stored_key(record));
     out.push_back(anchored != nullptr ? *anchored : record);
+  }
+  return out;
+}
+
+std::vector<Record> apply(const std::vector<Record>& citations, KeyedMap<Record>&& anchors) {
+  std::vector<Record> out;
+  out.reserve(citations.size());
+  // Where each anchored record went: a second stored record with the same key gets a copy.
+  std::unordered_map<const Record*, std::size_t> taken;
+  for (const Record& record : citations) {
+    Record* anchored = anchors.empty() ? nullptr : anchors.find(stored_key(record));
+    if (anchored == nullptr) {
+      out.push_back(record);
+      continue;
+    }
+    const auto [at, first] = taken.try_emplace(anchored, out.size());
+    out.push_back(first ? std::move(*anchored) : Record(out[at->second]));
   }
   return out;
 }

@@ -15,33 +15,70 @@ using citation_refresh::RecordTypeError;
 
 // ---- Page rows --------------------------------------------------------------------------------
 
+namespace {
+
+// The row's value under `key`: in place when the row holds a record, else copied into `copy`.
+// Null when the row has no such key.
+const Record* row_value(const PageRow& row, std::string_view key, std::optional<Record>& copy) {
+  if (const Record* whole = row.held()) {
+    if (!whole->is_object()) return nullptr;
+    auto it = whole->find(key);
+    return it == whole->end() ? nullptr : &*it;
+  }
+  copy = row.field(key);
+  return copy ? &*copy : nullptr;
+}
+
+// The row's citation list (null when it is absent or empty), in place when the row holds it.
+const Record* citation_list(const PageRow& row, std::optional<Record>& copy) {
+  const Record* v = row_value(row, "citations", copy);
+  if (v == nullptr || !detail::present(*v)) return nullptr;
+  if (!v->is_array())
+    throw RecordTypeError("page row citations: expected a list, got " + v->dump());
+  return v;
+}
+
+}  // namespace
+
 std::optional<std::string> PageRow::rel_path() const {
-  const auto v = field("rel_path");
-  if (!v || !detail::present(*v)) return std::nullopt;
+  std::optional<Record> copy;
+  const Record* v = row_value(*this, "rel_path", copy);
+  if (v == nullptr || !detail::present(*v)) return std::nullopt;
   if (!v->is_string()) throw RecordTypeError("page row rel_path: expected text, got " + v->dump());
   return v->get<std::string>();
 }
 
 std::string PageRow::page_id() const {
-  const auto v = field("page_id");
-  if (!v) throw MissingKey("page_id");
+  std::optional<Record> copy;
+  const Record* v = row_value(*this, "page_id", copy);
+  if (v == nullptr) throw MissingKey("page_id");
   return detail::to_path(*v);
 }
 
 std::vector<Record> PageRow::citations() const {
-  auto v = field("citations");
-  if (!v || !detail::present(*v)) return {};
-  if (!v->is_array())
-    throw RecordTypeError("page row citations: expected a list, got " + v->dump());
-  return std::move(v->get_ref<Record::array_t&>());
+  std::optional<Record> copy;
+  const Record* v = citation_list(*this, copy);
+  if (v == nullptr) return {};
+  if (copy) return std::move(copy->get_ref<Record::array_t&>());
+  return v->get_ref<const Record::array_t&>();
+}
+
+const std::vector<Record>& PageRow::citations(std::vector<Record>& storage) const {
+  std::optional<Record> copy;
+  const Record* v = citation_list(*this, copy);
+  if (v != nullptr && !copy) return v->get_ref<const Record::array_t&>();
+  storage.clear();
+  if (v != nullptr) storage = std::move(copy->get_ref<Record::array_t&>());
+  return storage;
 }
 
 Record PageRow::build_cache() const {
-  auto v = field("build_cache");
-  if (!v || !detail::present(*v)) return Record::object();
+  std::optional<Record> copy;
+  const Record* v = row_value(*this, "build_cache", copy);
+  if (v == nullptr || !detail::present(*v)) return Record::object();
   if (!v->is_object())
     throw RecordTypeError("page row build_cache: expected a map, got " + v->dump());
-  return std::move(*v);
+  return copy ? std::move(*copy) : *v;
 }
 
 std::optional<Record> RecordPageRow::field(std::string_view key) const {
@@ -158,16 +195,29 @@ std::string to_path(const Record& value) {
   return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-CitationKey stored_key(const Record& record) {
+CitationKeyView stored_key_view(const Record& record, std::string& storage) {
   if (!record.is_object()) {
     throw RecordTypeError("citation record: expected a map, got " + record.dump());
   }
-  CitationKey key;
-  if (auto it = record.find("path"); it != record.end()) key.path = to_path(*it);
+  CitationKeyView key;
+  if (auto it = record.find("path"); it != record.end()) {
+    if (it->is_string()) {
+      key.path = it->get_ref<const std::string&>();
+    } else {
+      storage = to_path(*it);
+      key.path = storage;
+    }
+  }
   if (auto it = record.find("line_start"); it != record.end())
     key.start = to_line(*it, "line_start");
   if (auto it = record.find("line_end"); it != record.end()) key.end = to_line(*it, "line_end");
   return key;
+}
+
+CitationKey stored_key(const Record& record) {
+  std::string storage;
+  const CitationKeyView key = stored_key_view(record, storage);
+  return {std::string(key.path), key.start, key.end};
 }
 
 }  // namespace detail

@@ -11,8 +11,10 @@ namespace {
 // The page's text: strict UTF-8, with CR LF and lone CR read as LF.
 Text read_page(FileSystem& file_system, const fs::path& path) {
   std::string bytes = file_system.read_file(path);
-  check_utf8(bytes, path.string());
   if (bytes.find('\r') != std::string::npos) {
+    // Checked before the line ends change, so that an error names the file's own byte offset;
+    // otherwise Text checks it, once.
+    check_utf8(bytes, path.string());
     std::string text;
     text.reserve(bytes.size());
     for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -65,8 +67,11 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     if (!host.file_system.is_file(page_file)) continue;
 
     const Text text = read_page(host.file_system, page_file);
-    const std::vector<Record> citations = row->citations();
-    detail::PageRefresh page = detail::refresh_page(host, text, citations, files);
+    // Lent by the row where it can: valid until the page's update below replaces it.
+    std::vector<Record> citations_read;
+    const std::vector<Record>& citations = row->citations(citations_read);
+    // A report-only refresh has no use for the anchored records.
+    detail::PageRefresh page = detail::refresh_page(host, text, citations, files, options.write);
 
     result.unrepairable += static_cast<std::int64_t>(page.lost.size());
     if (!page.lost.empty()) {
@@ -104,7 +109,7 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
 
     const std::string page_id = row->page_id();
     PageUpdate update;
-    update.citations = detail::apply(citations, page);
+    update.citations = detail::apply(citations, std::move(page.anchors));
     if (changed) update.content_hash = repository.text_hash(new_text);
     if (!cache.empty()) update.build_cache = std::move(cache);
     update.moves = page.moves;
