@@ -125,20 +125,6 @@ class Statement {
   sqlite3_stmt* stmt_ = nullptr;
 };
 
-// A page row over the store's record of the page; its fields are read as the refresh asks.
-class StoredRow : public wiki::PageRow {
- public:
-  explicit StoredRow(wiki::Record row) : row_(std::move(row)) {}
-  std::optional<wiki::Record> field(std::string_view key) const override {
-    auto it = row_.find(key);
-    if (it == row_.end()) return std::nullopt;
-    return *it;
-  }
-
- private:
-  wiki::Record row_;
-};
-
 wiki::Record parse_json(const std::string& text, const fs::path& file, const char* what) {
   try {
     return wiki::Record::parse(text);
@@ -159,6 +145,41 @@ StoredPage read_page(const Statement& s, const fs::path& file) {
   if (!s.null(4)) page.content_hash = s.text(4);
   return page;
 }
+
+// A page row over the store's columns of the page: the JSON columns are parsed when the refresh
+// asks for them, and a row is not built as one JSON value first.
+class StoredRow : public wiki::PageRow {
+ public:
+  StoredRow(const Statement& s, const fs::path& file)
+      : file_(file),
+        page_id_(s.text(0)),
+        rel_path_(s.text(1)),
+        citations_(s.text(2)),
+        build_cache_(s.null(3) ? std::nullopt : std::optional(s.text(3))),
+        content_hash_(s.null(4) ? std::nullopt : std::optional(s.text(4))) {}
+
+  std::optional<wiki::Record> field(std::string_view key) const override {
+    if (key == "page_id") return wiki::Record(page_id_);
+    if (key == "rel_path") return wiki::Record(rel_path_);
+    if (key == "citations") {
+      wiki::Record citations = parse_json(citations_, file_, "citations");
+      if (!citations.is_array()) {
+        throw StoreError(file_.string() + ": stored citations of page " + page_id_ +
+                         " are not a list");
+      }
+      return citations;
+    }
+    if (key == "build_cache" && build_cache_)
+      return parse_json(*build_cache_, file_, "build cache");
+    if (key == "content_hash" && content_hash_) return wiki::Record(*content_hash_);
+    return std::nullopt;
+  }
+
+ private:
+  fs::path file_;
+  std::string page_id_, rel_path_, citations_;
+  std::optional<std::string> build_cache_, content_hash_;
+};
 
 std::string dump(const wiki::Record& value) { return value.dump(); }
 
@@ -295,15 +316,12 @@ bool SqliteStore::is_indexed(const std::string& path) {
 
 std::vector<std::unique_ptr<const wiki::PageRow>> SqliteStore::get_wiki_pages(
     const std::string& branch) {
+  Statement s(db_, file_,
+              "SELECT page_id, rel_path, citations, build_cache, content_hash FROM pages "
+              "WHERE branch = ? ORDER BY page_id");
+  s.bind(1, branch);
   std::vector<std::unique_ptr<const wiki::PageRow>> rows;
-  for (StoredPage& page : pages(branch)) {
-    wiki::Record row{{"page_id", page.page_id},
-                     {"rel_path", page.rel_path},
-                     {"citations", wiki::Record(std::move(page.citations))}};
-    if (page.build_cache) row["build_cache"] = std::move(*page.build_cache);
-    if (page.content_hash) row["content_hash"] = *page.content_hash;
-    rows.push_back(std::make_unique<StoredRow>(std::move(row)));
-  }
+  while (s.step()) rows.push_back(std::make_unique<StoredRow>(s, file_));
   return rows;
 }
 
