@@ -90,30 +90,61 @@ std::map<std::string, fs::path> page_files(const fs::path& wiki_dir, const fs::p
 
 SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std::string& branch,
                      const fs::path& wiki_dir) {
-  std::map<std::string, StoredPage> stored;
-  for (StoredPage& page : store.pages(branch)) stored.emplace(page.page_id, std::move(page));
+  // A page whose path and content hash are as stored has the records of its text: only the
+  // others' records are read.
+  std::map<std::string, PageHead> heads;
+  for (PageHead& head : store.page_heads(branch)) heads.emplace(head.page_id, std::move(head));
 
+  struct Found {
+    std::string page_id, rel, hash;
+    std::vector<wiki::CitationKey> cited;  // each key once, in text order
+  };
+  std::vector<Found> changed_files;
+  std::map<std::string, std::vector<wiki::CitationKey>> cited_by_page;
   SyncStats stats;
-  std::vector<StoredPage> pages;
   for (const auto& [rel, file] : page_files(wiki_dir, store.repo_root(), stats.skipped)) {
     std::string bytes = read_bytes(file);
-    const std::string hash = sha256_hex(bytes);
+    Found found{rel.substr(0, rel.size() - 3), rel, sha256_hex(bytes), {}};
     const wiki::Text text(std::move(bytes), file.string());
-    std::vector<wiki::CitationKey> cited;
     std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> in_text;
     syntax.find(text, [&](const wiki::Citation& citation) {
-      if (in_text.insert(citation.key).second) cited.push_back(citation.key);
+      if (in_text.insert(citation.key).second) found.cited.push_back(citation.key);
     });
+    ++stats.pages;
+    auto head = heads.find(found.page_id);
+    const bool same = head != heads.end() && head->second.rel_path == rel &&
+                      head->second.content_hash == found.hash;
+    if (head != heads.end()) heads.erase(head);
+    if (same) {
+      cited_by_page.emplace(found.page_id, std::move(found.cited));
+    } else {
+      changed_files.push_back(std::move(found));
+    }
+  }
 
+  std::map<std::string, StoredPage> stored;
+  if (!changed_files.empty()) {
+    for (StoredPage& page : store.pages(branch)) stored.emplace(page.page_id, std::move(page));
+  }
+  std::vector<StoredPage> changed;
+  for (Found& found : changed_files) {
     StoredPage page;
-    page.page_id = rel.substr(0, rel.size() - 3);
+    page.page_id = found.page_id;
     if (auto old = stored.find(page.page_id); old != stored.end()) {
       page = std::move(old->second);
-      stored.erase(old);
+      if (page.content_hash != found.hash) {
+        if (auto origin = store.page_origin(branch, page.page_id);
+            origin && origin->content_hash == found.hash) {
+          page.citations = std::move(origin->citations);
+          page.build_cache = std::move(origin->build_cache);
+        }
+      }
     }
-    page.rel_path = rel;
-    page.content_hash = hash;
+    page.rel_path = found.rel;
+    page.content_hash = found.hash;
 
+    const std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> in_text(found.cited.begin(),
+                                                                               found.cited.end());
     std::vector<wiki::Record> kept;
     std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> recorded;
     for (wiki::Record& record : page.citations) {
@@ -125,18 +156,25 @@ SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std
       if (key) recorded.insert(*key);
       kept.push_back(std::move(record));
     }
-    for (const wiki::CitationKey& key : cited) {
+    for (const wiki::CitationKey& key : found.cited) {
       if (recorded.count(key)) continue;
       kept.push_back(
           wiki::Record{{"path", key.path}, {"line_start", key.start}, {"line_end", key.end}});
       ++stats.citations_added;
     }
     page.citations = std::move(kept);
-    pages.push_back(std::move(page));
+    cited_by_page.emplace(page.page_id, std::move(found.cited));
+    changed.push_back(std::move(page));
   }
-  stats.pages = pages.size();
-  stats.pages_removed = stored.size();
-  store.replace_pages(branch, pages);
+
+  std::vector<std::string> removed;
+  for (const auto& [page_id, head] : heads) removed.push_back(page_id);
+  stats.pages_removed = removed.size();
+  stats.pages_written = changed.size();
+  store.update_pages(branch, changed, removed);
+  for (auto& [page_id, keys] : cited_by_page) {
+    for (wiki::CitationKey& key : keys) stats.cited.emplace_back(page_id, std::move(key));
+  }
   return stats;
 }
 

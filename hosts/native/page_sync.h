@@ -17,6 +17,9 @@ struct SyncStats {
   std::size_t citations_dropped = 0;  // records whose citation left the text
   std::size_t pages_removed = 0;      // pages whose file is gone
   std::vector<std::string> skipped;   // "<file>: <why>" for each *.md link that is no page
+  std::size_t pages_written = 0;      // pages stored anew (new, changed or restored)
+  // Each page's citations in text order, each key once per page, pages in page id order.
+  std::vector<std::pair<std::string, wiki::CitationKey>> cited;
 };
 
 // Makes every *.md file under `wiki_dir` (hidden folders skipped) a page of `branch`; a symbolic
@@ -26,8 +29,11 @@ struct SyncStats {
 // SHA-256 of its bytes. A citation of the text that no record has enters as {path, line_start,
 // line_end}, without a declaration, after the page's records in text order; a record whose
 // citation left the text is dropped (one whose path or lines cannot be read is kept as it is);
-// other records and the build cache stay as stored. Pages whose file is gone are removed. The
-// store changes in one transaction; the caller holds the wiki's write lock.
+// other records and the build cache stay as stored. A page file whose hash is not the stored
+// one but that of the page's origin (SqliteStore::page_origin: the refresh stored the page's new
+// records, and the new text never reached the file) takes the origin's records and build cache
+// back. Pages whose file is gone are removed. Only pages that change are written, in one
+// transaction; the caller holds the wiki's write lock.
 // Throws InvalidUtf8 naming a page file that is not UTF-8.
 SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std::string& branch,
                      const std::filesystem::path& wiki_dir);

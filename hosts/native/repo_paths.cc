@@ -1,10 +1,11 @@
 #include "hosts/native/repo_paths.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 
 namespace tolbarrow::hosts::native {
 namespace fs = std::filesystem;
@@ -62,17 +63,42 @@ wiki::Line count_lines(std::string_view bytes) {
 }
 
 std::string read_bytes(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  // One read into a buffer of the file's size: a stream copy costs more than reading and hashing
+  // the bytes, and the command reads every page this way.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
     throw fs::filesystem_error("cannot read file", path,
-                               std::error_code(errno ? errno : EIO, std::generic_category()));
+                               std::error_code(errno, std::generic_category()));
   }
-  std::ostringstream out;
-  out << in.rdbuf();
-  if (in.bad()) {
-    throw fs::filesystem_error("cannot read file", path, std::make_error_code(std::errc::io_error));
+  auto fail = [&] {
+    const int error = errno ? errno : EIO;
+    ::close(fd);
+    throw fs::filesystem_error("cannot read file", path,
+                               std::error_code(error, std::generic_category()));
+  };
+  struct stat st;
+  if (::fstat(fd, &st) != 0) fail();
+  std::string out(S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0, '\0');
+  std::size_t size = 0;
+  while (size < out.size()) {
+    const ssize_t got = ::read(fd, out.data() + size, out.size() - size);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) fail();
+    if (got == 0) break;
+    size += static_cast<std::size_t>(got);
   }
-  return out.str();
+  out.resize(size);
+  // Whatever the size did not tell: a file that grew meanwhile, or one that is not regular.
+  char more[16384];
+  for (;;) {
+    const ssize_t got = ::read(fd, more, sizeof more);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) fail();
+    if (got == 0) break;
+    out.append(more, static_cast<std::size_t>(got));
+  }
+  ::close(fd);
+  return out;
 }
 
 }  // namespace tolbarrow::hosts::native

@@ -45,6 +45,26 @@ CREATE TABLE pages(
 constexpr const char* kMeta =
     "CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID";
 
+// What the store keeps of the pages besides the pages; added without a schema version change.
+// page_origins: a page as it was before the refresh gave it a new text, until the next sync.
+// anchors_files: per branch, the SHA-256 of the anchors file the pages last took (seeded) and of
+// the one written from them while no page changed since (written, else NULL).
+constexpr const char* kPageState = R"sql(
+CREATE TABLE IF NOT EXISTS page_origins(
+  branch TEXT NOT NULL,
+  page_id TEXT NOT NULL,
+  citations TEXT NOT NULL,
+  build_cache TEXT,
+  content_hash TEXT,
+  PRIMARY KEY(branch, page_id)
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS anchors_files(
+  branch TEXT PRIMARY KEY,
+  seeded TEXT,
+  written TEXT
+) WITHOUT ROWID;
+)sql";
+
 [[noreturn]] void fail(sqlite3* db, const fs::path& file, const std::string& what) {
   throw StoreError(file.string() + ": " + what + ": " + sqlite3_errmsg(db));
 }
@@ -105,20 +125,6 @@ class Statement {
   sqlite3_stmt* stmt_ = nullptr;
 };
 
-// A page row over the store's record of the page; its fields are read as the refresh asks.
-class StoredRow : public wiki::PageRow {
- public:
-  explicit StoredRow(wiki::Record row) : row_(std::move(row)) {}
-  std::optional<wiki::Record> field(std::string_view key) const override {
-    auto it = row_.find(key);
-    if (it == row_.end()) return std::nullopt;
-    return *it;
-  }
-
- private:
-  wiki::Record row_;
-};
-
 wiki::Record parse_json(const std::string& text, const fs::path& file, const char* what) {
   try {
     return wiki::Record::parse(text);
@@ -126,6 +132,54 @@ wiki::Record parse_json(const std::string& text, const fs::path& file, const cha
     throw StoreError(file.string() + ": stored " + what + " is not JSON: " + error.what());
   }
 }
+
+StoredPage read_page(const Statement& s, const fs::path& file) {
+  StoredPage page{s.text(0), s.text(1), {}, std::nullopt, std::nullopt};
+  const wiki::Record citations = parse_json(s.text(2), file, "citations");
+  if (!citations.is_array()) {
+    throw StoreError(file.string() + ": stored citations of page " + page.page_id +
+                     " are not a list");
+  }
+  page.citations.assign(citations.begin(), citations.end());
+  if (!s.null(3)) page.build_cache = parse_json(s.text(3), file, "build cache");
+  if (!s.null(4)) page.content_hash = s.text(4);
+  return page;
+}
+
+// A page row over the store's columns of the page: the JSON columns are parsed when the refresh
+// asks for them, and a row is not built as one JSON value first.
+class StoredRow : public wiki::PageRow {
+ public:
+  StoredRow(const Statement& s, const fs::path& file)
+      : file_(file),
+        page_id_(s.text(0)),
+        rel_path_(s.text(1)),
+        citations_(s.text(2)),
+        build_cache_(s.null(3) ? std::nullopt : std::optional(s.text(3))),
+        content_hash_(s.null(4) ? std::nullopt : std::optional(s.text(4))) {}
+
+  std::optional<wiki::Record> field(std::string_view key) const override {
+    if (key == "page_id") return wiki::Record(page_id_);
+    if (key == "rel_path") return wiki::Record(rel_path_);
+    if (key == "citations") {
+      wiki::Record citations = parse_json(citations_, file_, "citations");
+      if (!citations.is_array()) {
+        throw StoreError(file_.string() + ": stored citations of page " + page_id_ +
+                         " are not a list");
+      }
+      return citations;
+    }
+    if (key == "build_cache" && build_cache_)
+      return parse_json(*build_cache_, file_, "build cache");
+    if (key == "content_hash" && content_hash_) return wiki::Record(*content_hash_);
+    return std::nullopt;
+  }
+
+ private:
+  fs::path file_;
+  std::string page_id_, rel_path_, citations_;
+  std::optional<std::string> build_cache_, content_hash_;
+};
 
 std::string dump(const wiki::Record& value) { return value.dump(); }
 
@@ -204,6 +258,11 @@ SqliteStore::SqliteStore(const fs::path& repo_root, std::optional<fs::path> db_f
         exec(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
       });
     }
+    Statement tables(db_, file_,
+                     "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND "
+                     "name IN ('page_origins', 'anchors_files')");
+    tables.step();
+    if (tables.integer(0) != 2) transaction([&] { exec(kPageState); });
   } catch (...) {
     sqlite3_close(db_);
     db_ = nullptr;
@@ -257,15 +316,12 @@ bool SqliteStore::is_indexed(const std::string& path) {
 
 std::vector<std::unique_ptr<const wiki::PageRow>> SqliteStore::get_wiki_pages(
     const std::string& branch) {
+  Statement s(db_, file_,
+              "SELECT page_id, rel_path, citations, build_cache, content_hash FROM pages "
+              "WHERE branch = ? ORDER BY page_id");
+  s.bind(1, branch);
   std::vector<std::unique_ptr<const wiki::PageRow>> rows;
-  for (StoredPage& page : pages(branch)) {
-    wiki::Record row{{"page_id", page.page_id},
-                     {"rel_path", page.rel_path},
-                     {"citations", wiki::Record(std::move(page.citations))}};
-    if (page.build_cache) row["build_cache"] = std::move(*page.build_cache);
-    if (page.content_hash) row["content_hash"] = *page.content_hash;
-    rows.push_back(std::make_unique<StoredRow>(std::move(row)));
-  }
+  while (s.step()) rows.push_back(std::make_unique<StoredRow>(s, file_));
   return rows;
 }
 
@@ -275,6 +331,13 @@ void SqliteStore::update_wiki_page_citations(const std::string& branch, const wi
   if (!id) throw wiki::MissingKey("page_id");
   const std::string page_id = id->is_string() ? id->get<std::string>() : id->dump();
   transaction([&] {
+    if (update.content_hash) {
+      Statement keep(db_, file_,
+                     "INSERT OR REPLACE INTO page_origins SELECT branch, page_id, citations, "
+                     "build_cache, content_hash FROM pages WHERE branch = ? AND page_id = ?");
+      keep.bind(1, branch).bind(2, page_id);
+      keep.run();
+    }
     Statement s(db_, file_,
                 "UPDATE pages SET citations = ?, build_cache = ?, "
                 "content_hash = coalesce(?, content_hash) WHERE branch = ? AND page_id = ?");
@@ -286,6 +349,7 @@ void SqliteStore::update_wiki_page_citations(const std::string& branch, const wi
     if (sqlite3_changes(db_) != 1) {
       throw StoreError(file_.string() + ": no page " + page_id + " of branch " + branch);
     }
+    pages_changed(branch);
   });
 }
 
@@ -357,21 +421,31 @@ std::vector<StoredPage> SqliteStore::pages(const std::string& branch) {
               "WHERE branch = ? ORDER BY page_id");
   s.bind(1, branch);
   std::vector<StoredPage> out;
+  while (s.step()) out.push_back(read_page(s, file_));
+  return out;
+}
+
+std::vector<PageHead> SqliteStore::page_heads(const std::string& branch) {
+  Statement s(
+      db_, file_,
+      "SELECT page_id, rel_path, content_hash FROM pages WHERE branch = ? ORDER BY page_id");
+  s.bind(1, branch);
+  std::vector<PageHead> out;
   while (s.step()) {
-    StoredPage page{s.text(0), s.text(1), {}, std::nullopt, std::nullopt};
-    const wiki::Record citations = parse_json(s.text(2), file_, "citations");
-    if (!citations.is_array())
-      throw StoreError(file_.string() + ": stored citations of page " + page.page_id +
-                       " are not a list");
-    page.citations.assign(citations.begin(), citations.end());
-    if (!s.null(3)) page.build_cache = parse_json(s.text(3), file_, "build cache");
-    if (!s.null(4)) page.content_hash = s.text(4);
-    out.push_back(std::move(page));
+    out.push_back({s.text(0), s.text(1), s.null(2) ? std::nullopt : std::optional(s.text(2))});
   }
   return out;
 }
 
-void SqliteStore::replace_pages(const std::string& branch, const std::vector<StoredPage>& pages) {
+void SqliteStore::pages_changed(const std::string& branch) {
+  Statement s(db_, file_,
+              "UPDATE anchors_files SET written = NULL WHERE branch = ? AND written IS NOT NULL");
+  s.bind(1, branch);
+  s.run();
+}
+
+void SqliteStore::replace_pages(const std::string& branch, const std::vector<StoredPage>& pages,
+                                std::optional<std::string> seeded_from) {
   transaction([&] {
     Statement clear(db_, file_, "DELETE FROM pages WHERE branch = ?");
     Statement put(db_, file_, "INSERT INTO pages VALUES (?, ?, ?, ?, ?, ?)");
@@ -384,6 +458,70 @@ void SqliteStore::replace_pages(const std::string& branch, const std::vector<Sto
       put.bind(6, page.content_hash);
       put.run();
     }
+    if (seeded_from) {
+      Statement seeded(db_, file_, "INSERT OR REPLACE INTO anchors_files VALUES (?, ?, NULL)");
+      seeded.bind(1, branch).bind(2, *seeded_from);
+      seeded.run();
+    } else {
+      pages_changed(branch);
+    }
+  });
+}
+
+void SqliteStore::update_pages(const std::string& branch, const std::vector<StoredPage>& changed,
+                               const std::vector<std::string>& removed) {
+  if (changed.empty() && removed.empty()) return;
+  transaction([&] {
+    Statement forget(db_, file_, "DELETE FROM page_origins WHERE branch = ?");
+    forget.bind(1, branch);
+    forget.run();
+    Statement put(db_, file_,
+                  "INSERT OR REPLACE INTO pages (branch, page_id, rel_path, citations, "
+                  "build_cache, content_hash) VALUES (?, ?, ?, ?, ?, ?)");
+    for (const StoredPage& page : changed) {
+      put.bind(1, branch).bind(2, page.page_id).bind(3, page.rel_path);
+      put.bind(4, dump_citations(page.citations));
+      put.bind(5, page.build_cache ? std::optional(dump(*page.build_cache)) : std::nullopt);
+      put.bind(6, page.content_hash);
+      put.run();
+    }
+    Statement drop(db_, file_, "DELETE FROM pages WHERE branch = ? AND page_id = ?");
+    for (const std::string& page_id : removed) {
+      drop.bind(1, branch).bind(2, page_id);
+      drop.run();
+    }
+    pages_changed(branch);
+  });
+}
+
+std::optional<StoredPage> SqliteStore::page_origin(const std::string& branch,
+                                                   const std::string& page_id) {
+  Statement s(db_, file_,
+              "SELECT page_id, '', citations, build_cache, content_hash FROM page_origins "
+              "WHERE branch = ? AND page_id = ?");
+  s.bind(1, branch).bind(2, page_id);
+  if (!s.step()) return std::nullopt;
+  return read_page(s, file_);
+}
+
+std::optional<std::string> SqliteStore::anchors_seeded(const std::string& branch) {
+  Statement s(db_, file_, "SELECT seeded FROM anchors_files WHERE branch = ?");
+  s.bind(1, branch);
+  if (!s.step() || s.null(0)) return std::nullopt;
+  return s.text(0);
+}
+
+bool SqliteStore::anchors_current(const std::string& branch, const std::string& hash) {
+  Statement s(db_, file_, "SELECT 1 FROM anchors_files WHERE branch = ? AND written = ?");
+  s.bind(1, branch).bind(2, hash);
+  return s.step();
+}
+
+void SqliteStore::anchors_written(const std::string& branch, const std::string& hash) {
+  transaction([&] {
+    Statement s(db_, file_, "INSERT OR REPLACE INTO anchors_files VALUES (?, ?, ?)");
+    s.bind(1, branch).bind(2, hash).bind(3, hash);
+    s.run();
   });
 }
 

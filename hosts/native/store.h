@@ -45,6 +45,13 @@ struct StoredPage {
   std::optional<std::string> content_hash;
 };
 
+// A stored page without its records and build cache.
+struct PageHead {
+  std::string page_id;
+  std::string rel_path;
+  std::optional<std::string> content_hash;
+};
+
 // One change of the index, applied as one transaction.
 struct IndexChange {
   // Files whose facts change while their declarations stay (same content, new mtime).
@@ -104,13 +111,39 @@ class SqliteStore : public wiki::Repository {
 
   // ---- Pages ----
   std::vector<StoredPage> pages(const std::string& branch);
+  // The branch's pages ordered by page id, their records left unread.
+  std::vector<PageHead> page_heads(const std::string& branch);
   // Makes `pages` the branch's pages: each is stored as given, and pages of the branch not among
-  // them are removed. One transaction.
-  void replace_pages(const std::string& branch, const std::vector<StoredPage>& pages);
+  // them are removed. With `seeded_from`, also records it as the anchors file the pages took
+  // (anchors_seeded). One transaction.
+  void replace_pages(const std::string& branch, const std::vector<StoredPage>& pages,
+                     std::optional<std::string> seeded_from = std::nullopt);
+  // Stores `changed` (new pages or new versions of stored ones) and removes the pages `removed`
+  // of the branch; other pages stay as they are. Forgets the branch's page origins. One
+  // transaction; nothing is written when both are empty.
+  void update_pages(const std::string& branch, const std::vector<StoredPage>& changed,
+                    const std::vector<std::string>& removed);
+  // The page as it was before the refresh last gave it a new text (update_wiki_page_citations
+  // with a content hash): the records, build cache and content hash of the text it was written
+  // from. A page file found with that hash is a write that never happened, and those records
+  // are its records. nullopt when there is none.
+  std::optional<StoredPage> page_origin(const std::string& branch, const std::string& page_id);
+
+  // ---- The anchors file ----
+  // SHA-256 of the anchors file whose records the branch's pages last took, by seeding or by
+  // writing the file; nullopt when none.
+  std::optional<std::string> anchors_seeded(const std::string& branch);
+  // Whether the anchors file whose SHA-256 is `hash` was written from the branch's pages and no
+  // page of the branch changed since.
+  bool anchors_current(const std::string& branch, const std::string& hash);
+  // Records that the anchors file whose SHA-256 is `hash` now holds the branch's pages.
+  void anchors_written(const std::string& branch, const std::string& hash);
 
  private:
   void transaction(const std::function<void()>& body);
   void exec(const char* sql);
+  // Within a transaction that changes pages of `branch`: the anchors file no longer holds them.
+  void pages_changed(const std::string& branch);
 
   std::filesystem::path root_;
   std::filesystem::path file_;

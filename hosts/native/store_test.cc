@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <functional>
+
 #include "tests/temp_dir.h"
 
 namespace tolbarrow::hosts::native {
@@ -114,6 +116,33 @@ TEST(Store, PathsLeadingOutsideTheRepositoryAreNeverIndexed) {
   for (const auto& path : hostile) EXPECT_FALSE(store.is_indexed(path)) << path;
   EXPECT_TRUE(store.is_indexed("src/a.py"));
   EXPECT_FALSE(store.is_indexed("src/b.py"));
+}
+
+// The anchors file counts as written from the pages until any page of its branch changes.
+TEST(Store, AnyPageChangeMakesTheWrittenAnchorsFileStale) {
+  const std::vector<std::pair<const char*, std::function<void(SqliteStore&)>>> changes = {
+      {"refresh update",
+       [](SqliteStore& s) {
+         s.update_wiki_page_citations("main", *s.get_wiki_pages("main")[0], wiki::PageUpdate{});
+       }},
+      {"sync", [](SqliteStore& s) { s.update_pages("main", {}, {"a"}); }},
+      {"replace", [](SqliteStore& s) { s.replace_pages("main", {}); }},
+      {"seed", [](SqliteStore& s) { s.replace_pages("main", {}, "other"); }},
+  };
+  for (const auto& [what, change] : changes) {
+    TempDir repo;
+    SqliteStore store(repo.path());
+    store.replace_pages("main", {{"a", "a.md", {}, std::nullopt, "h"}}, "seeded");
+    EXPECT_EQ(store.anchors_seeded("main"), "seeded") << what;
+    EXPECT_FALSE(store.anchors_current("main", "seeded")) << what;
+    store.anchors_written("main", "w");
+    store.anchors_written("other", "w");
+    store.update_pages("main", {}, {});  // no change
+    EXPECT_TRUE(store.anchors_current("main", "w")) << what;
+    change(store);
+    EXPECT_FALSE(store.anchors_current("main", "w")) << what;
+    EXPECT_TRUE(store.anchors_current("other", "w")) << what;
+  }
 }
 
 }  // namespace

@@ -40,10 +40,7 @@ std::string one_line(const wiki::Record& value) {
 
 }  // namespace
 
-std::optional<Anchors> read_anchors(const fs::path& file) {
-  std::error_code error;
-  if (!fs::exists(file, error)) return std::nullopt;
-  const std::string bytes = read_bytes(file);
+Anchors parse_anchors(const std::string& bytes, const fs::path& file) {
   const std::size_t bad = wiki::first_invalid_utf8(bytes);
   if (bad != std::string::npos) {
     throw AnchorsError(file.string() + ": not valid UTF-8 at byte " + std::to_string(bad));
@@ -114,7 +111,8 @@ std::string dump_anchors(const std::vector<StoredPage>& pages, const wiki::Recor
   return out + "\n}\n";
 }
 
-void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors) {
+void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors,
+                const std::string& hash) {
   std::vector<StoredPage> pages = store.pages(branch);
   std::unordered_set<std::string> known;
   for (StoredPage& page : pages) {
@@ -129,12 +127,13 @@ void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& an
       if (!key || !keys.count(*key)) citations.push_back(std::move(record));
     }
     page.citations = std::move(citations);
+    page.content_hash.reset();  // its records are no longer known to be its text's
   }
   for (const auto& [id, records] : anchors) {
     if (known.count(id)) continue;
     pages.push_back(StoredPage{.page_id = id, .rel_path = id + ".md", .citations = records});
   }
-  store.replace_pages(branch, pages);
+  store.replace_pages(branch, pages, hash);
 }
 
 }  // namespace tolbarrow::hosts::native::command

@@ -26,9 +26,9 @@ class AnchorsError : public std::runtime_error {
 // Page id -> the page's citation records, in the store's order.
 using Anchors = std::map<std::string, std::vector<wiki::Record>>;
 
-// The anchors file's records; nullopt when the file does not exist. Throws AnchorsError for a
+// The records of the anchors file `file` whose content is `bytes`. Throws AnchorsError for a
 // file that is not UTF-8 JSON of the expected shape (a merge conflict left in it, say).
-std::optional<Anchors> read_anchors(const std::filesystem::path& file);
+Anchors parse_anchors(const std::string& bytes, const std::filesystem::path& file);
 
 // The file's text for `pages`: pretty-printed JSON, pages in page id order, one citation record
 // per line in the store's order, so that concurrent edits of different pages merge cleanly. The
@@ -37,7 +37,11 @@ std::string dump_anchors(const std::vector<StoredPage>& pages, const wiki::Recor
 
 // Puts the anchors file's records into the branch's stored pages: a citation (path and lines)
 // that the file records takes the file's record, other stored records stay, and a page only the
-// file knows is added (page_sync then drops whatever its text no longer cites).
-void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors);
+// file knows is added; a page that takes records loses its content hash, so that page_sync
+// drops whatever its text no longer cites. Records `hash`,
+// the file's SHA-256, as the anchors file the pages took, in the same transaction: seeding the
+// same file again would give pages that a refresh rewrote since their records from before it.
+void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors,
+                const std::string& hash);
 
 }  // namespace tolbarrow::hosts::native::command

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <unordered_set>
+#include <set>
 
 #include "hosts/native/command/anchors.h"
 #include "hosts/native/command/history.h"
@@ -148,30 +148,81 @@ class ScratchStore {
   fs::path file_;
 };
 
-// Citations of files that the index does not hold, which the refresh leaves alone.
-std::vector<MissingCitation> missing_citations(SqliteStore& store, wiki::CitationSyntax& syntax,
-                                               const std::string& branch, const fs::path& wiki_dir,
-                                               wiki::FileSystem& files) {
+// Citations of files that the index does not hold, which the refresh leaves alone: it moves no
+// citation of them, so the keys the sync found are still those of the page texts, but for the
+// files followed to their new names before the refresh.
+std::vector<MissingCitation> missing_citations(SqliteStore& store, const SyncStats& synced,
+                                               const std::vector<FollowedRename>& renamed) {
+  std::set<std::pair<std::string, std::string>> followed;  // page id, old path
+  for (const FollowedRename& rename : renamed) followed.emplace(rename.page_id, rename.from);
   std::vector<MissingCitation> missing;
-  for (const StoredPage& page : store.pages(branch)) {
-    const fs::path file = wiki_dir / page.rel_path;
-    if (!files.is_file(file)) continue;
-    const wiki::Text text(files.read_file(file), file.string());
-    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> seen;
-    syntax.find(text, [&](const wiki::Citation& citation) {
-      const wiki::CitationKey& key = citation.key;
-      if (key.start < 1 || !seen.insert(key).second || store.is_indexed(key.path)) return;
-      missing.push_back({page.page_id, key.path,
-                         "L" + std::to_string(key.start) + "-L" + std::to_string(key.end)});
-    });
+  for (const auto& [page_id, key] : synced.cited) {
+    if (key.start < 1 || followed.count({page_id, key.path}) || store.is_indexed(key.path)) {
+      continue;
+    }
+    missing.push_back(
+        {page_id, key.path, "L" + std::to_string(key.start) + "-L" + std::to_string(key.end)});
   }
   return missing;
 }
 
+// Holds back each page file write of the refresh until the store has taken the page's new
+// records (and, with them, the records the page's text was written from, its origin). A run
+// stopped between the two leaves the old text with the store's origin of the same hash, which the
+// next sync takes back; the other order would leave a new text beside records that are not its.
+class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
+ public:
+  StoreBeforePages(wiki::FileSystem& files, SqliteStore& store) : files_(files), store_(store) {}
+
+  bool is_file(const fs::path& path) override { return files_.is_file(path); }
+  std::string read_file(const fs::path& path) override { return files_.read_file(path); }
+  void atomic_write(const fs::path& path, std::string_view content) override {
+    flush();
+    if (path.extension() == ".md") {
+      pending_.emplace(path, std::string(content));
+    } else {
+      files_.atomic_write(path, content);
+    }
+  }
+
+  std::vector<wiki::Symbol> get_symbols_by_path(const std::string& path) override {
+    return store_.get_symbols_by_path(path);
+  }
+  bool is_indexed(const std::string& path) override { return store_.is_indexed(path); }
+  std::vector<std::unique_ptr<const wiki::PageRow>> get_wiki_pages(
+      const std::string& branch) override {
+    return store_.get_wiki_pages(branch);
+  }
+  void update_wiki_page_citations(const std::string& branch, const wiki::PageRow& row,
+                                  const wiki::PageUpdate& update) override {
+    store_.update_wiki_page_citations(branch, row, update);
+    flush();
+  }
+  std::string text_hash(const std::string& text) override { return store_.text_hash(text); }
+
+  // Writes the page held back, if any.
+  void flush() {
+    if (!pending_) return;
+    const auto [path, content] = std::move(*pending_);
+    pending_.reset();
+    files_.atomic_write(path, content);
+  }
+
+ private:
+  wiki::FileSystem& files_;
+  SqliteStore& store_;
+  std::optional<std::pair<fs::path, std::string>> pending_;
+};
+
 // Writes the anchors file from the store when it changed, with the work tree's mark; under the
-// wiki's write lock.
+// wiki's write lock. A file that the store knows it wrote, with no page changed since, is not read
+// back.
 bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path& file) {
-  return write_anchors_marked(store, branch, file, [&] {
+  std::error_code error;
+  if (fs::exists(file, error) && store.anchors_current(branch, sha256_hex(read_bytes(file)))) {
+    return false;
+  }
+  const bool changed = write_anchors_marked(store, branch, file, [&] {
     std::vector<std::string> paths;
     for (const StoredPage& page : store.pages(branch)) {
       for (const wiki::Record& record : page.citations) {
@@ -182,6 +233,8 @@ bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path
     }
     return current_mark(store.repo_root(), paths, /*keep_blobs=*/true);
   });
+  store.anchors_written(branch, sha256_hex(read_bytes(file)));
+  return changed;
 }
 
 }  // namespace
@@ -190,7 +243,9 @@ Outcome run(const Options& options) {
   const Place place = locate(options);
   const std::string ctags = find_ctags();
   const fs::path anchors_file = place.wiki / kAnchorsFileName;
-  const std::optional<Anchors> anchors = read_anchors(anchors_file);
+  std::optional<std::string> anchors;  // the anchors file's bytes
+  if (std::error_code error; fs::exists(anchors_file, error)) anchors = read_bytes(anchors_file);
+  const std::string anchors_hash = anchors ? sha256_hex(*anchors) : "";
   Progress progress(!options.quiet && ::isatty(STDERR_FILENO) == 1);
   auto note = [&](const std::string& line) {
     if (!options.quiet) std::fprintf(stderr, "citation-refresh: %s\n", line.c_str());
@@ -203,20 +258,25 @@ Outcome run(const Options& options) {
 
   Outcome outcome;
   outcome.reported_only = options.check;
-  // Syncs the pages into `store`, the anchors file's records first.
+  // Syncs the pages into `store`, first the anchors file's records unless the store took that
+  // file already (the same file again would undo the pages a stopped run rewrote).
+  SyncStats synced;
   auto sync = [&](SqliteStore& store) {
-    if (!anchors && store.pages(place.branch).empty()) {
+    if (!anchors && store.page_heads(place.branch).empty()) {
       note("no " + anchors_file.string() +
            " and no stored pages: anchoring citations from their prose");
     }
-    if (anchors) seed_pages(store, place.branch, *anchors);
+    if (anchors && store.anchors_seeded(place.branch) != anchors_hash) {
+      seed_pages(store, place.branch, parse_anchors(*anchors, anchors_file), anchors_hash);
+      detail("took the records of " + anchors_file.string());
+    }
     MarkdownCitationSyntax syntax;
     progress.begin("reading pages");
-    const SyncStats stats = sync_pages(store, syntax, place.branch, place.wiki);
+    synced = sync_pages(store, syntax, place.branch, place.wiki);
     progress.end();
-    for (const std::string& why : stats.skipped) note("skipped " + why);
-    detail(std::to_string(stats.pages) + " pages, " + std::to_string(stats.citations_added) +
-           " new citations, " + std::to_string(stats.citations_dropped) + " citations gone");
+    for (const std::string& why : synced.skipped) note("skipped " + why);
+    detail(std::to_string(synced.pages) + " pages, " + std::to_string(synced.citations_added) +
+           " new citations, " + std::to_string(synced.citations_dropped) + " citations gone");
   };
 
   std::unique_ptr<SqliteStore> store;
@@ -299,23 +359,25 @@ Outcome run(const Options& options) {
   NativeHost native(*store);
   native.file_system.allow(place.wiki);
   OverlayFileSystem pages_now(native.file_system, std::move(carried_texts));
-  CountingFileSystem files(pages_now, progress);
+  CountingFileSystem counted(pages_now, progress);
+  StoreBeforePages ordered(counted, *store);
   const RefreshLog log = make_refresh_log(options.quiet);
   const cr::Host host{.syntax = native.syntax,
                       .anchoring = native.anchoring,
                       .ranges = native.ranges,
-                      .file_system = files,
+                      .file_system = ordered,
                       .locks = native.locks,
                       .logger = log.logger};
-  progress.begin("refreshing pages", store->pages(place.branch).size());
+  progress.begin("refreshing pages", synced.pages);
   if (outcome.reported_only) {
-    outcome.result =
-        cr::refresh_citations(host, *store, place.branch, place.wiki, place.root, {.write = false});
+    outcome.result = cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root,
+                                           {.write = false});
   } else {
     outcome.result =
-        cr::refresh_citations_if_free(host, *store, place.branch, place.wiki, place.root);
+        cr::refresh_citations_if_free(host, ordered, place.branch, place.wiki, place.root);
     outcome.busy = outcome.reported_only = *log.busy;
   }
+  ordered.flush();
   progress.end();
 
   if (!outcome.reported_only) {
@@ -335,7 +397,7 @@ Outcome run(const Options& options) {
     if (outcome.anchors_written) detail("wrote " + anchors_file.string());
   }
 
-  outcome.missing = missing_citations(*store, native.syntax, place.branch, place.wiki, pages_now);
+  outcome.missing = missing_citations(*store, synced, outcome.renamed);
   return outcome;
 }
 

@@ -1,6 +1,7 @@
 """citation-refresh end to end: the built program over a real git repository and real ctags."""
 
 import fcntl
+import hashlib
 import json
 import re
 import sqlite3
@@ -391,3 +392,42 @@ def test_history_is_carried_and_check_agrees_with_write(repo, what, change, expe
     assert not written["lost"] and not written["missing"]
     assert ("k.py" in expected) == bool(written["renamed"])
     assert repo.run("--check").returncode == 0
+
+
+def module(shift):
+    """Four functions four lines apart: a shift of 4 makes each one's new lines the next one's old
+    lines."""
+    lines = ["# moved"] * shift
+    for f in range(4):
+        lines += [f"def func_{f}(x):", f"    y = x + {f}", "    return y", ""]
+    return "\n".join(lines) + "\n"
+
+
+def cites(shift):
+    return "# Funcs\n\n" + "".join(
+        f"`func_{f}` adds {f} [func_{f}](/src/mod.py#L{1 + shift + 4 * f}-L{3 + shift + 4 * f}).\n"
+        for f in range(4))
+
+
+@pytest.mark.parametrize("page_written", [True, False])
+def test_a_run_stopped_after_storing_its_pages_is_finished_without_moving_twice(repo, page_written):
+    repo.write("src/mod.py", module(0))
+    repo.write("docs/funcs.md", cites(0))
+    assert repo.run().returncode == 0
+    repo.commit("anchored")
+    repo.write("src/mod.py", module(4))
+    assert repo.run().returncode == 0
+    assert repo.read("docs/funcs.md") == cites(4)
+    finished = {rel: repo.read(rel) for rel in ("docs/funcs.md", "docs/.citation-anchors.json")}
+
+    # What a run leaves that stopped before writing the anchors file (and before writing the
+    # page whose new records it stored): the store still knows the committed anchors file.
+    repo.git("checkout", "--", "docs/.citation-anchors.json")
+    if not page_written:
+        repo.git("checkout", "--", "docs/funcs.md")
+    anchors = hashlib.sha256((repo.root / "docs/.citation-anchors.json").read_bytes()).hexdigest()
+    with sqlite3.connect(repo.root / ".git" / "citation-refresh.db") as db:
+        db.execute("UPDATE anchors_files SET seeded = ?, written = NULL", (anchors,))
+    done = repo.run()
+    assert done.returncode == 0, done.stderr
+    assert {rel: repo.read(rel) for rel in finished} == finished
