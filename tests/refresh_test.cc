@@ -71,11 +71,14 @@ TEST_F(RefreshCitations, OneCitationFollowsItsDeclarationThenNothingMoves) {
             "{\n  \"p1\": {\n    \"citations\": [\n      {\n        \"path\": \"src/a.py\",\n"
             "        \"line_start\": 20,\n        \"line_end\": 22,\n        \"x\": 1\n      }\n"
             "    ],\n    \"summary\": \"s\"\n  },\n  \"p9\": null\n}");
-  EXPECT_EQ(writes(), (Calls{"write p1.md", "write digests.json"}));
+  // The digest's change is journaled before the page is written, and the journal removed once the
+  // digest file holds it.
+  EXPECT_EQ(writes(), (Calls{"write .digests-pending.json", "write p1.md", "write digests.json"}));
+  EXPECT_EQ(host.calls.back(), "remove .digests-pending.json");
 
   // The store kept what it was given: a second refresh finds everything in place.
   EXPECT_EQ(refresh(), cr::CitationRefresh());
-  EXPECT_EQ(writes().size(), 2u);
+  EXPECT_EQ(writes().size(), 3u);
   EXPECT_EQ(repo.updates.size(), 1u);
 }
 

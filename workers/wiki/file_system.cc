@@ -101,4 +101,8 @@ void RealFileSystem::atomic_write(const fs::path& path, std::string_view content
   if (directory.fd < 0 || ::fsync(directory.fd) != 0) fail("cannot flush directory", dir, errno);
 }
 
+void RealFileSystem::remove_file(const fs::path& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail("cannot remove", path, errno);
+}
+
 }  // namespace tolbarrow::workers::wiki

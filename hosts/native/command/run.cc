@@ -238,12 +238,14 @@ Outcome run(const Options& options) {
   }
 
   progress.begin("indexing");
-  // The wiki's anchors and digest files are the tool's state, not code.
+  // The wiki's anchors and digest files (the digest journal too) are the tool's state, not code.
   const auto state_file = [&](const fs::path& file) {
     return fs::weakly_canonical(file).lexically_relative(store->repo_root()).generic_string();
   };
   const IndexStats indexed =
-      Indexer(*store, ctags, {state_file(anchors_file), state_file(place.wiki / "digests.json")})
+      Indexer(*store, ctags,
+              {state_file(anchors_file), state_file(place.wiki / "digests.json"),
+               state_file(place.wiki / std::string(cr::DIGEST_JOURNAL))})
           .update();
   progress.end();
   detail(std::to_string(indexed.files) + " files indexed, " + std::to_string(indexed.reindexed) +
