@@ -128,10 +128,14 @@ void move_digest_citations(Record* digest, const Moves& moves, std::vector<Diges
 
 // ---- Keeping the digest file in step with the pages -------------------------------------------
 //
-// The journal holds, for each page whose digest a refresh changed, the page's file, the host's
-// hash of the page text before the refresh, and each changed digest citation: its index in the
-// digest's citations, its stored key before and its new lines. It is written whole (atomically)
-// before each such page is written, and removed once "digests.json" holds all of it.
+// The journal holds one line of JSON for each page whose digest a refresh changed: the page's
+// id and file, the host's hash of the page text before the refresh, and each changed digest
+// citation with its index in the digest's citations, its stored key before and its new lines.
+// The line is appended, and on disk, before the page is written; the journal is removed once
+// "digests.json" holds all of it. Appending keeps a refresh's journal writes in proportion to its
+// changes (rewriting the whole journal for every page would grow with the square of the wiki). A
+// crash inside an append leaves a last line without its line feed: that page was never written,
+// and the line is passed over.
 //
 // The next writing refresh, under the same write lock, applies a page's changes only when its
 // file is no longer the text it was moved from: a page whose write never happened is moved again
@@ -170,49 +174,53 @@ bool DigestFile::load() {
 
 void DigestFile::recover() {
   if (!file_system_.is_file(journal_path_)) return;
-  const Record journal = Record::parse(file_system_.read_file(journal_path_), nullptr, false);
+  const std::string journal = file_system_.read_file(journal_path_);
   // Left as it is with the digest file, for a refresh that can rewrite the file to apply.
   if (!load()) return;
+  std::size_t line = 0;
   try {
-    apply(journal);
+    // Whole lines only: a last line without its line feed is a torn append.
+    for (std::size_t at = 0, end; (end = journal.find('\n', at)) != std::string::npos;
+         at = end + 1) {
+      ++line;
+      apply(Record::parse(std::string_view(journal).substr(at, end - at)));
+    }
   } catch (const nlohmann::json::exception& error) {
-    throw std::runtime_error(journal_path_.string() + ": not a journal of digest changes (" +
-                             error.what() +
-                             "); remove it to go on, and check the digests of the pages that the "
-                             "last interrupted refresh wrote");
+    throw std::runtime_error(journal_path_.string() + ": line " + std::to_string(line) +
+                             " is no digest change (" + error.what() +
+                             "); remove the file to go on, and check the digests of the pages "
+                             "that the last interrupted refresh wrote");
   }
   file_system_.atomic_write(digests_path_, dump_digests(*digests_));
   file_system_.remove_file(journal_path_);
 }
 
-void DigestFile::apply(const Record& journal) {
-  for (const Record& page : journal.at("pages")) {
-    const Record& old_hash = page.at("old_text_hash");
-    if (!old_hash.is_null()) {
-      const fs::path page_file = wiki_dir_ / page.at("page").get<std::string>();
-      if (file_system_.is_file(page_file) &&
-          repository_.text_hash(read_page_(page_file)) == old_hash.get<std::string>()) {
-        continue;  // never written
-      }
+void DigestFile::apply(const Record& page) {
+  const Record& old_hash = page.at("old_text_hash");
+  if (!old_hash.is_null()) {
+    const fs::path page_file = wiki_dir_ / page.at("page").get<std::string>();
+    if (file_system_.is_file(page_file) &&
+        repository_.text_hash(read_page_(page_file)) == old_hash.get<std::string>()) {
+      return;  // never written
     }
-    auto entry = digest_at_.find(page.at("page_id").get<std::string>());
-    if (entry == digest_at_.end() || !entry->second->is_object()) continue;
-    auto citations = entry->second->find("citations");
-    if (citations == entry->second->end() || !citations->is_array()) continue;
-    for (const Record& change : page.at("citations")) {
-      const auto index = change.at(0).get<std::size_t>();
-      if (index >= citations->size() || !(*citations)[index].is_object()) continue;
-      Record& citation = (*citations)[index];
-      const CitationKey from{change.at(1).get<std::string>(), change.at(2).get<Line>(),
-                             change.at(3).get<Line>()};
-      try {
-        if (!(stored_key(citation) == from)) continue;  // changed already, or since
-      } catch (const std::invalid_argument&) {
-        continue;  // lines that are no lines now: not the citation that was moved
-      }
-      citation["line_start"] = change.at(4).get<Line>();
-      citation["line_end"] = change.at(5).get<Line>();
+  }
+  auto entry = digest_at_.find(page.at("page_id").get<std::string>());
+  if (entry == digest_at_.end() || !entry->second->is_object()) return;
+  auto citations = entry->second->find("citations");
+  if (citations == entry->second->end() || !citations->is_array()) return;
+  for (const Record& change : page.at("citations")) {
+    const auto index = change.at(0).get<std::size_t>();
+    if (index >= citations->size() || !(*citations)[index].is_object()) continue;
+    Record& citation = (*citations)[index];
+    const CitationKey from{change.at(1).get<std::string>(), change.at(2).get<Line>(),
+                           change.at(3).get<Line>()};
+    try {
+      if (!(stored_key(citation) == from)) continue;  // changed already, or since
+    } catch (const std::invalid_argument&) {
+      continue;  // lines that are no lines now: not the citation that was moved
     }
+    citation["line_start"] = change.at(4).get<Line>();
+    citation["line_end"] = change.at(5).get<Line>();
   }
 }
 
@@ -230,19 +238,18 @@ void DigestFile::move(const std::string& page_id, const fs::path& rel_path,
   for (const auto& [index, from, to] : changed) {
     citations.push_back({index, from.path, from.start, from.end, to.first, to.last});
   }
-  journal_.push_back(
-      {{"page_id", page_id},
-       {"page", rel_path.string()},
-       {"old_text_hash", old_text ? Record(repository_.text_hash(*old_text)) : Record()},
-       {"citations", std::move(citations)}});
-  Record journal = Record::object();
-  journal["pages"] = journal_;
-  file_system_.atomic_write(journal_path_, journal.dump());
+  const Record line = {
+      {"page_id", page_id},
+      {"page", rel_path.string()},
+      {"old_text_hash", old_text ? Record(repository_.text_hash(*old_text)) : Record()},
+      {"citations", std::move(citations)}};
+  file_system_.append(journal_path_, line.dump() + "\n");
+  journaled_ = true;
 }
 
 void DigestFile::finish() {
   if (moved_ && digests_) file_system_.atomic_write(digests_path_, dump_digests(*digests_));
-  if (!journal_.empty()) file_system_.remove_file(journal_path_);
+  if (journaled_) file_system_.remove_file(journal_path_);
 }
 
 }  // namespace tolbarrow::workers::wiki::citation_refresh::detail

@@ -172,7 +172,7 @@ class DigestFile {
 
  private:
   bool load();  // reads the digest map once; false when the file is left as it is
-  void apply(const Record& journal);
+  void apply(const Record& page);
 
   FileSystem& file_system_;
   Repository& repository_;
@@ -183,7 +183,7 @@ class DigestFile {
   bool moved_ = false;             // some page had moves
   std::optional<Record> digests_;  // none when the file is left as it is
   std::unordered_map<std::string, Record*> digest_at_;
-  Record journal_ = Record::array();  // this refresh's entries, one per page
+  bool journaled_ = false;  // this refresh added to the journal
 };
 
 // ---- The lock ---------------------------------------------------------------------------------
