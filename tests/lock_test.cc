@@ -36,8 +36,8 @@ class GuardedRefresh : public ::testing::Test {
 
 TEST_F(GuardedRefresh, WritesUnderTheLockWhenItIsFree) {
   EXPECT_EQ(run(), (cr::CitationRefresh{.repaired = 1, .pages_written = 1}));
-  EXPECT_EQ(host.calls, (Calls{"lock /wiki", "acquire", "read p.md", "write p.md",
-                               "read digests.json", "write digests.json", "release"}));
+  EXPECT_EQ(host.calls, (Calls{"lock /wiki", "acquire", "read p.md", "read digests.json",
+                               "write p.md", "write digests.json", "release"}));
   EXPECT_TRUE(host.log_lines.empty());
 }
 

@@ -158,6 +158,18 @@ void MemoryFileSystem::atomic_write(const fs::path& path, std::string_view conte
   files[path] = std::string(content);
 }
 
+void MemoryFileSystem::append(const fs::path& path, std::string_view content) {
+  calls_.push_back("append " + path.filename().string());
+  if (fault) fault("append", path);
+  files[path] += content;
+}
+
+void MemoryFileSystem::remove_file(const fs::path& path) {
+  calls_.push_back("remove " + path.filename().string());
+  if (fault) fault("remove", path);
+  files.erase(path);
+}
+
 // ---- Host services ----------------------------------------------------------------------------
 
 MemoryHost::MemoryHost()

@@ -42,13 +42,15 @@ class MemoryFileSystem : public FileSystem {
 
   std::map<fs::path, std::string> files;  // regular files and their bytes
   std::set<fs::path> directories;         // paths that exist but are no regular file
-  // Called before each operation ("read", "write") on a path; throwing from it fails that
-  // operation, as a full disk or an I/O error would.
+  // Called before each operation ("read", "write", "append", "remove") on a path; throwing from it
+  // fails that operation, as a full disk or an I/O error would.
   std::function<void(const std::string& operation, const fs::path& path)> fault;
 
   bool is_file(const fs::path& path) override;
   std::string read_file(const fs::path& path) override;
   void atomic_write(const fs::path& path, std::string_view content) override;
+  void append(const fs::path& path, std::string_view content) override;
+  void remove_file(const fs::path& path) override;
 
  private:
   std::vector<std::string>& calls_;
@@ -73,7 +75,7 @@ class MemoryHost : public CitationSyntax,
   std::vector<std::string> log_lines;  // what the logger received, as "level: text"
 
   // What the host was asked, in order: "lock <dir>", "acquire", "release", "read <file name>",
-  // "write <file name>".
+  // "write <file name>", "append <file name>", "remove <file name>".
   std::vector<std::string> calls;
   std::vector<std::string> anchor_calls;  // "first-last" of each anchor_symbol call
   int pattern_searches = 0;

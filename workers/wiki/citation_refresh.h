@@ -42,6 +42,10 @@ inline constexpr std::string_view MODULE_NAME = "tolbarrow.workers.wiki.citation
 // The one line the module logs (at info level), when another writer holds the wiki's lock.
 inline constexpr std::string_view BUSY_MESSAGE =
     "wiki citation refresh: the wiki is being written; reporting only";
+// The file beside "digests.json" that holds the digest changes of pages a writing refresh has
+// written but not yet put in "digests.json"; the next writing refresh finishes them. Like the
+// digest file it is the tool's state, not a page or code.
+inline constexpr std::string_view DIGEST_JOURNAL = ".digests-pending.json";
 
 // ---- Errors of the module's own ---------------------------------------------------------------
 // Besides these: MissingKey (types.h), InvalidUtf8 (text.h) for a page file that is not UTF-8,

@@ -101,4 +101,23 @@ void RealFileSystem::atomic_write(const fs::path& path, std::string_view content
   if (directory.fd < 0 || ::fsync(directory.fd) != 0) fail("cannot flush directory", dir, errno);
 }
 
+void RealFileSystem::append(const fs::path& path, std::string_view content) {
+  const bool existed = ::access(path.c_str(), F_OK) == 0;
+  {
+    Fd file{::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666)};
+    if (file.fd < 0) fail("cannot open", path, errno);
+    write_all(file.fd, content, path);
+    if (::fsync(file.fd) != 0) fail("cannot flush", path, errno);
+  }
+  if (existed) return;
+  // A new file's name is on disk once its directory is.
+  const fs::path dir = path.has_parent_path() ? path.parent_path() : fs::path(".");
+  Fd directory{::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  if (directory.fd < 0 || ::fsync(directory.fd) != 0) fail("cannot flush directory", dir, errno);
+}
+
+void RealFileSystem::remove_file(const fs::path& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail("cannot remove", path, errno);
+}
+
 }  // namespace tolbarrow::workers::wiki

@@ -8,7 +8,7 @@
 namespace tolbarrow::workers::wiki {
 
 // Errors are std::filesystem::filesystem_error naming the path; the refresh lets them reach its
-// caller (except for the digest file, whose read errors it treats as no digest).
+// caller (except for an absent digest file, which it treats as no digest).
 class FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -21,6 +21,11 @@ class FileSystem {
   // Replaces the file's content as one step, so that a reader sees the old content or the new,
   // never a mix.
   virtual void atomic_write(const std::filesystem::path& path, std::string_view content) = 0;
+  // Adds `content` at the end of the file at `path` (created when absent) and returns once it is
+  // on disk. A failure, or a crash, may leave a part of it written.
+  virtual void append(const std::filesystem::path& path, std::string_view content) = 0;
+  // Removes the file at `path`; a file that is not there is no error.
+  virtual void remove_file(const std::filesystem::path& path) = 0;
 };
 
 // The operating system's file system. atomic_write writes a temporary file in the same
@@ -31,6 +36,8 @@ class RealFileSystem : public FileSystem {
   bool is_file(const std::filesystem::path& path) override;
   std::string read_file(const std::filesystem::path& path) override;
   void atomic_write(const std::filesystem::path& path, std::string_view content) override;
+  void append(const std::filesystem::path& path, std::string_view content) override;
+  void remove_file(const std::filesystem::path& path) override;
 };
 
 }  // namespace tolbarrow::workers::wiki

@@ -82,6 +82,10 @@ class OverlayFileSystem : public wiki::FileSystem {
   bool is_file(const std::filesystem::path& path) override;
   std::string read_file(const std::filesystem::path& path) override;
   void atomic_write(const std::filesystem::path& path, std::string_view content) override;
+  void append(const std::filesystem::path& path, std::string_view content) override {
+    base_.append(path, content);
+  }
+  void remove_file(const std::filesystem::path& path) override { base_.remove_file(path); }
 
  private:
   wiki::FileSystem& base_;

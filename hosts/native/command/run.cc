@@ -176,6 +176,14 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
 
   bool is_file(const fs::path& path) override { return files_.is_file(path); }
   std::string read_file(const fs::path& path) override { return files_.read_file(path); }
+  void append(const fs::path& path, std::string_view content) override {
+    flush();
+    files_.append(path, content);
+  }
+  void remove_file(const fs::path& path) override {
+    flush();
+    files_.remove_file(path);
+  }
   void atomic_write(const fs::path& path, std::string_view content) override {
     flush();
     if (path.extension() == ".md") {
@@ -307,12 +315,14 @@ Outcome run(const Options& options) {
   }
 
   progress.begin("indexing");
-  // The wiki's anchors and digest files are the tool's state, not code.
+  // The wiki's anchors and digest files (the digest journal too) are the tool's state, not code.
   const auto state_file = [&](const fs::path& file) {
     return fs::weakly_canonical(file).lexically_relative(store->repo_root()).generic_string();
   };
   const IndexStats indexed =
-      Indexer(*store, ctags, {state_file(anchors_file), state_file(place.wiki / "digests.json")},
+      Indexer(*store, ctags,
+              {state_file(anchors_file), state_file(place.wiki / "digests.json"),
+               state_file(place.wiki / std::string(cr::DIGEST_JOURNAL))},
               state_file(place.wiki))
           .update();
   progress.end();

@@ -69,6 +69,10 @@ class CountingFileSystem : public wiki::FileSystem {
   void atomic_write(const std::filesystem::path& path, std::string_view content) override {
     inner_.atomic_write(path, content);
   }
+  void append(const std::filesystem::path& path, std::string_view content) override {
+    inner_.append(path, content);
+  }
+  void remove_file(const std::filesystem::path& path) override { inner_.remove_file(path); }
 
  private:
   wiki::FileSystem& inner_;

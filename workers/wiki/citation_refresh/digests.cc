@@ -1,9 +1,91 @@
-// The wiki's "digests.json": reading it, and moving one page digest's citation ranges.
+// The wiki's "digests.json": reading it, moving one page digest's citation ranges, and keeping it
+// in step with the pages of a refresh that stops part way.
+#include <cmath>
+#include <cstdlib>
+#include <stdexcept>
+#include <tuple>
+
 #include "workers/wiki/citation_refresh/internal.h"
 
 namespace tolbarrow::workers::wiki::citation_refresh::detail {
+namespace fs = std::filesystem;
+namespace {
 
-Record read_digests(FileSystem& file_system, const std::filesystem::path& path) {
+// A decimal number's value as sign, significant digits and the power of ten of the last digit,
+// so that two spellings of one value compare equal ("1.50e1" and "15").
+std::tuple<bool, std::string, long> decimal_value(std::string_view text) {
+  const bool negative = !text.empty() && text.front() == '-';
+  std::string digits;
+  long exponent = 0;
+  bool fraction = false;
+  std::size_t i = negative ? 1 : 0;
+  for (; i < text.size() && text[i] != 'e' && text[i] != 'E'; ++i) {
+    if (text[i] == '.') {
+      fraction = true;
+    } else {
+      digits += text[i];
+      exponent -= fraction ? 1 : 0;
+    }
+  }
+  if (i < text.size())
+    exponent += std::strtol(std::string(text.substr(i + 1)).c_str(), nullptr, 10);
+  const std::size_t first = digits.find_first_not_of('0');
+  if (first == std::string::npos) return {false, "0", 0};
+  digits.erase(0, first);
+  while (digits.back() == '0') digits.pop_back(), ++exponent;
+  return {negative, digits, exponent};
+}
+
+// Builds the digest map as the library's own parser does, and notes the first number that
+// writing the map back would change. The library reads an integer beyond 64 bits as a float, and
+// hands every float over with its text: a float is exact when the text the map would be written
+// with has the same value.
+struct ExactNumbersParser : nlohmann::detail::json_sax_dom_parser<Record> {
+  using json_sax_dom_parser::json_sax_dom_parser;
+  std::string inexact;  // the first number that would change, as the file spells it
+
+  bool number_float(double value, const std::string& text) {
+    if (inexact.empty() &&
+        (!std::isfinite(value) || decimal_value(text) != decimal_value(Record(value).dump()))) {
+      inexact = text;
+    }
+    return json_sax_dom_parser::number_float(value, text);
+  }
+  // A number beyond a double's range stops the library's parser (its error 406).
+  template <class Exception>
+  bool parse_error(std::size_t position, const std::string& token, const Exception& error) {
+    if (error.id == 406 && inexact.empty()) inexact = token;
+    return json_sax_dom_parser::parse_error(position, token, error);
+  }
+};
+
+}  // namespace
+
+std::optional<Record> read_digests_to_rewrite(FileSystem& file_system, const fs::path& path,
+                                              std::string& why) {
+  std::string bytes;
+  try {
+    bytes = file_system.read_file(path);
+  } catch (const fs::filesystem_error& error) {
+    // Only an absent file means no digests. Any other failure would have the refresh replace
+    // every digest with an empty map: it ends the refresh instead.
+    if (error.code() == std::errc::no_such_file_or_directory) return Record::object();
+    throw;
+  }
+  if (bytes.rfind("\xEF\xBB\xBF", 0) == 0 || first_invalid_utf8(bytes) != std::string_view::npos) {
+    return Record::object();
+  }
+  Record parsed;
+  ExactNumbersParser parser(parsed, /*allow_exceptions=*/false);
+  const bool parsed_ok = Record::sax_parse(bytes, &parser);
+  if (!parser.inexact.empty()) {
+    why = "the number " + parser.inexact + " would not be written back exactly";
+    return std::nullopt;
+  }
+  return parsed_ok && parsed.is_object() ? parsed : Record::object();
+}
+
+Record read_digests(FileSystem& file_system, const fs::path& path) {
   std::string bytes;
   try {
     bytes = file_system.read_file(path);
@@ -19,7 +101,7 @@ Record read_digests(FileSystem& file_system, const std::filesystem::path& path) 
   return parsed.is_object() ? parsed : Record::object();
 }
 
-void move_digest_citations(Record* digest, const Moves& moves) {
+void move_digest_citations(Record* digest, const Moves& moves, std::vector<DigestChange>* changed) {
   if (digest == nullptr || !digest->is_object()) return;
   // Absent, null, false, zero or empty citations: nothing to move.
   auto citations = digest->find("citations");
@@ -30,15 +112,144 @@ void move_digest_citations(Record* digest, const Moves& moves) {
   if (!citations->is_array()) {
     throw RecordTypeError("digest citations: expected a list, got " + citations->dump());
   }
-  for (Record& citation : *citations) {
+  for (std::size_t i = 0; i < citations->size(); ++i) {
+    Record& citation = (*citations)[i];
     if (!citation.is_object()) {
       throw RecordTypeError("digest citation: expected a map, got " + citation.dump());
     }
-    if (const LineRange* range = moves.find(stored_key(citation))) {
+    CitationKey key = stored_key(citation);
+    if (const LineRange* range = moves.find(key)) {
       citation["line_start"] = range->first;
       citation["line_end"] = range->last;
+      if (changed) changed->push_back({i, std::move(key), *range});
     }
   }
+}
+
+// ---- Keeping the digest file in step with the pages -------------------------------------------
+//
+// The journal holds one line of JSON for each page whose digest a refresh changed: the page's
+// id and file, the host's hash of the page text before the refresh, and each changed digest
+// citation with its index in the digest's citations, its stored key before and its new lines.
+// The line is appended, and on disk, before the page is written; the journal is removed once
+// "digests.json" holds all of it. Appending keeps a refresh's journal writes in proportion to its
+// changes (rewriting the whole journal for every page would grow with the square of the wiki). A
+// crash inside an append leaves a last line without its line feed: that page was never written,
+// and the line is passed over.
+//
+// The next writing refresh, under the same write lock, applies a page's changes only when its
+// file is no longer the text it was moved from: a page whose write never happened is moved again
+// by that refresh, from its stored records, and its digest with it. A change applies only to a
+// citation that still has its old key, so applying a journal twice (a refresh stopped after
+// writing the digest file but before removing the journal) changes nothing the second time.
+// Moves keyed by lines alone could not be applied again safely: a citation's new lines may be
+// another citation's old ones, and it would move twice.
+
+DigestFile::DigestFile(FileSystem& file_system, Repository& repository, const fs::path& wiki_dir,
+                       std::function<std::string(const fs::path&)> read_page,
+                       std::function<void(const std::string&)> warn)
+    : file_system_(file_system),
+      repository_(repository),
+      wiki_dir_(wiki_dir),
+      digests_path_(wiki_dir / "digests.json"),
+      journal_path_(wiki_dir / std::string(DIGEST_JOURNAL)),
+      read_page_(std::move(read_page)),
+      warn_(std::move(warn)) {}
+
+bool DigestFile::load() {
+  if (!read_) {
+    read_ = true;
+    std::string why;
+    digests_ = read_digests_to_rewrite(file_system_, digests_path_, why);
+    if (!digests_) {
+      warn_("wiki citation refresh: " + digests_path_.string() + " left as it is: " + why);
+      return false;
+    }
+    // Where each page's digest stands: a search of its own for every page would grow with the
+    // square of the wiki.
+    for (auto& [id, digest] : digests_->items()) digest_at_.emplace(id, &digest);
+  }
+  return digests_.has_value();
+}
+
+void DigestFile::recover() {
+  if (!file_system_.is_file(journal_path_)) return;
+  const std::string journal = file_system_.read_file(journal_path_);
+  // Left as it is with the digest file, for a refresh that can rewrite the file to apply.
+  if (!load()) return;
+  std::size_t line = 0;
+  try {
+    // Whole lines only: a last line without its line feed is a torn append.
+    for (std::size_t at = 0, end; (end = journal.find('\n', at)) != std::string::npos;
+         at = end + 1) {
+      ++line;
+      apply(Record::parse(std::string_view(journal).substr(at, end - at)));
+    }
+  } catch (const nlohmann::json::exception& error) {
+    throw std::runtime_error(journal_path_.string() + ": line " + std::to_string(line) +
+                             " is no digest change (" + error.what() +
+                             "); remove the file to go on, and check the digests of the pages "
+                             "that the last interrupted refresh wrote");
+  }
+  file_system_.atomic_write(digests_path_, dump_digests(*digests_));
+  file_system_.remove_file(journal_path_);
+}
+
+void DigestFile::apply(const Record& page) {
+  const Record& old_hash = page.at("old_text_hash");
+  if (!old_hash.is_null()) {
+    const fs::path page_file = wiki_dir_ / page.at("page").get<std::string>();
+    if (file_system_.is_file(page_file) &&
+        repository_.text_hash(read_page_(page_file)) == old_hash.get<std::string>()) {
+      return;  // never written
+    }
+  }
+  auto entry = digest_at_.find(page.at("page_id").get<std::string>());
+  if (entry == digest_at_.end() || !entry->second->is_object()) return;
+  auto citations = entry->second->find("citations");
+  if (citations == entry->second->end() || !citations->is_array()) return;
+  for (const Record& change : page.at("citations")) {
+    const auto index = change.at(0).get<std::size_t>();
+    if (index >= citations->size() || !(*citations)[index].is_object()) continue;
+    Record& citation = (*citations)[index];
+    const CitationKey from{change.at(1).get<std::string>(), change.at(2).get<Line>(),
+                           change.at(3).get<Line>()};
+    try {
+      if (!(stored_key(citation) == from)) continue;  // changed already, or since
+    } catch (const std::invalid_argument&) {
+      continue;  // lines that are no lines now: not the citation that was moved
+    }
+    citation["line_start"] = change.at(4).get<Line>();
+    citation["line_end"] = change.at(5).get<Line>();
+  }
+}
+
+void DigestFile::move(const std::string& page_id, const fs::path& rel_path,
+                      const std::string* old_text, const Moves& moves) {
+  if (moves.empty()) return;
+  moved_ = true;
+  if (!load()) return;
+  auto entry = digest_at_.find(page_id);
+  std::vector<DigestChange> changed;
+  move_digest_citations(entry == digest_at_.end() ? nullptr : entry->second, moves, &changed);
+  if (changed.empty()) return;
+
+  Record citations = Record::array();
+  for (const auto& [index, from, to] : changed) {
+    citations.push_back({index, from.path, from.start, from.end, to.first, to.last});
+  }
+  const Record line = {
+      {"page_id", page_id},
+      {"page", rel_path.string()},
+      {"old_text_hash", old_text ? Record(repository_.text_hash(*old_text)) : Record()},
+      {"citations", std::move(citations)}};
+  file_system_.append(journal_path_, line.dump() + "\n");
+  journaled_ = true;
+}
+
+void DigestFile::finish() {
+  if (moved_ && digests_) file_system_.atomic_write(digests_path_, dump_digests(*digests_));
+  if (journaled_) file_system_.remove_file(journal_path_);
 }
 
 }  // namespace tolbarrow::workers::wiki::citation_refresh::detail

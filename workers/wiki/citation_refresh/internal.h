@@ -151,13 +151,72 @@ std::vector<Record> apply(const std::vector<Record>& citations, KeyedMap<Record>
 // UTF-8, not JSON, or not a JSON object. Never throws.
 Record read_digests(FileSystem& file_system, const std::filesystem::path& path);
 
+// The digest map of "digests.json" at `path` for a refresh that writes it back. As read_digests,
+// except that a file that is there but cannot be read throws the file system's error, and that a
+// file holding a number which would not be written back exactly (an integer beyond 64 bits, a
+// float with more digits than a double carries, one beyond a double's range) gives none, with
+// `why` saying which number.
+std::optional<Record> read_digests_to_rewrite(FileSystem& file_system,
+                                              const std::filesystem::path& path, std::string& why);
+
+// One digest citation that a move changed: its place in the digest's citations, its stored key
+// before, and its new lines.
+struct DigestChange {
+  std::size_t index = 0;
+  CitationKey from;
+  LineRange to;
+};
+
 // Moves the citation ranges of one page's digest in place. `digest` may be null (no entry) or any
-// JSON value; only a map with citations is changed.
-void move_digest_citations(Record* digest, const Moves& moves);
+// JSON value; only a map with citations is changed. Each citation changed is added to `changed`
+// when it is given.
+void move_digest_citations(Record* digest, const Moves& moves,
+                           std::vector<DigestChange>* changed = nullptr);
 
 // The text of "digests.json": 2-space indentation, members in the map's order, non-ASCII as
 // UTF-8, no line feed at the end.
 std::string dump_digests(const Record& digests);
+
+// "digests.json" of one writing refresh, kept in step with the page files. The refresh writes
+// each page as it goes and the digest file once at the end, so a refresh that stops part way
+// (an error, a full disk, a kill) has written pages whose digest changes are not in the file, and
+// the next refresh finds those pages current. Before a page is written, its digest changes are
+// added to a journal beside the digest file; the next writing refresh applies the changes of the
+// pages that were written, writes the digest file and removes the journal. See digests.cc.
+class DigestFile {
+ public:
+  // `read_page` reads a page file as the refresh reads it; `warn` takes the one line that says why
+  // the digest file is left as it is.
+  DigestFile(FileSystem& file_system, Repository& repository, const std::filesystem::path& wiki_dir,
+             std::function<std::string(const std::filesystem::path&)> read_page,
+             std::function<void(const std::string&)> warn);
+
+  // Brings in the changes that an interrupted refresh left in the journal, if there is one.
+  void recover();
+  // Moves the digest of page `page_id` (file `rel_path`, whose text `old_text` is about to be
+  // replaced; null when the text stays) by `moves`, and journals what changed. Call it before the
+  // page's file and record are written.
+  void move(const std::string& page_id, const std::filesystem::path& rel_path,
+            const std::string* old_text, const Moves& moves);
+  // After the last page: writes the digest file once when some page had moves, then removes the
+  // journal.
+  void finish();
+
+ private:
+  bool load();  // reads the digest map once; false when the file is left as it is
+  void apply(const Record& page);
+
+  FileSystem& file_system_;
+  Repository& repository_;
+  std::filesystem::path wiki_dir_, digests_path_, journal_path_;
+  std::function<std::string(const std::filesystem::path&)> read_page_;
+  std::function<void(const std::string&)> warn_;
+  bool read_ = false;              // the digest file was read (or found unfit to rewrite)
+  bool moved_ = false;             // some page had moves
+  std::optional<Record> digests_;  // none when the file is left as it is
+  std::unordered_map<std::string, Record*> digest_at_;
+  bool journaled_ = false;  // this refresh added to the journal
+};
 
 // ---- The lock ---------------------------------------------------------------------------------
 

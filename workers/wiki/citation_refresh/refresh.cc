@@ -52,15 +52,17 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
                                   const fs::path& repo_root, RefreshOptions options) {
   CitationRefresh result;
   detail::Files files(host, repository, repo_root);
-  const fs::path digests_path = wiki_dir / "digests.json";
-  std::optional<Record> digests;  // read once, when the first page with moves is written
-  // Where each page id stands in `digests` and in `result.moved`: both keep their members in
-  // order, and finding one by a search of its own for every page would grow with the square of
-  // the wiki.
-  std::unordered_map<std::string, Record*> digest_at;
-  std::unordered_map<std::string, std::size_t> moved_at;
+  // "digests.json", with a journal that keeps it in step with the pages when a refresh stops
+  // part way (detail::DigestFile).
+  detail::DigestFile digest_file(
+      host.file_system, repository, wiki_dir,
+      [&](const fs::path& path) { return read_page(host.file_system, path).str(); },
+      [&](const std::string& line) { logger(host).warn(line); });
+  std::unordered_map<std::string, std::size_t> moved_at;  // where each page id stands in `moved`
 
-  for (const auto& row : repository.get_wiki_pages(branch)) {
+  const auto rows = repository.get_wiki_pages(branch);
+  if (options.write) digest_file.recover();
+  for (const auto& row : rows) {
     const auto rel_path = row->rel_path();
     if (!rel_path) continue;
     const fs::path page_file = wiki_dir / *rel_path;
@@ -96,6 +98,9 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     result.repaired += static_cast<std::int64_t>(page.moves.size());
     const std::string new_text = host.syntax.rewrite(text, page.moves);
     const bool changed = new_text != text.str();
+    const std::string page_id = row->page_id();
+    // Before the page is written: the digest's changes are journaled first.
+    digest_file.move(page_id, *rel_path, changed ? &text.str() : nullptr, page.moves);
     if (changed) {
       host.file_system.atomic_write(page_file, new_text);
       ++result.pages_written;
@@ -107,25 +112,15 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
           host.syntax.rewrite(Text(prose->get<std::string>(), "build cache prose"), page.moves);
     }
 
-    const std::string page_id = row->page_id();
     PageUpdate update;
     update.citations = detail::apply(citations, std::move(page.anchors));
     if (changed) update.content_hash = repository.text_hash(new_text);
     if (!cache.empty()) update.build_cache = std::move(cache);
     update.moves = page.moves;
     repository.update_wiki_page_citations(branch, *row, update);
-
-    if (!page.moves.empty()) {
-      if (!digests) {
-        digests = detail::read_digests(host.file_system, digests_path);
-        for (auto& [id, digest] : digests->items()) digest_at.emplace(id, &digest);
-      }
-      auto entry = digest_at.find(page_id);
-      detail::move_digest_citations(entry == digest_at.end() ? nullptr : entry->second, page.moves);
-    }
   }
 
-  if (digests) host.file_system.atomic_write(digests_path, detail::dump_digests(*digests));
+  if (options.write) digest_file.finish();
   return result;
 }
 
