@@ -1,18 +1,18 @@
-// libFuzzer target: the native host's markdown citations. The input's last bytes choose the
-// moves (for each citation found, whether it moves and to which lines); the rest is the page.
+// libFuzzer target: the native host's markdown citations. The input is the page, then the bytes
+// that choose the moves (for each citation found, whether it moves and to which lines; see
+// fuzz_input.h).
 //
 // Checked: rewriting with no moves gives the same bytes; the rewritten page is UTF-8 and holds
 // the same citations at their new lines, in the same order; rewriting it again with the same moves
 // changes nothing when no citation's new lines are another moved citation's old ones (with those
 // the second rewrite moves them on, as it should); last_end never reaches past the end it is given.
-#include <fuzzer/FuzzedDataProvider.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "hosts/native/citation_syntax.h"
+#include "reliability/fuzz/fuzz_input.h"
 #include "workers/wiki/citation_refresh/internal.h"
 
 namespace {
@@ -32,11 +32,11 @@ std::vector<wiki::CitationKey> keys(tolbarrow::hosts::native::MarkdownCitationSy
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static tolbarrow::hosts::native::MarkdownCitationSyntax syntax;
-  FuzzedDataProvider input(data, size);
-  const std::size_t split = input.ConsumeIntegralInRange<std::size_t>(0, size);
+  FuzzInput fuzz(data, size);
+  FuzzedDataProvider& input = fuzz.choices;
   std::optional<wiki::Text> text;
   try {
-    text.emplace(input.ConsumeBytesAsString(split), "fuzz");
+    text.emplace(std::move(fuzz.body), "fuzz");
   } catch (const wiki::InvalidUtf8&) {
     return 0;
   }

@@ -1,19 +1,18 @@
-// libFuzzer target: the digest file. The input's first part is "digests.json"; the bytes after
-// it choose the moves: for each digest citation, whether it moves and to which lines (any
+// libFuzzer target: the digest file. The input is "digests.json", then the bytes that choose the
+// moves (see fuzz_input.h): for each digest citation, whether it moves and to which lines (any
 // 64-bit lines), plus moves of keys that no citation has.
 //
 // Checked: reading never throws; moving throws only the documented RecordTypeError or
 // RecordValueError for a digest whose citations are not a list of maps or whose lines are no
 // 64-bit lines; the moved map, written and read back, equals the moved map; and writing what was
 // read back gives the same text.
-#include <fuzzer/FuzzedDataProvider.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "hosts/memory/memory_host.h"
+#include "reliability/fuzz/fuzz_input.h"
 #include "workers/wiki/citation_refresh/internal.h"
 
 namespace {
@@ -55,10 +54,11 @@ wiki::Moves pick_moves(wiki::Record& map, FuzzedDataProvider& input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  FuzzedDataProvider input(data, size);
+  FuzzInput fuzz(data, size);
+  FuzzedDataProvider& input = fuzz.choices;
   std::vector<std::string> calls;
   MemoryFileSystem files(calls);
-  files.files[kPath] = input.ConsumeRandomLengthString(size);
+  files.files[kPath] = fuzz.body;
 
   std::optional<wiki::Record> map = read(files);
   if (!map) return 0;
