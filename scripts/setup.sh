@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the build dependencies from Debian's archive, builds everything into build/, and runs a
+# Installs the build and test dependencies from Debian's archive (clang-14 and libFuzzer for the
+# fuzz targets, valgrind for the test command), builds everything into build/, and runs a
 # small example: a wiki page whose cited function moved, refreshed through the Python extension,
 # and the citation-refresh command over a small repository.
 set -euo pipefail
@@ -14,7 +15,8 @@ $sudo apt-get install -y -qq --no-install-recommends \
   libpcre2-dev nlohmann-json3-dev libspdlog-dev libicu-dev \
   libsqlite3-dev libssl-dev universal-ctags libcli11-dev \
   libgtest-dev libgmock-dev libbenchmark-dev \
-  pybind11-dev python3-dev python3-pytest >/dev/null
+  pybind11-dev python3-dev python3-pytest \
+  clang-14 libclang-rt-14-dev libfuzzer-14-dev valgrind >/dev/null
 
 cmake -S . -B build -DTOLBARROW_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3
 cmake --build build -j"$(nproc)"
