@@ -319,6 +319,9 @@ def find_program(arg):
         sys.exit("no citation-refresh: build it, or give --program or $CITATION_REFRESH")
     return found[-1]
 
+# The command follows renamed files and carries citations across git's diff only when asked.
+FOLLOW = ["--follow-history"]
+
 
 def run(program, smoke):
     plan = scenarios(6, 0) if smoke else scenarios(121, 12)
@@ -367,7 +370,7 @@ def run(program, smoke):
         (root / "docs/cites.md").write_text("\n".join(page) + "\n")
         git(root, "add", "-A")
         git(root, "commit", "-q", "-m", "v0")
-        first_run = subprocess.run([program, "--json", "--quiet"], cwd=root, capture_output=True,
+        first_run = subprocess.run([program, *FOLLOW, "--json", "--quiet"], cwd=root, capture_output=True,
                                    text=True)
         if first_run.returncode != 0:
             sys.exit(f"citation-refresh failed: {first_run.stderr}")
@@ -393,9 +396,9 @@ def run(program, smoke):
             starts = write(step)
             git(root, "add", "-A")
             git(root, "commit", "-q", "-m", f"v{step}")
-            check = subprocess.run([program, "--check", "--json", "--quiet"], cwd=root,
+            check = subprocess.run([program, *FOLLOW, "--check", "--json", "--quiet"], cwd=root,
                                    capture_output=True, text=True)
-            result = subprocess.run([program, "--json", "--quiet"], cwd=root, capture_output=True,
+            result = subprocess.run([program, *FOLLOW, "--json", "--quiet"], cwd=root, capture_output=True,
                                     text=True)
             if result.returncode != 0 or check.returncode not in (0, 1):
                 sys.exit(f"citation-refresh failed: {result.stderr}{check.stderr}")

@@ -334,6 +334,7 @@ Outcome run(const Options& options) {
   // run after it carries from here), a run that writes nothing keeps the pages in memory.
   std::map<fs::path, std::string> carried_texts;
   auto carry_from_mark = [&] {
+    if (!options.follow_history) return Carried{};
     const std::optional<Mark> mark = read_mark(anchors_file, place.branch);
     if (!mark) {
       if (anchors) detail("the anchors file has no commit for this branch: nothing to carry");
