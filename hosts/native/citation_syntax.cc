@@ -16,7 +16,7 @@ namespace {
 // backtick or angle bracket. Line numbers are at most 18 digits, so that they fit a Line.
 // Groups: 1 path, 2 fragment, 3 first line, 4 last line.
 constexpr std::string_view kCitationPattern =
-    R"(\[(?:[^\[\]\n]|\[[^\[\]\n]*\])*\]\((/[^()\s#`<>]+)(#L([0-9]{1,18})(?:-L([0-9]{1,18}))?)\))";
+    R"(\[(?:[^\[\]\n]++|\[[^\[\]\n]*+\])*+\]\((/[^()\s#`<>]+)(#L([0-9]{1,18})(?:-L([0-9]{1,18}))?)\))";
 
 struct CodeDeleter {
   void operator()(pcre2_code* code) const { pcre2_code_free(code); }
