@@ -7,10 +7,9 @@
 
 namespace tolbarrow::hosts::native::command {
 namespace fs = std::filesystem;
-namespace {
 
-// A record's citation key, when its path and lines are plain values.
 std::optional<wiki::CitationKey> key_of(const wiki::Record& record) {
+  if (!record.is_object()) return std::nullopt;
   auto path = record.find("path"), start = record.find("line_start"), end = record.find("line_end");
   if (path == record.end() || start == record.end() || end == record.end() || !path->is_string() ||
       !start->is_number_integer() || !end->is_number_integer()) {
@@ -19,6 +18,8 @@ std::optional<wiki::CitationKey> key_of(const wiki::Record& record) {
   return wiki::CitationKey{path->get<std::string>(), start->get<wiki::Line>(),
                            end->get<wiki::Line>()};
 }
+
+namespace {
 
 // One JSON value on one line, with a space after each ':' and ','.
 std::string one_line(const wiki::Record& value) {
@@ -69,7 +70,7 @@ Anchors parse_anchors(const std::string& bytes, const fs::path& file) {
     if (!page->is_array()) fail("page \"" + page.key() + "\" is not a list of citations");
     std::vector<wiki::Record>& records = anchors[page.key()];
     for (const wiki::Record& record : *page) {
-      if (!record.is_object() || !key_of(record)) {
+      if (!key_of(record)) {
         fail("page \"" + page.key() +
              "\": a citation without path, line_start and line_end: " + record.dump());
       }
@@ -123,7 +124,7 @@ void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& an
     for (const wiki::Record& record : recorded->second) keys.insert(*key_of(record));
     std::vector<wiki::Record> citations = recorded->second;
     for (wiki::Record& record : page.citations) {
-      const auto key = record.is_object() ? key_of(record) : std::nullopt;
+      const auto key = key_of(record);
       if (!key || !keys.count(*key)) citations.push_back(std::move(record));
     }
     page.citations = std::move(citations);

@@ -23,6 +23,9 @@ class AnchorsError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A record's citation key, when it is an object whose path and lines are plain values.
+std::optional<wiki::CitationKey> key_of(const wiki::Record& record);
+
 // Page id -> the page's citation records, in the store's order.
 using Anchors = std::map<std::string, std::vector<wiki::Record>>;
 

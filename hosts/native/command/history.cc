@@ -230,17 +230,6 @@ bool anchored(const wiki::Record& record) {
          !symbol->get_ref<const std::string&>().empty();
 }
 
-std::optional<wiki::CitationKey> key_of(const wiki::Record& record) {
-  if (!record.is_object()) return std::nullopt;
-  auto path = record.find("path"), start = record.find("line_start"), end = record.find("line_end");
-  if (path == record.end() || start == record.end() || end == record.end() || !path->is_string() ||
-      !start->is_number_integer() || !end->is_number_integer()) {
-    return std::nullopt;
-  }
-  return wiki::CitationKey{path->get<std::string>(), start->get<wiki::Line>(),
-                           end->get<wiki::Line>()};
-}
-
 // `record` carried through `map`: its lines translated when git says both are unchanged, its
 // declaration's first and last line then too (a changed one keeps its distance from the cited
 // lines, so that the refresh's offset stays what it was). nullopt: left as it is.
