@@ -187,6 +187,15 @@ std::string dump_citations(const std::vector<wiki::Record>& citations) {
   return dump(wiki::Record(citations));
 }
 
+// Runs `put`, an insert of a page's six columns in table order, for `page`.
+void put_page(Statement& put, const std::string& branch, const StoredPage& page) {
+  put.bind(1, branch).bind(2, page.page_id).bind(3, page.rel_path);
+  put.bind(4, dump_citations(page.citations));
+  put.bind(5, page.build_cache ? std::optional(dump(*page.build_cache)) : std::nullopt);
+  put.bind(6, page.content_hash);
+  put.run();
+}
+
 // The directory that a .git file ("gitdir: <path>") points to, relative to the file's folder.
 std::optional<fs::path> git_dir(const fs::path& repo_root) {
   const fs::path dot_git = repo_root / ".git";
@@ -451,13 +460,7 @@ void SqliteStore::replace_pages(const std::string& branch, const std::vector<Sto
     Statement put(db_, file_, "INSERT INTO pages VALUES (?, ?, ?, ?, ?, ?)");
     clear.bind(1, branch);
     clear.run();
-    for (const StoredPage& page : pages) {
-      put.bind(1, branch).bind(2, page.page_id).bind(3, page.rel_path);
-      put.bind(4, dump_citations(page.citations));
-      put.bind(5, page.build_cache ? std::optional(dump(*page.build_cache)) : std::nullopt);
-      put.bind(6, page.content_hash);
-      put.run();
-    }
+    for (const StoredPage& page : pages) put_page(put, branch, page);
     if (seeded_from) {
       Statement seeded(db_, file_, "INSERT OR REPLACE INTO anchors_files VALUES (?, ?, NULL)");
       seeded.bind(1, branch).bind(2, *seeded_from);
@@ -478,13 +481,7 @@ void SqliteStore::update_pages(const std::string& branch, const std::vector<Stor
     Statement put(db_, file_,
                   "INSERT OR REPLACE INTO pages (branch, page_id, rel_path, citations, "
                   "build_cache, content_hash) VALUES (?, ?, ?, ?, ?, ?)");
-    for (const StoredPage& page : changed) {
-      put.bind(1, branch).bind(2, page.page_id).bind(3, page.rel_path);
-      put.bind(4, dump_citations(page.citations));
-      put.bind(5, page.build_cache ? std::optional(dump(*page.build_cache)) : std::nullopt);
-      put.bind(6, page.content_hash);
-      put.run();
-    }
+    for (const StoredPage& page : changed) put_page(put, branch, page);
     Statement drop(db_, file_, "DELETE FROM pages WHERE branch = ? AND page_id = ?");
     for (const std::string& page_id : removed) {
       drop.bind(1, branch).bind(2, page_id);
