@@ -2,7 +2,8 @@
 """Reliability harness for the citation-refresh command: hostile input, write faults, concurrent
 writers and SIGKILL at random moments, each against a real git repository and the built command.
 
-    harness.py --program PATH --shim PATH {hostile,numbers,faults,concurrent,crash} [--rounds N]
+    harness.py --program PATH --shim PATH {hostile,numbers,faults,concurrent,crash,carrying}
+               [--rounds N]
 
 Each mode prints its figures on one line and exits 1 with the failed checks listed."""
 
@@ -239,6 +240,96 @@ def mode_crash(base, rounds):
         check(got == want, f"{label}: next run differs from an uninterrupted run: "
               f"{differs(got, want)}")
     print(f"crash: {rounds} trials, {killed} killed mid-run, {len(points)} crash points known, "
+          f"{len(FAILURES)} failed checks")
+
+
+def inner_source(k, shift, inner):
+    lines = [f"# module {k}"] + ["# moved"] * shift
+    for f in range(4):
+        lines += [f"def func_{k}_{f}(x):", *["    x = x * 1"] * inner, f"    y = x + {f}",
+                  "    return y", ""]
+    return "\n".join(lines) + "\n"
+
+
+def make_inner_repo(base, pages):
+    """As make_repo, but each page cites the line `y = ...` of each function, and the change
+    inserts a line inside each function above it as well as lines above the functions: the refresh keeps
+    a citation's distance from its declaration's first line, so only the carrying across git's
+    diff places these, and carrying twice would show. Module 0 is also renamed (git mv)."""
+    root = Path(base) / "repo"
+    (root / "src").mkdir(parents=True)
+    (root / "docs").mkdir()
+    git(root, "init", "-q", "-b", "main")
+    (root / ".gitignore").write_text("docs/.citation-refresh.lock\n")
+    cited = {k: [3 + 4 * f for f in range(4)] for k in range(pages)}
+    for k in range(pages):
+        (root / f"src/mod_{k}.py").write_text(inner_source(k, 0, 0))
+        (root / f"docs/p{k}.md").write_text(f"# Page {k}\n\n" + "".join(
+            f"`func_{k}_{f}` returns [it](/src/mod_{k}.py#L{n}-L{n}).\n"
+            for f, n in enumerate(cited[k])))
+    (root / "docs/digests.json").write_text(json.dumps({f"p{k}": {"citations": [
+        {"path": f"src/mod_{k}.py", "line_start": n, "line_end": n} for n in cited[k]]}
+        for k in range(pages)}, indent=2))
+    git(root, "add", "-A")
+    git(root, "commit", "-q", "-m", "code and docs")
+    assert run(root).returncode == 0
+    git(root, "add", "-A")
+    git(root, "commit", "-q", "-m", "anchors")
+    for k in range(pages):
+        (root / f"src/mod_{k}.py").write_text(inner_source(k, 3 + k, 1))
+    (root / "src/lib").mkdir()
+    git(root, "mv", "src/mod_0.py", "src/lib/mod_0.py")
+    return root
+
+
+def mode_carrying(base):
+    """SIGKILL just before each write, fsync and rename of the carrying: the run's second hold of
+    the wiki's lock, in which the records carried across git's diff are stored and the pages and
+    digests.json rewritten."""
+    pages = 2 if ARGS.quick else 4
+    pristine = Path(base) / "pristine"
+    root = make_inner_repo(base, pages)
+    copy_tree(root, pristine)
+    reference = Path(base) / "reference"
+    copy_tree(pristine, reference)
+    log = Path(base) / "ops.log"
+    assert run(reference, env=shim_env(reference, log=log)).returncode == 0
+    want = state(reference)
+    # The carrying placed every citation: on its function's line `y = ...`, in its new file.
+    for k in range(pages):
+        path = "src/lib/mod_0.py" if k == 0 else f"src/mod_{k}.py"
+        for f in range(4):
+            n = 4 + 3 + k + 5 * f
+            check(f"[it](/{path}#L{n})".encode() in want[0][f"docs/p{k}.md"],
+                  f"the reference run did not place func_{k}_{f} on line {n} of {path}")
+    counts = {"write": 0, "fsync": 0, "rename": 0}
+    holds, points = 0, []
+    for line in log.read_text().splitlines():
+        kind = line.split()[0]
+        holds += kind == "acquire"
+        if kind in counts:
+            counts[kind] += 1
+            if holds == 2:
+                points.append((kind, counts[kind]))
+        if kind == "release" and holds == 2:
+            break
+    killed = 0
+    for op, n in points:
+        work = Path(base) / "work"
+        copy_tree(pristine, work)
+        done = run(work, env=shim_env(work, fault=f"{op}:{n}:kill"))
+        killed += done.returncode == -9
+        label = f"before {op} #{n}"
+        for name, text in wiki_files(work).items():
+            if name.endswith(".md"):
+                check(text in (wiki_files(pristine)[name], want[0][name]), f"{label}: torn {name}")
+        after = run(work)
+        check(after.returncode == 0, f"{label}: next run {after.stderr.strip()}")
+        got = state(work)
+        check(got == want, f"{label}: next run differs from an uninterrupted run: "
+              f"{differs(got, want)}")
+    check(killed == len(points), f"{len(points) - killed} of {len(points)} runs were not killed")
+    print(f"carrying: {len(points)} crash points of the carrying, {killed} killed, "
           f"{len(FAILURES)} failed checks")
 
 
@@ -494,7 +585,8 @@ def main():
                         help="leave digests.json out of the final-state comparison (known fault)")
     parser.add_argument("--quick", action="store_true",
                         help="a few seconds: faults on the wiki's files only, ENOSPC only")
-    parser.add_argument("mode", choices=["hostile", "numbers", "faults", "concurrent", "crash"])
+    parser.add_argument("mode", choices=["hostile", "numbers", "faults", "concurrent", "crash",
+                                         "carrying"])
     ARGS = parser.parse_args()
     ARGS.program = os.path.abspath(ARGS.program)
     ARGS.shim = os.path.abspath(ARGS.shim)
@@ -507,6 +599,8 @@ def main():
             mode_faults(base)
         elif ARGS.mode == "concurrent":
             mode_concurrent(base, ARGS.rounds)
+        elif ARGS.mode == "carrying":
+            mode_carrying(base)
         else:
             mode_crash(base, ARGS.rounds)
         subprocess.run(["chmod", "-R", "u+rwx", base], check=False)

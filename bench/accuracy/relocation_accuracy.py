@@ -319,8 +319,9 @@ def find_program(arg):
         sys.exit("no citation-refresh: build it, or give --program or $CITATION_REFRESH")
     return found[-1]
 
-# The command follows renamed files and carries citations across git's diff only when asked.
-FOLLOW = ["--follow-history"]
+# Options given to every run of the command: ["--no-follow-history"] (--no-carrying) scores the
+# refresh alone, without renamed files followed or citations carried across git's diff.
+FOLLOW = []
 
 
 def run(program, smoke):
@@ -461,7 +462,11 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--smoke", action="store_true", help="small files, a few seconds")
     parser.add_argument("--program", help="the citation-refresh program")
+    parser.add_argument("--no-carrying", action="store_true",
+                        help="run the command with --no-follow-history: the refresh alone")
     args = parser.parse_args()
+    if args.no_carrying:
+        FOLLOW.append("--no-follow-history")
     program = find_program(args.program)
     if os.sep in program:
         program = os.path.abspath(program)

@@ -49,6 +49,9 @@ constexpr const char* kMeta =
 // page_origins: a page as it was before the refresh gave it a new text, until the next sync.
 // anchors_files: per branch, the SHA-256 of the anchors file the pages last took (seeded) and of
 // the one written from them while no page changed since (written, else NULL).
+// history_marks: per branch, the state of the work tree its records were last carried to (the
+// command's JSON), while the anchors file has the SHA-256 `anchors` ('' for none).
+// pending_pages: pages whose records the store holds for a text their file does not have yet.
 constexpr const char* kPageState = R"sql(
 CREATE TABLE IF NOT EXISTS page_origins(
   branch TEXT NOT NULL,
@@ -62,6 +65,20 @@ CREATE TABLE IF NOT EXISTS anchors_files(
   branch TEXT PRIMARY KEY,
   seeded TEXT,
   written TEXT
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS history_marks(
+  branch TEXT PRIMARY KEY,
+  mark TEXT NOT NULL,
+  anchors TEXT NOT NULL
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS pending_pages(
+  branch TEXT NOT NULL,
+  page_id TEXT NOT NULL,
+  rel_path TEXT NOT NULL,
+  old_hash TEXT NOT NULL,
+  new_hash TEXT NOT NULL,
+  redo TEXT NOT NULL,
+  PRIMARY KEY(branch, page_id)
 ) WITHOUT ROWID;
 )sql";
 
@@ -269,9 +286,9 @@ SqliteStore::SqliteStore(const fs::path& repo_root, std::optional<fs::path> db_f
     }
     Statement tables(db_, file_,
                      "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND "
-                     "name IN ('page_origins', 'anchors_files')");
+                     "name IN ('page_origins', 'anchors_files', 'history_marks', 'pending_pages')");
     tables.step();
-    if (tables.integer(0) != 2) transaction([&] { exec(kPageState); });
+    if (tables.integer(0) != 4) transaction([&] { exec(kPageState); });
   } catch (...) {
     sqlite3_close(db_);
     db_ = nullptr;
@@ -465,6 +482,9 @@ void SqliteStore::replace_pages(const std::string& branch, const std::vector<Sto
       Statement seeded(db_, file_, "INSERT OR REPLACE INTO anchors_files VALUES (?, ?, NULL)");
       seeded.bind(1, branch).bind(2, *seeded_from);
       seeded.run();
+      Statement forget(db_, file_, "DELETE FROM history_marks WHERE branch = ?");
+      forget.bind(1, branch);
+      forget.run();
     } else {
       pages_changed(branch);
     }
@@ -520,6 +540,64 @@ void SqliteStore::anchors_written(const std::string& branch, const std::string& 
     s.bind(1, branch).bind(2, hash).bind(3, hash);
     s.run();
   });
+}
+
+void SqliteStore::carry_pages(const std::string& branch, const std::vector<StoredPage>& changed,
+                              const std::vector<PendingPage>& pending,
+                              const std::optional<std::string>& mark,
+                              const std::string& anchors_hash) {
+  transaction([&] {
+    Statement keep(db_, file_,
+                   "INSERT OR REPLACE INTO page_origins SELECT branch, page_id, citations, "
+                   "build_cache, content_hash FROM pages WHERE branch = ? AND page_id = ?");
+    Statement put(db_, file_, "INSERT OR REPLACE INTO pages VALUES (?, ?, ?, ?, ?, ?)");
+    for (const StoredPage& page : changed) {
+      keep.bind(1, branch).bind(2, page.page_id);
+      keep.run();
+      put_page(put, branch, page);
+    }
+    Statement add(db_, file_, "INSERT OR REPLACE INTO pending_pages VALUES (?, ?, ?, ?, ?, ?)");
+    for (const PendingPage& page : pending) {
+      add.bind(1, branch).bind(2, page.page_id).bind(3, page.rel_path).bind(4, page.old_hash);
+      add.bind(5, page.new_hash).bind(6, dump(page.redo));
+      add.run();
+    }
+    if (mark) {
+      Statement put_mark(db_, file_, "INSERT OR REPLACE INTO history_marks VALUES (?, ?, ?)");
+      put_mark.bind(1, branch).bind(2, *mark).bind(3, anchors_hash);
+      put_mark.run();
+    }
+    if (!changed.empty()) pages_changed(branch);
+  });
+}
+
+std::vector<PendingPage> SqliteStore::pending_pages(const std::string& branch) {
+  Statement s(db_, file_,
+              "SELECT page_id, rel_path, old_hash, new_hash, redo FROM pending_pages "
+              "WHERE branch = ? ORDER BY page_id");
+  s.bind(1, branch);
+  std::vector<PendingPage> out;
+  while (s.step()) {
+    out.push_back({s.text(0), s.text(1), s.text(2), s.text(3),
+                   parse_json(s.text(4), file_, "rewrite of a page")});
+  }
+  return out;
+}
+
+void SqliteStore::pending_done(const std::string& branch) {
+  transaction([&] {
+    Statement s(db_, file_, "DELETE FROM pending_pages WHERE branch = ?");
+    s.bind(1, branch);
+    s.run();
+  });
+}
+
+std::optional<std::string> SqliteStore::history_mark(const std::string& branch,
+                                                     const std::string& anchors_hash) {
+  Statement s(db_, file_, "SELECT mark FROM history_marks WHERE branch = ? AND anchors = ?");
+  s.bind(1, branch).bind(2, anchors_hash);
+  if (!s.step()) return std::nullopt;
+  return s.text(0);
 }
 
 }  // namespace tolbarrow::hosts::native

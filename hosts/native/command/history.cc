@@ -18,6 +18,8 @@
 
 namespace tolbarrow::hosts::native::command {
 namespace fs = std::filesystem;
+namespace cr = wiki::citation_refresh;
+using namespace detail;
 namespace {
 
 using KeyMap = std::unordered_map<wiki::CitationKey, wiki::CitationKey, wiki::CitationKeyHash>;
@@ -69,43 +71,9 @@ class TempDir {
   fs::path dir_;
 };
 
-// One hunk of `git diff -U0`: old lines [old_start, old_start + old_count) became new lines
-// [new_start, new_start + new_count). A count of 0 is an insertion (or removal) after the start.
-struct Hunk {
-  wiki::Line old_start, old_count, new_start, new_count;
-};
+}  // namespace
 
-// Old line -> new line through one file's hunks.
-class LineMap {
- public:
-  explicit LineMap(std::vector<Hunk> hunks) : hunks_(std::move(hunks)) {}
-
-  // The new line of an old line that git says is unchanged; nullopt for a changed line.
-  std::optional<wiki::Line> unchanged(wiki::Line n) const {
-    wiki::Line delta = 0;
-    for (const Hunk& h : hunks_) {
-      if (h.old_count > 0 && h.old_start <= n && n < h.old_start + h.old_count) return std::nullopt;
-      const wiki::Line after = h.old_count > 0 ? h.old_start + h.old_count : h.old_start + 1;
-      if (n >= after) delta += h.new_count - h.old_count;
-    }
-    return n + delta;
-  }
-
-  // The new line of an old line, also for a line changed in place: one of a hunk that replaced
-  // as many lines as it removed takes the same place among the new ones.
-  std::optional<wiki::Line> in_place(wiki::Line n) const {
-    if (auto line = unchanged(n)) return line;
-    for (const Hunk& h : hunks_) {
-      if (h.old_start <= n && n < h.old_start + h.old_count && h.old_count == h.new_count) {
-        return h.new_start + (n - h.old_start);
-      }
-    }
-    return std::nullopt;
-  }
-
- private:
-  std::vector<Hunk> hunks_;
-};
+namespace detail {
 
 std::vector<Hunk> parse_hunks(const std::string& diff) {
   static const std::regex header(R"(^@@ -(\d+)(?:,(\d+))? \+(\d+)(?:,(\d+))? @@)");
@@ -120,6 +88,19 @@ std::vector<Hunk> parse_hunks(const std::string& diff) {
   }
   return hunks;
 }
+
+std::map<std::string, std::string> parse_renames(std::string_view name_status) {
+  const std::vector<std::string> fields = split(name_status, '\0');
+  std::map<std::string, std::string> out;
+  for (std::size_t i = 0; i + 2 < fields.size(); i += 3) {
+    if (fields[i].rfind("R", 0) == 0) out[fields[i + 1]] = fields[i + 2];
+  }
+  return out;
+}
+
+}  // namespace detail
+
+namespace {
 
 // The line map of each pair's old text to its new text by git's own diff: one git process for
 // all of them, over two temporary directories holding file i of each pair that differs.
@@ -211,13 +192,8 @@ std::map<std::string, std::string> renames(const fs::path& root, const std::stri
     return result.out;
   };
   with_index({"add", "--intent-to-add", "--all", "--", "."});
-  const std::vector<std::string> fields = split(
-      with_index({"diff", "-M", "--name-status", "-z", "--diff-filter=R", commit, "--"}), '\0');
-  std::map<std::string, std::string> out;
-  for (std::size_t i = 0; i + 2 < fields.size(); i += 3) {
-    if (fields[i].rfind("R", 0) == 0) out[fields[i + 1]] = fields[i + 2];
-  }
-  return out;
+  return parse_renames(
+      with_index({"diff", "-M", "--name-status", "-z", "--diff-filter=R", commit, "--"}));
 }
 
 wiki::Line as_line(const wiki::Record& value) {
@@ -230,9 +206,10 @@ bool anchored(const wiki::Record& record) {
          !symbol->get_ref<const std::string&>().empty();
 }
 
-// `record` carried through `map`: its lines translated when git says both are unchanged, its
-// declaration's first and last line then too (a changed one keeps its distance from the cited
-// lines, so that the refresh's offset stays what it was). nullopt: left as it is.
+}  // namespace
+
+namespace detail {
+
 std::optional<wiki::Record> translated(const wiki::Record& record, const LineMap& map) {
   const wiki::Line start = as_line(record["line_start"]), end = as_line(record["line_end"]);
   const auto new_start = map.unchanged(start), new_end = map.unchanged(end);
@@ -251,6 +228,23 @@ std::optional<wiki::Record> translated(const wiki::Record& record, const LineMap
   }
   return out;
 }
+
+bool carried_within(const wiki::Record& record) {
+  auto s = record.find("symbol_start"), e = record.find("symbol_end");
+  if (s == record.end() || e == record.end() || !s->is_number_integer() ||
+      !e->is_number_integer()) {
+    return false;
+  }
+  const wiki::Line start = as_line(record["line_start"]), end = as_line(record["line_end"]);
+  const wiki::Line old_start = s->get<wiki::Line>(), old_end = e->get<wiki::Line>();
+  // Outside its declaration, or all of it: the refresh's rule is exact.
+  return old_start <= start && start <= end && end <= old_end &&
+         !(start == old_start && end == old_end);
+}
+
+}  // namespace detail
+
+namespace {
 
 // Lines first..last (1-based) of `text`, each with its line feed.
 std::string lines_of(const std::string& text, wiki::Line first, wiki::Line last) {
@@ -280,16 +274,9 @@ std::optional<InDeclaration> declaration_texts(const wiki::Record& record,
                                                const std::vector<wiki::Symbol>& symbols,
                                                const std::string& old_text,
                                                const std::string& new_text) {
-  auto s = record.find("symbol_start"), e = record.find("symbol_end");
-  if (s == record.end() || e == record.end() || !s->is_number_integer() ||
-      !e->is_number_integer()) {
-    return std::nullopt;
-  }
-  const wiki::Line start = as_line(record["line_start"]), end = as_line(record["line_end"]);
-  const wiki::Line old_start = s->get<wiki::Line>(), old_end = e->get<wiki::Line>();
-  if (start < old_start || end > old_end || end < start || (start == old_start && end == old_end)) {
-    return std::nullopt;  // outside its declaration, or all of it: the refresh's rule is exact
-  }
+  if (!carried_within(record)) return std::nullopt;
+  const wiki::Line old_start = as_line(record["symbol_start"]),
+                   old_end = as_line(record["symbol_end"]);
   const wiki::Symbol* now = wiki::citation_refresh::detail::find_again(symbols, record);
   if (now == nullptr) return std::nullopt;
   return InDeclaration{
@@ -298,6 +285,10 @@ std::optional<InDeclaration> declaration_texts(const wiki::Record& record,
       now,
       {lines_of(old_text, old_start, old_end), lines_of(new_text, now->start_line, now->end_line)}};
 }
+
+}  // namespace
+
+namespace detail {
 
 std::optional<wiki::Record> within_declaration(const wiki::Record& record, const wiki::Symbol* now,
                                                const LineMap& inner) {
@@ -312,6 +303,87 @@ std::optional<wiki::Record> within_declaration(const wiki::Record& record, const
   out["symbol_start"] = now->start_line;
   out["symbol_end"] = now->end_line;
   return out;
+}
+
+}  // namespace detail
+
+namespace {
+
+// Whether the work tree is in the state `then` for every cited path of `cited` (cited path ->
+// where it is now): the same commit, and each cited file's content the same.
+bool same_state(const Mark& then, const Mark& now,
+                const std::map<std::string, std::optional<std::string>>& cited) {
+  if (then.commit != now.commit) return false;
+  for (const auto& [path, where] : cited) {
+    auto a = then.dirty.find(path), b = now.dirty.find(path);
+    if ((a == then.dirty.end()) != (b == now.dirty.end())) return false;
+    if (a != then.dirty.end() && a->second != b->second) return false;
+  }
+  return true;
+}
+
+// A page's text as the refresh reads it (CR LF and lone CR as LF), for the digest journal's
+// hashes of page texts.
+std::string as_refreshed(std::string bytes) {
+  if (bytes.find('\r') == std::string::npos) return bytes;
+  std::string text;
+  text.reserve(bytes.size());
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    text += bytes[i] == '\r' ? '\n' : bytes[i];
+    if (bytes[i] == '\r' && i + 1 < bytes.size() && bytes[i + 1] == '\n') ++i;
+  }
+  return text;
+}
+
+KeyMap targets_of_redo(const wiki::Record& redo) {
+  KeyMap targets;
+  for (const wiki::Record& t : redo.at("targets")) {
+    targets.emplace(wiki::CitationKey{t.at(0).get<std::string>(), t.at(1).get<wiki::Line>(),
+                                      t.at(2).get<wiki::Line>()},
+                    wiki::CitationKey{t.at(3).get<std::string>(), t.at(4).get<wiki::Line>(),
+                                      t.at(5).get<wiki::Line>()});
+  }
+  return targets;
+}
+
+// Adds to each pending page's rewrite the changes of its digest in "digests.json": the index of
+// each digest citation whose key the page's citations leave, its key and its new key. Applied by
+// index and old key (finish_carried), a change applies once however often it is applied. A
+// journal of digest moves that an interrupted refresh left is brought in first, so that the
+// digest is moved from where its page's records are.
+void add_digest_changes(SqliteStore& store, const fs::path& wiki_dir,
+                        const std::map<std::string, KeyMap>& targets_of,
+                        std::vector<PendingPage>& pending,
+                        const std::function<void(const std::string&)>& note) {
+  ContainedFileSystem files(store.repo_root());
+  files.allow(wiki_dir);
+  cr::detail::DigestFile(
+      files, store, wiki_dir,
+      [&](const fs::path& path) { return as_refreshed(files.read_file(path)); }, note)
+      .recover();
+  std::string why;
+  const auto digests = cr::detail::read_digests_to_rewrite(files, wiki_dir / "digests.json", why);
+  if (!digests) return;  // the refresh says why
+  for (PendingPage& page : pending) {
+    auto digest = digests->find(page.page_id);
+    if (digest == digests->end() || !digest->is_object()) continue;
+    auto citations = digest->find("citations");
+    if (citations == digest->end() || !citations->is_array()) continue;
+    const KeyMap& targets = targets_of.at(page.page_id);
+    for (std::size_t i = 0; i < citations->size(); ++i) {
+      if (!(*citations)[i].is_object()) continue;
+      std::optional<wiki::CitationKey> from;
+      try {
+        from = cr::detail::stored_key((*citations)[i]);
+      } catch (const std::invalid_argument&) {
+        continue;  // lines that are no lines: no citation of the page
+      }
+      auto to = targets.find(*from);
+      if (to == targets.end()) continue;
+      page.redo["digest"].push_back({i, from->path, from->start, from->end, to->second.path,
+                                     to->second.start, to->second.end});
+    }
+  }
 }
 
 wiki::Record mark_json(const Mark& mark) {
@@ -334,33 +406,43 @@ wiki::Record refreshed_of(const fs::path& file) {
 
 }  // namespace
 
-std::optional<Mark> read_mark(const fs::path& file, const std::string& branch) {
-  const wiki::Record refreshed = refreshed_of(file);
-  auto it = refreshed.find(branch);
-  if (it == refreshed.end()) return std::nullopt;
-  auto fail = [&](const std::string& what) -> std::optional<Mark> {
-    throw AnchorsError(file.string() + ": \"" + kRefreshedKey + "\" of branch \"" + branch +
-                       "\": " + what);
-  };
-  if (!it->is_object()) return fail("not an object");
+Mark parse_mark(const wiki::Record& json, const std::function<void(const std::string&)>& fail) {
+  if (!json.is_object()) fail("not an object");
   Mark mark;
-  auto commit = it->find("commit");
-  if (commit == it->end() || !commit->is_string() || commit->get<std::string>().empty() ||
+  auto commit = json.find("commit");
+  if (commit == json.end() || !commit->is_string() || commit->get<std::string>().empty() ||
       commit->get<std::string>().find_first_not_of("0123456789abcdef") != std::string::npos) {
-    return fail("\"commit\" is not a commit id");
+    fail("\"commit\" is not a commit id");
+    return mark;
   }
   mark.commit = commit->get<std::string>();
-  if (auto clean = it->find("clean"); clean != it->end() && clean->is_boolean()) {
+  if (auto clean = json.find("clean"); clean != json.end() && clean->is_boolean()) {
     mark.clean = clean->get<bool>();
   }
-  if (auto dirty = it->find("dirty"); dirty != it->end()) {
-    if (!dirty->is_object()) return fail("\"dirty\" is not an object");
+  if (auto dirty = json.find("dirty"); dirty != json.end()) {
+    if (!dirty->is_object()) {
+      fail("\"dirty\" is not an object");
+      return mark;
+    }
     for (auto entry = dirty->begin(); entry != dirty->end(); ++entry) {
-      if (!entry->is_string()) return fail("\"dirty\": \"" + entry.key() + "\" is not a blob id");
+      if (!entry->is_string()) {
+        fail("\"dirty\": \"" + entry.key() + "\" is not a blob id");
+        continue;
+      }
       mark.dirty[entry.key()] = entry->get<std::string>();
     }
   }
   return mark;
+}
+
+std::optional<Mark> read_mark(const fs::path& file, const std::string& branch) {
+  const wiki::Record refreshed = refreshed_of(file);
+  auto it = refreshed.find(branch);
+  if (it == refreshed.end()) return std::nullopt;
+  return parse_mark(*it, [&](const std::string& what) {
+    throw AnchorsError(file.string() + ": \"" + kRefreshedKey + "\" of branch \"" + branch +
+                       "\": " + what);
+  });
 }
 
 std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::string>& paths,
@@ -416,20 +498,110 @@ bool write_anchors_marked(SqliteStore& store, const std::string& branch, const f
   return true;
 }
 
+void finish_carried(SqliteStore& store, const std::string& branch, const fs::path& wiki_dir) {
+  const std::vector<PendingPage> pending = store.pending_pages(branch);
+  if (pending.empty()) return;
+  // Each page file still with the text its new records were made from gets the new text, made
+  // again the same way; a file that is neither (edited since) is left to the sync.
+  std::vector<const PendingPage*> rewritten;
+  for (const PendingPage& page : pending) {
+    const fs::path file = wiki_dir / page.rel_path;
+    std::error_code error;
+    if (!fs::is_regular_file(file, error)) continue;
+    const std::string text = read_bytes(file);
+    std::string hash = sha256_hex(text);
+    if (hash == page.old_hash) {
+      const std::string new_text = retarget(text, targets_of_redo(page.redo));
+      if (sha256_hex(new_text) != page.new_hash) continue;
+      wiki::RealFileSystem().atomic_write(file, new_text);
+      hash = page.new_hash;
+    }
+    if (hash == page.new_hash) rewritten.push_back(&page);
+  }
+  // Their digests' changes, each to the citation at its index that still has its old key.
+  ContainedFileSystem files(store.repo_root());
+  files.allow(wiki_dir);
+  const fs::path digests_file = wiki_dir / "digests.json";
+  std::optional<wiki::Record> digests;
+  bool moved = false;
+  for (const PendingPage* page : rewritten) {
+    const wiki::Record& changes = page->redo.at("digest");
+    if (changes.empty()) continue;
+    std::string why;
+    if (!digests) digests = cr::detail::read_digests_to_rewrite(files, digests_file, why);
+    if (!digests) break;
+    auto digest = digests->find(page->page_id);
+    if (digest == digests->end() || !digest->is_object()) continue;
+    auto citations = digest->find("citations");
+    if (citations == digest->end() || !citations->is_array()) continue;
+    for (const wiki::Record& change : changes) {
+      const auto index = change.at(0).get<std::size_t>();
+      if (index >= citations->size() || !(*citations)[index].is_object()) continue;
+      wiki::Record& citation = (*citations)[index];
+      const wiki::CitationKey from{change.at(1).get<std::string>(), change.at(2).get<wiki::Line>(),
+                                   change.at(3).get<wiki::Line>()};
+      try {
+        if (!(cr::detail::stored_key(citation) == from)) continue;  // moved already, or since
+      } catch (const std::invalid_argument&) {
+        continue;
+      }
+      if (change.at(4) != from.path) citation["path"] = change.at(4);
+      citation["line_start"] = change.at(5);
+      citation["line_end"] = change.at(6);
+      moved = true;
+    }
+  }
+  if (moved) files.atomic_write(digests_file, cr::detail::dump_digests(*digests));
+  store.pending_done(branch);
+}
+
+std::optional<Mark> carried_from(SqliteStore& store, const std::string& branch,
+                                 const fs::path& anchors_file) {
+  std::error_code error;
+  const std::string hash =
+      fs::exists(anchors_file, error) ? sha256_hex(read_bytes(anchors_file)) : std::string();
+  if (auto kept = store.history_mark(branch, hash)) {
+    return parse_mark(wiki::Record::parse(*kept, nullptr, false), [&](const std::string& what) {
+      throw StoreError(store.file().string() + ": the history mark of branch \"" + branch +
+                       "\": " + what);
+    });
+  }
+  return read_mark(anchors_file, branch);
+}
+
 Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wiki_dir,
-              const Mark& mark, const std::function<void(const std::string&)>& note) {
+              const Mark& mark, const std::function<void(const std::string&)>& note, bool write) {
   const fs::path& root = store.repo_root();
   Carried carried;
-  const ProcessResult has_commit =
-      run_process({"git", "cat-file", "-e", mark.commit + "^{commit}"}, root);
-  if (has_commit.exit_code != 0) {
-    note("commit " + mark.commit.substr(0, 12) +
-         ", at which the wiki was last refreshed, is not in this repository (a shallow clone?): "
-         "renamed files are not followed and lines not carried across the diff; fetch more "
-         "history (git fetch --deepen) to have them");
-    return carried;
-  }
   std::vector<StoredPage> pages = store.pages(branch);
+  auto cited_paths = [&] {
+    std::vector<std::string> paths;
+    for (const StoredPage& page : pages) {
+      for (const wiki::Record& record : page.citations) {
+        if (auto path = record.find("path"); path != record.end() && path->is_string()) {
+          paths.push_back(path->get<std::string>());
+        }
+      }
+    }
+    return paths;
+  };
+  // The work tree's state now, which a writing run keeps as the records' mark with them.
+  std::optional<Mark> to = current_mark(root, cited_paths(), /*keep_blobs=*/write);
+  const std::string anchors_hash = [&] {
+    std::error_code error;
+    const fs::path file = wiki_dir / kAnchorsFileName;
+    return fs::exists(file, error) ? sha256_hex(read_bytes(file)) : std::string();
+  }();
+  auto keep_mark = [&](const std::vector<StoredPage>& changed,
+                       const std::vector<PendingPage>& pending) {
+    if (!write) {
+      store.carry_pages(branch, changed, {}, std::nullopt, "");
+      return;
+    }
+    store.carry_pages(branch, changed, pending,
+                      to ? std::optional(mark_json(*to).dump()) : std::nullopt, anchors_hash);
+    finish_carried(store, branch, wiki_dir);
+  };
 
   // Where each cited path is now: itself when indexed, else where git says it went.
   std::map<std::string, std::optional<std::string>> now;
@@ -443,10 +615,23 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       any_missing = any_missing || !indexed;
     }
   }
+  // Nothing changed since the mark: no cited file is missing and each is as it was then.
+  if (!any_missing && to && same_state(mark, *to, now)) return carried;
+
+  const ProcessResult has_commit =
+      run_process({"git", "cat-file", "-e", mark.commit + "^{commit}"}, root);
+  if (has_commit.exit_code != 0) {
+    note("commit " + mark.commit.substr(0, 12) +
+         ", at which the wiki was last refreshed, is not in this repository (a shallow clone?): "
+         "renamed files are not followed and lines not carried across the diff; fetch more "
+         "history (git fetch --deepen) to have them");
+    keep_mark({}, {});
+    return carried;
+  }
   if (any_missing) {
-    for (const auto& [from, to] : renames(root, mark.commit)) {
+    for (const auto& [from, to_path] : renames(root, mark.commit)) {
       auto it = now.find(from);
-      if (it != now.end() && !it->second && store.is_indexed(to)) it->second = to;
+      if (it != now.end() && !it->second && store.is_indexed(to_path)) it->second = to_path;
     }
   }
 
@@ -523,7 +708,9 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
   }
 
   MarkdownCitationSyntax syntax;
-  bool changed = false;
+  std::vector<StoredPage> changed;
+  std::vector<PendingPage> pending;
+  std::map<std::string, KeyMap> targets_of;  // page id -> its citations' new keys
   for (std::size_t p = 0; p < pages.size(); ++p) {
     StoredPage& page = pages[p];
     const fs::path page_file = wiki_dir / page.rel_path;
@@ -567,18 +754,20 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
 
     KeyMap targets;
     std::int64_t moved = 0;
+    bool records_changed = false;
     for (std::size_t i = 0; i < page.citations.size(); ++i) {
       if (!proposed[i]) continue;
-      const wiki::CitationKey from = *key_of(page.citations[i]), to = *key_of(*proposed[i]);
-      targets.emplace(from, to);
-      if (from.path != to.path) {
-        carried.renamed.push_back({page.page_id, from.path, to.path,
-                                   "L" + std::to_string(to.start) + "-L" + std::to_string(to.end)});
+      const wiki::CitationKey from = *key_of(page.citations[i]), to_key = *key_of(*proposed[i]);
+      if (from != to_key) targets.emplace(from, to_key);
+      if (from.path != to_key.path) {
+        carried.renamed.push_back(
+            {page.page_id, from.path, to_key.path,
+             "L" + std::to_string(to_key.start) + "-L" + std::to_string(to_key.end)});
       }
-      if (from.start != to.start || from.end != to.end) ++moved;
+      if (from.start != to_key.start || from.end != to_key.end) ++moved;
       page.citations[i] = std::move(*proposed[i]);
+      records_changed = true;
     }
-    if (targets.empty()) continue;
     if (moved) carried.translated[page.page_id] = moved;
     std::string new_text = retarget(text.str(), targets);
     if (page.build_cache && page.build_cache->is_object()) {
@@ -587,11 +776,33 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
         *prose = retarget(prose->get<std::string>(), targets);
       }
     }
-    page.content_hash = sha256_hex(new_text);
-    carried.texts.emplace(page_file, std::move(new_text));
-    changed = true;
+    if (!records_changed) continue;
+    const std::string new_hash = sha256_hex(new_text);
+    if (!targets.empty()) {
+      wiki::Record redo = wiki::Record::array();
+      for (const auto& [from, to_key] : targets) {
+        redo.push_back({from.path, from.start, from.end, to_key.path, to_key.start, to_key.end});
+      }
+      pending.push_back({page.page_id,
+                         page.rel_path,
+                         sha256_hex(text.str()),
+                         new_hash,
+                         {{"targets", std::move(redo)}, {"digest", wiki::Record::array()}}});
+      targets_of.emplace(page.page_id, std::move(targets));
+      if (!write) carried.texts.emplace(page_file, std::move(new_text));
+    }
+    page.content_hash = new_hash;
+    changed.push_back(std::move(page));
   }
-  if (changed) store.replace_pages(branch, pages);
+  if (write && !pending.empty()) add_digest_changes(store, wiki_dir, targets_of, pending, note);
+  // A renamed file's new path is cited now: the mark keeps its content too when it differs from
+  // the commit's.
+  if (write && !carried.renamed.empty()) {
+    std::vector<std::string> paths;
+    for (const auto& [path, where] : now) paths.push_back(where.value_or(path));
+    to = current_mark(root, paths, /*keep_blobs=*/true);
+  }
+  keep_mark(changed, pending);
   return carried;
 }
 

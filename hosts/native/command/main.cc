@@ -162,10 +162,10 @@ int main(int argc, char** argv) {
   app.add_flag("--check", options.check,
                "Report only, write nothing; exit 1 when a citation would move, is lost or cites "
                "a missing file");
-  app.add_flag("--follow-history", options.follow_history,
+  app.add_flag("--follow-history,!--no-follow-history", options.follow_history,
                "Before refreshing, follow the files git says were renamed since the wiki was last "
-               "refreshed, and carry citations across git's diff of their files (experimental: "
-               "a run stopped part way may carry twice, and digests.json is not carried)");
+               "refreshed, and carry citations across git's diff of their files (the default); "
+               "--no-follow-history: the refresh alone, from the stored records");
   app.add_flag("--json", json, "Print the result as one JSON object");
   auto* quiet = app.add_flag("--quiet,-q", options.quiet,
                              "No progress, notes or summary; only the findings and errors");

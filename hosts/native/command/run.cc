@@ -296,6 +296,8 @@ Outcome run(const Options& options) {
       FlockWriteLock lock(place.wiki);
       lock.acquire();
       try {
+        // A run stopped after carrying stored its records: its page files first.
+        finish_carried(*store, place.branch, place.wiki);
         sync(*store);
       } catch (...) {
         lock.release();
@@ -330,17 +332,17 @@ Outcome run(const Options& options) {
          " read by ctags, " + std::to_string(indexed.removed) + " gone");
 
   // Renamed files and the diff since the last refresh, carried into the records and pages before
-  // the refresh: a writing run writes them under the wiki's lock (with the anchors file, so that a
-  // run after it carries from here), a run that writes nothing keeps the pages in memory.
+  // the refresh: a writing run stores and writes them under the wiki's lock (see carry), a run
+  // that writes nothing keeps the pages in memory.
   std::map<fs::path, std::string> carried_texts;
   auto carry_from_mark = [&] {
     if (!options.follow_history) return Carried{};
-    const std::optional<Mark> mark = read_mark(anchors_file, place.branch);
+    const std::optional<Mark> mark = carried_from(*store, place.branch, anchors_file);
     if (!mark) {
       if (anchors) detail("the anchors file has no commit for this branch: nothing to carry");
       return Carried{};
     }
-    Carried carried = carry(*store, place.branch, place.wiki, *mark, note);
+    Carried carried = carry(*store, place.branch, place.wiki, *mark, note, !outcome.reported_only);
     outcome.renamed = carried.renamed;
     outcome.translated = carried.translated;
     return carried;
@@ -352,11 +354,7 @@ Outcome run(const Options& options) {
       FlockWriteLock lock(place.wiki);
       lock.acquire();
       try {
-        const Carried carried = carry_from_mark();
-        for (const auto& [file, text] : carried.texts) {
-          wiki::RealFileSystem().atomic_write(file, text);
-        }
-        if (!carried.empty()) write_anchors(*store, place.branch, anchors_file);
+        carry_from_mark();
       } catch (...) {
         lock.release();
         throw;

@@ -22,9 +22,8 @@ struct Options {
   std::optional<std::filesystem::path> db;    // default: SqliteStore::default_path
   bool check = false;                         // report only, persisting nothing
   // Before the refresh, follow renamed files and carry citations across git's diff since the
-  // commit the wiki was last refreshed at. Off by default: a run stopped part way through the
-  // carrying can carry again, and "digests.json" does not follow the carried citations.
-  bool follow_history = false;
+  // commit the wiki was last refreshed at.
+  bool follow_history = true;
   bool quiet = false;
   bool verbose = false;
 };

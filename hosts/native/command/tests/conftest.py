@@ -35,12 +35,12 @@ class Repo:
         self.git("commit", "-q", "-m", message)
 
     def run(self, *args, env=None):
-        """The command, following history (renames, git's diff)."""
-        return subprocess.run([PROGRAM, "--follow-history", *args], cwd=self.root, capture_output=True, text=True,
+        """The command (which follows history by default: renames, git's diff)."""
+        return subprocess.run([PROGRAM, *args], cwd=self.root, capture_output=True, text=True,
                               env={**os.environ, **(env or {})})
 
     def start(self, *args):
-        return subprocess.Popen([PROGRAM, "--follow-history", *args], cwd=self.root, stdout=subprocess.PIPE,
+        return subprocess.Popen([PROGRAM, *args], cwd=self.root, stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, text=True)
 
     def snapshot(self):
