@@ -162,10 +162,12 @@ int main(int argc, char** argv) {
   app.add_flag("--check", options.check,
                "Report only, write nothing; exit 1 when a citation would move, is lost or cites "
                "a missing file");
-  app.add_flag("--follow-history,!--no-follow-history", options.follow_history,
-               "Before refreshing, follow the files git says were renamed since the wiki was last "
-               "refreshed, and carry citations across git's diff of their files (the default); "
-               "--no-follow-history: the refresh alone, from the stored records");
+  app.add_flag_callback(
+      "--no-follow-history", [&options] { options.follow_history = false; },
+      "Refresh from the stored records alone: do not follow the files git says were "
+      "renamed since the wiki was last refreshed, nor carry citations across git's diff "
+      "of their files (both are done by default)");
+  app.add_flag("--follow-history", options.follow_history)->group("");  // the default
   app.add_flag("--json", json, "Print the result as one JSON object");
   auto* quiet = app.add_flag("--quiet,-q", options.quiet,
                              "No progress, notes or summary; only the findings and errors");

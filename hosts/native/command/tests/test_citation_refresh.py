@@ -394,6 +394,22 @@ def test_history_is_carried_and_check_agrees_with_write(repo, what, change, expe
     assert repo.run("--check").returncode == 0
 
 
+def test_history_is_not_followed_when_turned_off(repo):
+    repo.write("src/h.py", HELPER)
+    repo.write("docs/h.md", "[b](/src/h.py#L3)\n")
+    repo.commit()
+    assert repo.run().returncode == 0
+    repo.commit("anchors")
+    repo.git("mv", "src/h.py", "src/k.py")
+    done = repo.run("--no-follow-history", "--json")
+    assert done.returncode == 0, done.stderr
+    assert json.loads(done.stdout)["missing"] == [
+        {"page_id": "h", "path": "src/h.py", "lines": "L3-L3"}]
+    assert repo.read("docs/h.md") == "[b](/src/h.py#L3)\n"
+    assert repo.run("--json").returncode == 0  # on by default
+    assert repo.read("docs/h.md") == "[b](/src/k.py#L3)\n"
+
+
 def module(shift):
     """Four functions four lines apart: a shift of 4 makes each one's new lines the next one's old
     lines."""
