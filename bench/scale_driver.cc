@@ -5,6 +5,8 @@
 //                                           and 10,000 legacy citations
 //   scale_driver profile report|write CORE.json REPEAT   only the refresh, for perf
 //   scale_driver hash-floor REPO            reads and SHA-256-hashes every file of the work tree
+//   scale_driver outputs CORE.json          SHA-256 of everything a report-only and a writing
+//                                           refresh give and leave behind, to compare builds
 //
 // CORE.json is written by bench/synth_wiki.py (the index after its code change, the page rows,
 // the wiki directory). Page files and digests.json are held in the in-memory host's file system,
@@ -254,6 +256,56 @@ int run_claims(const fs::path& data_path, int repeat) {
   return 0;
 }
 
+// SHA-256 of `text`, in hex.
+std::string sha256(const std::string& text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_Digest(text.data(), text.size(), digest, &size, EVP_sha256(), nullptr);
+  std::string hex;
+  for (unsigned int i = 0; i < size; ++i) {
+    hex += "0123456789abcdef"[digest[i] >> 4];
+    hex += "0123456789abcdef"[digest[i] & 15];
+  }
+  return hex;
+}
+
+// What each refresh gives and leaves behind, hashed: its result, every file of the wiki after
+// it, every page row after it, the host calls it made and the log lines. Two builds that print
+// the same hashes refreshed the data identically.
+int run_outputs(const fs::path& data_path) {
+  MemoryHost host;
+  IndexedRepository repo;
+  const Data data = load(data_path, host, repo);
+  const cr::Host services = host.host();
+  Record out = Record::object();
+  for (const bool write : {false, true}) {
+    restore(data, host, repo);
+    host.log_lines.clear();
+    const cr::CitationRefresh result = cr::refresh_citations(services, repo, "main", data.wiki_dir,
+                                                             data.repo_root, {.write = write});
+    std::string files, pages;
+    for (const auto& [path, content] : host.file_system.files) {
+      files += path.string() + '\0' + content + '\0';
+    }
+    for (const Record& page : repo.pages) pages += page.dump() + '\n';
+    std::string calls;
+    for (const auto& call : host.calls) calls += call + '\n';
+    for (const auto& line : host.log_lines) calls += line + '\n';
+    std::int64_t moved = 0;
+    for (const auto& [page, count] : result.moved) moved += count;
+    out[write ? "write" : "report"] = {{"result", sha256(cr::to_string(result))},
+                                       {"files", sha256(files)},
+                                       {"pages", sha256(pages)},
+                                       {"calls", sha256(calls)},
+                                       {"moved", moved},
+                                       {"repaired", result.repaired},
+                                       {"lost", result.unrepairable},
+                                       {"pages_written", result.pages_written}};
+  }
+  std::cout << out.dump(1) << "\n";
+  return 0;
+}
+
 // Reads every file of the work tree (outside .git), pages included, and hashes it with SHA-256:
 // what a run that finds nothing changed cannot do without.
 int run_hash_floor(const fs::path& repo_root) {
@@ -286,7 +338,7 @@ int main(int argc, char** argv) {
   namespace m = tolbarrow::hosts::memory;
   const std::string usage =
       "usage: scale_driver refresh|claims CORE.json REPEAT | scale_driver profile report|write "
-      "CORE.json REPEAT | scale_driver hash-floor REPO\n";
+      "CORE.json REPEAT | scale_driver hash-floor REPO | scale_driver outputs CORE.json\n";
   try {
     const std::string mode = argc > 1 ? argv[1] : "";
     if (mode == "refresh" && argc == 4) return m::run_refresh(argv[2], std::stoi(argv[3]));
@@ -295,6 +347,7 @@ int main(int argc, char** argv) {
       return m::run_profile(argv[3], std::string(argv[2]) == "write", std::stoi(argv[4]));
     }
     if (mode == "hash-floor" && argc == 3) return m::run_hash_floor(argv[2]);
+    if (mode == "outputs" && argc == 3) return m::run_outputs(argv[2]);
     std::cerr << usage;
     return 2;
   } catch (const std::exception& e) {
