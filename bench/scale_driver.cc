@@ -5,6 +5,8 @@
 //                                           and 10,000 legacy citations
 //   scale_driver profile report|write CORE.json REPEAT   only the refresh, for perf
 //   scale_driver hash-floor REPO            reads and SHA-256-hashes every file of the work tree
+//   scale_driver outputs CORE.json          SHA-256 of everything a report-only and a writing
+//                                           refresh give and leave behind, to compare builds
 //
 // CORE.json is written by bench/synth_wiki.py (the index after its code change, the page rows,
 // the wiki directory). Page files and digests.json are held in the in-memory host's file system,
@@ -15,6 +17,8 @@
 // - read: every page text read through the host's FileSystem, decoded as Text and scanned once
 //   with the host's citation pattern;
 // - write: the read floor plus every page written once through the host's atomic write.
+// Beside them, the read floor plus the claim of every legacy citation (read_floor_legacy_claims):
+// how much of the refresh's margin over the read floor the claims alone take.
 #include <openssl/evp.h>
 #include <time.h>
 
@@ -22,8 +26,10 @@
 #include <fstream>
 #include <iostream>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "hosts/memory/memory_host.h"
+#include "workers/wiki/citation_refresh/internal.h"
 
 namespace tolbarrow::hosts::memory {
 namespace {
@@ -147,16 +153,55 @@ std::int64_t read_floor(MemoryHost& host, const Data& data, bool write) {
   return found;
 }
 
+using KeySet = std::unordered_set<CitationKey, CitationKeyHash>;
+
+// The keys of each page's legacy citations (stored records without "symbol").
+std::vector<KeySet> legacy_keys(const Data& data) {
+  std::vector<KeySet> out;
+  for (const Record& page : data.pages) {
+    KeySet& keys = out.emplace_back();
+    for (const Record& citation : page.at("citations")) {
+      if (!citation.contains("symbol")) {
+        keys.insert({citation.at("path").get<std::string>(), citation.at("line_start").get<Line>(),
+                     citation.at("line_end").get<Line>()});
+      }
+    }
+  }
+  return out;
+}
+
+// The read floor plus the claim of every legacy citation, read as the refresh reads it: what
+// reading the claims of legacy citations adds to the floor, work the refresh cannot skip whatever
+// its own layout.
+std::int64_t legacy_claims(const cr::Host& services, MemoryHost& host, const Data& data,
+                           const std::vector<KeySet>& legacy) {
+  std::int64_t names = 0;
+  std::vector<std::string_view> found;  // as the refresh reads a claim
+  for (std::size_t p = 0; p < data.pages.size(); ++p) {
+    const fs::path path = data.wiki_dir / data.pages[p].at("rel_path").get<std::string>();
+    const Text text(host.file_system.read_file(path));
+    host.find(text, [&](const Citation& c) {
+      if (legacy[p].count(c.key)) {
+        cr::detail::claim_names(services, text, c.start, found);
+        names += static_cast<std::int64_t>(found.size());
+      }
+    });
+  }
+  return names;
+}
+
 int run_refresh(const fs::path& data_path, int repeat) {
   MemoryHost host;
   IndexedRepository repo;
   const Data data = load(data_path, host, repo);
   const cr::Host services = host.host();
-  double best[4] = {1e300, 1e300, 1e300, 1e300};  // report, read floor, write, write floor
-  double best_cpu[4] = {1e300, 1e300, 1e300, 1e300};
+  const std::vector<KeySet> legacy = legacy_keys(data);
+  // report, read floor, write, write floor, read floor with legacy claims
+  double best[5] = {1e300, 1e300, 1e300, 1e300, 1e300};
+  double best_cpu[5] = {1e300, 1e300, 1e300, 1e300, 1e300};
   cr::CitationRefresh report_result, write_result;
   for (int i = 0; i < repeat; ++i) {
-    for (int which = 0; which < 4; ++which) {
+    for (int which = 0; which < 5; ++which) {
       restore(data, host, repo);
       const double began_cpu = cpu_seconds();
       const auto began = Clock::now();
@@ -166,6 +211,8 @@ int run_refresh(const fs::path& data_path, int repeat) {
       } else if (which == 2) {
         write_result = cr::refresh_citations(services, repo, "main", data.wiki_dir, data.repo_root,
                                              {.write = true});
+      } else if (which == 4) {
+        legacy_claims(services, host, data, legacy);
       } else {
         read_floor(host, data, which == 3);
       }
@@ -181,11 +228,13 @@ int run_refresh(const fs::path& data_path, int repeat) {
                       {"read_floor", best[1]},
                       {"write", best[2]},
                       {"write_floor", best[3]},
+                      {"read_floor_legacy_claims", best[4]},
                       {"cpu",
                        {{"report", best_cpu[0]},
                         {"read_floor", best_cpu[1]},
                         {"write", best_cpu[2]},
-                        {"write_floor", best_cpu[3]}}},
+                        {"write_floor", best_cpu[3]},
+                        {"read_floor_legacy_claims", best_cpu[4]}}},
                       {"moved", moved},
                       {"repaired", write_result.repaired},
                       {"lost", write_result.unrepairable},
@@ -254,6 +303,56 @@ int run_claims(const fs::path& data_path, int repeat) {
   return 0;
 }
 
+// SHA-256 of `text`, in hex.
+std::string sha256(const std::string& text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_Digest(text.data(), text.size(), digest, &size, EVP_sha256(), nullptr);
+  std::string hex;
+  for (unsigned int i = 0; i < size; ++i) {
+    hex += "0123456789abcdef"[digest[i] >> 4];
+    hex += "0123456789abcdef"[digest[i] & 15];
+  }
+  return hex;
+}
+
+// What each refresh gives and leaves behind, hashed: its result, every file of the wiki after
+// it, every page row after it, the host calls it made and the log lines. Two builds that print
+// the same hashes refreshed the data identically.
+int run_outputs(const fs::path& data_path) {
+  MemoryHost host;
+  IndexedRepository repo;
+  const Data data = load(data_path, host, repo);
+  const cr::Host services = host.host();
+  Record out = Record::object();
+  for (const bool write : {false, true}) {
+    restore(data, host, repo);
+    host.log_lines.clear();
+    const cr::CitationRefresh result = cr::refresh_citations(services, repo, "main", data.wiki_dir,
+                                                             data.repo_root, {.write = write});
+    std::string files, pages;
+    for (const auto& [path, content] : host.file_system.files) {
+      files += path.string() + '\0' + content + '\0';
+    }
+    for (const Record& page : repo.pages) pages += page.dump() + '\n';
+    std::string calls;
+    for (const auto& call : host.calls) calls += call + '\n';
+    for (const auto& line : host.log_lines) calls += line + '\n';
+    std::int64_t moved = 0;
+    for (const auto& [page, count] : result.moved) moved += count;
+    out[write ? "write" : "report"] = {{"result", sha256(cr::to_string(result))},
+                                       {"files", sha256(files)},
+                                       {"pages", sha256(pages)},
+                                       {"calls", sha256(calls)},
+                                       {"moved", moved},
+                                       {"repaired", result.repaired},
+                                       {"lost", result.unrepairable},
+                                       {"pages_written", result.pages_written}};
+  }
+  std::cout << out.dump(1) << "\n";
+  return 0;
+}
+
 // Reads every file of the work tree (outside .git), pages included, and hashes it with SHA-256:
 // what a run that finds nothing changed cannot do without.
 int run_hash_floor(const fs::path& repo_root) {
@@ -286,7 +385,7 @@ int main(int argc, char** argv) {
   namespace m = tolbarrow::hosts::memory;
   const std::string usage =
       "usage: scale_driver refresh|claims CORE.json REPEAT | scale_driver profile report|write "
-      "CORE.json REPEAT | scale_driver hash-floor REPO\n";
+      "CORE.json REPEAT | scale_driver hash-floor REPO | scale_driver outputs CORE.json\n";
   try {
     const std::string mode = argc > 1 ? argv[1] : "";
     if (mode == "refresh" && argc == 4) return m::run_refresh(argv[2], std::stoi(argv[3]));
@@ -295,6 +394,7 @@ int main(int argc, char** argv) {
       return m::run_profile(argv[3], std::string(argv[2]) == "write", std::stoi(argv[4]));
     }
     if (mode == "hash-floor" && argc == 3) return m::run_hash_floor(argv[2]);
+    if (mode == "outputs" && argc == 3) return m::run_outputs(argv[2]);
     std::cerr << usage;
     return 2;
   } catch (const std::exception& e) {

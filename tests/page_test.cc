@@ -133,6 +133,40 @@ TEST(Files, AsksTheIndexOncePerPathAndStoresNothingOnFailure) {
   EXPECT_EQ(repo.file_queries["a"], 2);
 }
 
+TEST(PathNumbers, NumbersEachTextOnceInOrderOfFirstSight) {
+  cr::detail::PathNumbers numbers;
+  const std::pair<std::string, std::uint32_t> seen[] = {
+      {"", 0}, {"a", 1}, {"ab", 2}, {"a", 1}, {"b", 3}, {"", 0}, {"src/x.py", 4}, {"ab", 2},
+  };
+  for (const auto& [path, number] : seen) EXPECT_EQ(numbers.number(path), number) << path;
+  // Enough paths to grow the table many times over; the first ones keep their numbers.
+  std::vector<std::string> many;
+  for (int i = 0; i < 5000; ++i)
+    many.push_back("src/pkg" + std::to_string(i % 50) + "/m" + std::to_string(i) + ".py");
+  for (std::size_t i = 0; i < many.size(); ++i) EXPECT_EQ(numbers.number(many[i]), 5 + i);
+  for (const auto& [path, number] : seen) EXPECT_EQ(numbers.number(path), number) << path;
+  for (std::size_t i = 0; i < many.size(); ++i) {
+    ASSERT_EQ(numbers.number(many[i]), 5 + i);
+    ASSERT_EQ(numbers.path(static_cast<std::uint32_t>(5 + i)), many[i]);
+  }
+  EXPECT_EQ(numbers.size(), 5 + many.size());
+}
+
+TEST(Files, KeepsEachPathsSymbolsAsMorePathsComeIn) {
+  MemoryRepository repo;
+  MemoryHost host;
+  repo.symbols["a"] = {sym("a.x", 1, 2)};
+  host.line_counts_by_path["a"] = 7;
+  cr::detail::Files files(host.host(), repo, "/repo");
+  const auto first = files.symbols("a");
+  for (int i = 0; i < 300; ++i) files.symbols("f" + std::to_string(i));
+  EXPECT_EQ(files.symbols("a").data(), first.data());
+  EXPECT_EQ(files.line_count("a"), 7);
+  EXPECT_EQ(files.line_count("f1"), 1000);
+  EXPECT_EQ(repo.symbol_queries["a"], 1);
+  EXPECT_EQ(repo.symbol_queries.size(), 301u);
+}
+
 TEST(Apply, ReplacesEveryRecordOfAnAnchoredKeyAndKeepsTheRest) {
   const std::vector<Record> citations = {
       {{"path", "a"}, {"line_start", 1}, {"line_end", 2}},

@@ -209,6 +209,45 @@ TEST(ReadDigests, AnythingButAJsonObjectIsAnEmptyMap) {
   EXPECT_EQ(cr::detail::read_digests(real, dir.path()), Record::object());  // a directory
 }
 
+// The digest map a writing refresh reads is the one the library's own parser builds (a key given
+// twice keeps its first place and takes its last value, at any depth); a number that would not
+// be written back exactly gives none.
+TEST(ReadDigestsToRewrite, BuildsTheMapTheLibraryParses) {
+  std::vector<std::string> calls;
+  MemoryFileSystem memory(calls);
+  const fs::path path = "/w/digests.json";
+  const std::string parsed[] = {
+      R"({"p1": {"citations": [1]}, "p2": 2, "p1": 3, "p3": {"x": 1}})",
+      R"({"b": {"x": 1, "x": {"y": [1, {"z": 2, "z": 3}]}}, "a": [], "b2": {}})",
+      R"({"a": {"b": 1}, "c": [{"d": 1}], "a": {"c": 2}})",
+      R"({"a": null, "b": true, "c": "t\u00e9", "d": -5, "e": 18446744073709551615, "f": 1.5})",
+      R"({})",
+      R"([{"a": 1, "a": 2}])",
+      R"({"a": 1, )",
+  };
+  for (const std::string& content : parsed) {
+    memory.files[path] = content;
+    std::string why;
+    const auto digests = cr::detail::read_digests_to_rewrite(memory, path, why);
+    ASSERT_TRUE(digests) << content;
+    const Record expected = Record::parse(content, nullptr, /*allow_exceptions=*/false);
+    EXPECT_EQ(digests->dump(), expected.is_object() ? expected.dump() : "{}") << content;
+    EXPECT_EQ(why, "") << content;
+  }
+  const std::pair<std::string, std::string> inexact[] = {
+      {R"({"a": {"b": [0.1000000000000000055511151231257827]}})",
+       "0.1000000000000000055511151231257827"},
+      {R"({"a": 1, "b": 18446744073709551616})", "18446744073709551616"},
+      {R"({"a": 1e400})", "1e400"},
+  };
+  for (const auto& [content, number] : inexact) {
+    memory.files[path] = content;
+    std::string why;
+    EXPECT_FALSE(cr::detail::read_digests_to_rewrite(memory, path, why)) << content;
+    EXPECT_EQ(why, "the number " + number + " would not be written back exactly");
+  }
+}
+
 TEST(MoveDigestCitations, MovesMatchingCitationsOnly) {
   Moves moves;
   moves.set({"a", 12, 14}, {20, 22});

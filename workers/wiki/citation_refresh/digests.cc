@@ -36,27 +36,104 @@ std::tuple<bool, std::string, long> decimal_value(std::string_view text) {
   return {negative, digits, exponent};
 }
 
-// Builds the digest map as the library's own parser does, and notes the first number that
-// writing the map back would change. The library reads an integer beyond 64 bits as a float, and
-// hands every float over with its text: a float is exact when the text the map would be written
-// with has the same value.
-struct ExactNumbersParser : nlohmann::detail::json_sax_dom_parser<Record> {
-  using json_sax_dom_parser::json_sax_dom_parser;
+// Builds the digest map as the library's own DOM parser does (a key given twice keeps its first
+// place and takes its last value), and notes the first number that writing the map back would
+// change. The members of the outer map are found through a hash index: the library's ordered map
+// searches its members one by one for each key, which would grow with the square of the pages.
+//
+// The library reads an integer beyond 64 bits as a float, and hands every float over with its
+// text: a float is exact when the text the map would be written with has the same value.
+class DigestParser {
+ public:
+  explicit DigestParser(Record& root) : root_(root) {}
   std::string inexact;  // the first number that would change, as the file spells it
 
-  bool number_float(double value, const std::string& text) {
+  bool null() { return value(nullptr); }
+  bool boolean(bool v) { return value(v); }
+  bool number_integer(Record::number_integer_t v) { return value(v); }
+  bool number_unsigned(Record::number_unsigned_t v) { return value(v); }
+  bool number_float(double v, const std::string& text) {
     if (inexact.empty() &&
-        (!std::isfinite(value) || decimal_value(text) != decimal_value(Record(value).dump()))) {
+        (!std::isfinite(v) || decimal_value(text) != decimal_value(Record(v).dump()))) {
       inexact = text;
     }
-    return json_sax_dom_parser::number_float(value, text);
+    return value(v);
+  }
+  bool string(std::string& v) { return value(std::move(v)); }
+  bool binary(Record::binary_t& v) { return value(std::move(v)); }
+  bool start_object(std::size_t) {
+    stack_.push_back(place(Record::value_t::object));
+    return true;
+  }
+  bool key(std::string& name) {
+    if (stack_.size() > 1) {
+      member_ = &(*stack_.back())[name];
+      return true;
+    }
+    // A member of the outer map: held apart until the map ends (a map's own members cannot move
+    // when its list grows, and would be copied), a repeated key found through the index.
+    const auto [at, added] = outer_at_.try_emplace(name, outer_.size());
+    if (added) outer_.emplace_back(std::move(name), nullptr);
+    member_ = &outer_[at->second].second;
+    return true;
+  }
+  bool end_object() {
+    if (stack_.size() == 1) {
+      auto& members = stack_.back()->get_ref<Record::object_t&>();
+      members.reserve(outer_.size());
+      for (auto& [name, value] : outer_) {
+        static_cast<Record::object_t::Container&>(members).emplace_back(std::move(name),
+                                                                        std::move(value));
+      }
+    }
+    stack_.pop_back();
+    return true;
+  }
+  bool start_array(std::size_t) {
+    stack_.push_back(place(Record::value_t::array));
+    return true;
+  }
+  bool end_array() {
+    stack_.pop_back();
+    return true;
   }
   // A number beyond a double's range stops the library's parser (its error 406).
   template <class Exception>
-  bool parse_error(std::size_t position, const std::string& token, const Exception& error) {
+  bool parse_error(std::size_t, const std::string& token, const Exception& error) {
     if (error.id == 406 && inexact.empty()) inexact = token;
-    return json_sax_dom_parser::parse_error(position, token, error);
+    return false;
   }
+
+ private:
+  template <class Value>
+  bool value(Value&& v) {
+    place(std::forward<Value>(v));
+    return true;
+  }
+  // Puts a value where the text has it: the root, the end of the open list, or the member whose
+  // key came last.
+  template <class Value>
+  Record* place(Value&& v) {
+    if (stack_.empty()) {
+      root_ = Record(std::forward<Value>(v));
+      return &root_;
+    }
+    Record& open = *stack_.back();
+    if (open.is_array()) {
+      auto& items = open.get_ref<Record::array_t&>();
+      items.emplace_back(std::forward<Value>(v));
+      return &items.back();
+    }
+    *member_ = Record(std::forward<Value>(v));
+    return member_;
+  }
+
+  Record& root_;
+  std::vector<Record*> stack_;  // the open maps and lists, outermost first
+  Record* member_ = nullptr;    // the value of the key read last
+  // The members of the outer map (when the root is a map) until it ends, and where each stands.
+  std::vector<std::pair<std::string, Record>> outer_;
+  std::unordered_map<std::string, std::size_t> outer_at_;
 };
 
 }  // namespace
@@ -76,7 +153,7 @@ std::optional<Record> read_digests_to_rewrite(FileSystem& file_system, const fs:
     return Record::object();
   }
   Record parsed;
-  ExactNumbersParser parser(parsed, /*allow_exceptions=*/false);
+  DigestParser parser(parsed);
   const bool parsed_ok = Record::sax_parse(bytes, &parser);
   if (!parser.inexact.empty()) {
     why = "the number " + parser.inexact + " would not be written back exactly";

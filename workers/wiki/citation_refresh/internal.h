@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -89,6 +90,30 @@ struct PageRefresh {
   friend bool operator==(const PageRefresh&, const PageRefresh&);
 };
 
+// Paths numbered 0, 1, 2... in the order they are first seen, for one refresh. One flat table of
+// hashes and one block holding every path's text: finding a path reads a few cache lines however
+// many paths there are and wherever the rest of the refresh put its memory (a hash map's nodes,
+// each allocated on its own, cost a cache and TLB miss apiece).
+class PathNumbers {
+ public:
+  // The number of `path`; a path not seen before takes the next one.
+  std::uint32_t number(std::string_view path);
+  // The text of the path numbered `n` (n < size()), valid until the next new path.
+  std::string_view path(std::uint32_t n) const;
+  std::size_t size() const { return spans_.size(); }
+
+ private:
+  struct Slot {
+    std::size_t hash = 0;
+    std::uint32_t number = 0;  // the path's number + 1; 0: an empty slot
+  };
+  void grow();
+
+  std::vector<Slot> slots_;  // open addressing: a power of two, at most half full
+  std::string text_;         // every path's text, one after another
+  std::vector<std::pair<std::size_t, std::size_t>> spans_;  // where each path is in text_
+};
+
 // The per-refresh cache of cited files: each path's symbols are asked of the index once.
 class Files {
  public:
@@ -116,8 +141,9 @@ class Files {
   // What is known of each cited path: one lookup serves both of a citation's questions in turn.
   File& file(const std::string& path);
 
-  std::unordered_map<std::string, File> files_;
-  std::pair<const std::string*, File*> last_;  // the path looked up last, and its entry
+  PathNumbers numbers_;
+  std::vector<File> files_;            // by path number
+  std::optional<std::uint32_t> last_;  // the number of the path looked up last
   std::unique_ptr<LineCounts> line_counts_;
 };
 

@@ -1,5 +1,6 @@
 // One page's refresh: the cited-file cache, working out each citation's move, anchor or loss, and
 // turning that into the page's new citation records.
+#include <algorithm>
 #include <deque>
 #include <unordered_set>
 
@@ -25,12 +26,46 @@ Files::Files(const Host& host, Repository& repository, std::filesystem::path rep
   if (!line_counts_) throw std::logic_error("CitationRanges::line_counts gave no LineCounts");
 }
 
+std::uint32_t PathNumbers::number(std::string_view path) {
+  if (slots_.size() < 2 * (spans_.size() + 1)) grow();
+  const std::size_t hash = std::hash<std::string_view>()(path);
+  const std::size_t mask = slots_.size() - 1;
+  for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+    Slot& slot = slots_[at];
+    if (slot.number == 0) {
+      slot = {hash, static_cast<std::uint32_t>(spans_.size() + 1)};
+      spans_.emplace_back(text_.size(), path.size());
+      text_.append(path);
+      return slot.number - 1;
+    }
+    if (slot.hash == hash && this->path(slot.number - 1) == path) return slot.number - 1;
+  }
+}
+
+std::string_view PathNumbers::path(std::uint32_t n) const {
+  const auto [offset, size] = spans_[n];
+  return std::string_view(text_).substr(offset, size);
+}
+
+void PathNumbers::grow() {
+  std::vector<Slot> old(std::max<std::size_t>(64, 2 * slots_.size()));
+  old.swap(slots_);
+  const std::size_t mask = slots_.size() - 1;
+  for (const Slot& slot : old) {
+    if (slot.number == 0) continue;
+    std::size_t at = slot.hash & mask;
+    while (slots_[at].number != 0) at = (at + 1) & mask;
+    slots_[at] = slot;
+  }
+}
+
 Files::File& Files::file(const std::string& path) {
   // A citation asks for its path's symbols and then its line count: the second finds it here.
-  if (last_.first != nullptr && *last_.first == path) return *last_.second;
-  auto& entry = *files_.try_emplace(path).first;
-  last_ = {&entry.first, &entry.second};
-  return entry.second;
+  if (last_ && numbers_.path(*last_) == path) return files_[*last_];
+  const std::uint32_t n = numbers_.number(path);
+  if (n == files_.size()) files_.emplace_back();
+  last_ = n;
+  return files_[n];
 }
 
 std::span<const Symbol> Files::symbols(const std::string& path) {
