@@ -151,13 +151,25 @@ Record to_record(py::handle value, std::string_view what) {
   if (PyDict_Check(v)) {
     RecursionGuard guard(" while converting a record");
     Record out = Record::object();
+    // Keys that are plain str are distinct texts: each member goes last, in the dict's order,
+    // without a search. Once a str subclass (which may compare its own way) is among them, each
+    // text is looked up.
+    auto& members = out.get_ref<Record::object_t&>();
+    members.reserve(static_cast<std::size_t>(PyDict_GET_SIZE(v)));
     PyObject *key = nullptr, *item = nullptr;
     Py_ssize_t pos = 0;
+    bool distinct = true;
     while (PyDict_Next(v, &pos, &key, &item)) {
       if (!PyUnicode_Check(key)) {
         raise(PyExc_TypeError, std::string(what) + ": keys must be str, got " + type_name(key));
       }
-      out[to_utf8(key, what)] = to_record(item, what);
+      std::string name = to_utf8(key, what);
+      distinct = distinct && PyUnicode_CheckExact(key);
+      if (distinct) {
+        members.emplace_back(std::move(name), to_record(item, what));
+      } else {
+        out[std::move(name)] = to_record(item, what);
+      }
     }
     return out;
   }

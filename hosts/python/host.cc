@@ -38,6 +38,49 @@ class PyPageRow final : public PageRow {
     });
   }
 
+  // Only `members` of each dict record are converted: what the core never reads stays in Python
+  // (and cannot fail). A value that is not a list or tuple, and a record that is not a dict, are
+  // read whole, with the errors of a whole read.
+  const std::vector<Record>& citation_members(
+      std::vector<Record>& storage, std::span<const std::string_view> members) const override {
+    return host_call(bridge_, [&]() -> const std::vector<Record>& {
+      storage.clear();
+      const py::object value = member(bridge_.names.citations);
+      if (!value) return storage;
+      if (!PyList_Check(value.ptr()) && !PyTuple_Check(value.ptr())) {
+        Record row = Record::object();
+        row["citations"] = to_record(value, "page row citations");
+        storage = RecordPageRow(std::move(row)).citations();
+        return storage;
+      }
+      const auto items = py::reinterpret_steal<py::tuple>(PySequence_Tuple(value.ptr()));
+      if (!items) throw py::error_already_set();
+      std::vector<py::object> names;
+      names.reserve(members.size());
+      for (std::string_view name : members) names.push_back(to_str(name));
+      storage.reserve(items.size());
+      for (py::handle item : items) {
+        if (!PyDict_Check(item.ptr())) {
+          storage.push_back(to_record(item, "page row citations"));
+          continue;
+        }
+        Record record = Record::object();
+        auto& kept = record.get_ref<Record::object_t&>();
+        kept.reserve(members.size());
+        for (std::size_t i = 0; i < members.size(); ++i) {
+          PyObject* found = PyDict_GetItemWithError(item.ptr(), names[i].ptr());
+          if (found == nullptr) {
+            if (PyErr_Occurred()) throw py::error_already_set();
+            continue;
+          }
+          kept.emplace_back(std::string(members[i]), to_record(found, "page row citations"));
+        }
+        storage.push_back(std::move(record));
+      }
+      return storage;
+    });
+  }
+
   // The row's value under `key`, or a null object when the row has no such key. GIL held.
   py::object member(py::handle key) const {
     if (PyDict_Check(row_)) {
