@@ -190,6 +190,9 @@ class PyHost final : public CitationSyntax,
 
   // The host's key object for `key` in the page last searched, else a new host CitationKey.
   py::object key_object(const CitationKey& key) const;
+  // A cited path as a Python str: the host's own str of the citation being refreshed when it is
+  // that path, else a new one.
+  py::object path_object(const std::string& path) const;
   // Maps going to Python: dicts in the map's order, keyed by the host's key objects.
   py::dict moves_object(const Moves& moves) const;
   py::dict anchors_object(const KeyedMap<Record>& anchors) const;
@@ -222,7 +225,19 @@ class PyHost final : public CitationSyntax,
   fs::path wiki_path_, root_path_;
   std::map<const Symbol*, SymbolList, std::less<>> symbol_lists_;  // by their first element
   std::map<const Record*, py::tuple, std::less<>> record_lists_;   // by their first element
-  std::unordered_map<CitationKey, py::object, CitationKeyHash> keys_;
+  // The keys the host gave for the page last searched, in text order; each key's path is a view
+  // of the UTF-8 form of the host's str, which `parts` keeps. Indexed on the first lookup.
+  struct PageKey {
+    cr::detail::CitationKeyView key;
+    py::object object;
+    py::tuple parts;
+  };
+  std::vector<PageKey> keys_;
+  const PageKey* current_ = nullptr;  // the key of the citation the core is refreshing
+  mutable std::unordered_map<cr::detail::CitationKeyView, std::size_t,
+                             cr::detail::CitationKeyViewHash>
+      key_at_;
+  mutable std::size_t keys_indexed_ = 0;  // how many of keys_ key_at_ holds
   Line last_count_ = 0;
   py::object last_count_object_;
   std::vector<py::object> kept_;
@@ -261,13 +276,14 @@ py::object call(py::handle callable, std::initializer_list<py::handle> args,
 py::object call_method(py::handle self, py::handle name, std::initializer_list<py::handle> args,
                        py::handle kwnames = {});
 
-// A Python str as UTF-8. TypeError naming `what` when it is not a str.
-std::string to_utf8(py::handle text, std::string_view what);
+// A Python str as UTF-8. TypeError naming `what` (and `part` of it) when it is not a str. The
+// names are put together only for an error.
+std::string to_utf8(py::handle text, std::string_view what, std::string_view part = {});
 // UTF-8 bytes as a Python str.
 py::str to_str(std::string_view utf8);
 
 // A Python int as a line number. TypeError when it is not an int, OverflowError beyond 64 bits.
-Line to_line(py::handle value, std::string_view what);
+Line to_line(py::handle value, std::string_view what, std::string_view part = {});
 // A Python int as a text offset. Also ValueError when it is negative.
 std::size_t to_offset(py::handle value, std::string_view what);
 
@@ -283,8 +299,8 @@ py::object from_record(const Record& record);
 py::list from_records(const std::vector<Record>& records);
 
 // A key of exactly three parts (path str, start int, end int): a CitationKey, a tuple, any
-// iterable.
-CitationKey to_key(py::handle key, std::string_view what);
+// iterable. `parts`, when given, gets the three parts as a tuple.
+CitationKey to_key(py::handle key, std::string_view what, py::tuple* parts = nullptr);
 // A line range of exactly two ints, and back as a tuple.
 LineRange to_range(py::handle range, std::string_view what);
 py::tuple range_object(const LineRange& range);

@@ -87,9 +87,10 @@ py::object call_method(py::handle self, py::handle name, std::initializer_list<p
       name.ptr(), stack + 1, positional | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames.ptr()));
 }
 
-std::string to_utf8(py::handle text, std::string_view what) {
+std::string to_utf8(py::handle text, std::string_view what, std::string_view part) {
   if (!PyUnicode_Check(text.ptr())) {
-    raise(PyExc_TypeError, std::string(what) + ": expected str, got " + type_name(text));
+    raise(PyExc_TypeError,
+          std::string(what) + std::string(part) + ": expected str, got " + type_name(text));
   }
   Py_ssize_t size = 0;
   const char* data = PyUnicode_AsUTF8AndSize(text.ptr(), &size);
@@ -104,13 +105,16 @@ py::str to_str(std::string_view utf8) {
   return py::reinterpret_steal<py::str>(text);
 }
 
-Line to_line(py::handle value, std::string_view what) {
+Line to_line(py::handle value, std::string_view what, std::string_view part) {
   if (!PyLong_Check(value.ptr())) {
-    raise(PyExc_TypeError, std::string(what) + ": expected int, got " + type_name(value));
+    raise(PyExc_TypeError,
+          std::string(what) + std::string(part) + ": expected int, got " + type_name(value));
   }
   int overflow = 0;
   const long long line = PyLong_AsLongLongAndOverflow(value.ptr(), &overflow);
-  if (overflow != 0) raise(PyExc_OverflowError, std::string(what) + ": integer out of range");
+  if (overflow != 0) {
+    raise(PyExc_OverflowError, std::string(what) + std::string(part) + ": integer out of range");
+  }
   if (line == -1 && PyErr_Occurred()) throw py::error_already_set();
   return line;
 }
@@ -151,13 +155,25 @@ Record to_record(py::handle value, std::string_view what) {
   if (PyDict_Check(v)) {
     RecursionGuard guard(" while converting a record");
     Record out = Record::object();
+    // Keys that are plain str are distinct texts: each member goes last, in the dict's order,
+    // without a search. Once a str subclass (which may compare its own way) is among them, each
+    // text is looked up.
+    auto& members = out.get_ref<Record::object_t&>();
+    members.reserve(static_cast<std::size_t>(PyDict_GET_SIZE(v)));
     PyObject *key = nullptr, *item = nullptr;
     Py_ssize_t pos = 0;
+    bool distinct = true;
     while (PyDict_Next(v, &pos, &key, &item)) {
       if (!PyUnicode_Check(key)) {
         raise(PyExc_TypeError, std::string(what) + ": keys must be str, got " + type_name(key));
       }
-      out[to_utf8(key, what)] = to_record(item, what);
+      std::string name = to_utf8(key, what);
+      distinct = distinct && PyUnicode_CheckExact(key);
+      if (distinct) {
+        members.emplace_back(std::move(name), to_record(item, what));
+      } else {
+        out[std::move(name)] = to_record(item, what);
+      }
     }
     return out;
   }
@@ -227,16 +243,17 @@ py::list from_records(const std::vector<Record>& records) {
 
 // ---- Keys and ranges --------------------------------------------------------------------------
 
-CitationKey to_key(py::handle key, std::string_view what) {
-  const py::tuple parts = as_tuple(key, what, "a (path, start, end) citation key");
+CitationKey to_key(py::handle key, std::string_view what, py::tuple* parts_out) {
+  py::tuple parts = as_tuple(key, what, "a (path, start, end) citation key");
   if (parts.size() != 3) {
     raise(PyExc_ValueError, std::string(what) +
                                 ": a citation key has 3 parts (path, start, end), got " +
                                 std::to_string(parts.size()));
   }
-  return {to_utf8(parts[0], std::string(what) + " path"),
-          to_line(parts[1], std::string(what) + " start"),
-          to_line(parts[2], std::string(what) + " end")};
+  CitationKey out{to_utf8(parts[0], what, " path"), to_line(parts[1], what, " start"),
+                  to_line(parts[2], what, " end")};
+  if (parts_out != nullptr) *parts_out = std::move(parts);
+  return out;
 }
 
 LineRange to_range(py::handle range, std::string_view what) {
@@ -245,8 +262,7 @@ LineRange to_range(py::handle range, std::string_view what) {
     raise(PyExc_ValueError, std::string(what) + ": a line range has 2 parts (first, last), got " +
                                 std::to_string(parts.size()));
   }
-  return {to_line(parts[0], std::string(what) + " first line"),
-          to_line(parts[1], std::string(what) + " last line")};
+  return {to_line(parts[0], what, " first line"), to_line(parts[1], what, " last line")};
 }
 
 py::tuple range_object(const LineRange& range) { return py::make_tuple(range.first, range.last); }

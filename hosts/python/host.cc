@@ -38,6 +38,54 @@ class PyPageRow final : public PageRow {
     });
   }
 
+  // Only `members` of each dict record are converted: what the core never reads stays in Python
+  // (and cannot fail). A value that is not a list or tuple, and a record that is not a dict, are
+  // read whole, with the errors of a whole read.
+  const std::vector<Record>& citation_members(
+      std::vector<Record>& storage, std::span<const std::string_view> members) const override {
+    return host_call(bridge_, [&]() -> const std::vector<Record>& {
+      storage.clear();
+      const py::object value = member(bridge_.names.citations);
+      if (!value) return storage;
+      if (!PyList_Check(value.ptr()) && !PyTuple_Check(value.ptr())) {
+        Record row = Record::object();
+        row["citations"] = to_record(value, "page row citations");
+        storage = RecordPageRow(std::move(row)).citations();
+        return storage;
+      }
+      const auto items = py::reinterpret_steal<py::tuple>(PySequence_Tuple(value.ptr()));
+      if (!items) throw py::error_already_set();
+      // Interned, as the keys of the host's dict literals are: a lookup finds them by identity.
+      std::vector<py::object> names;
+      names.reserve(members.size());
+      for (std::string_view name : members) {
+        PyObject* text = to_str(name).release().ptr();
+        PyUnicode_InternInPlace(&text);
+        names.push_back(py::reinterpret_steal<py::object>(text));
+      }
+      storage.reserve(items.size());
+      for (py::handle item : items) {
+        if (!PyDict_Check(item.ptr())) {
+          storage.push_back(to_record(item, "page row citations"));
+          continue;
+        }
+        Record record = Record::object();
+        auto& kept = record.get_ref<Record::object_t&>();
+        kept.reserve(members.size());
+        for (std::size_t i = 0; i < members.size(); ++i) {
+          PyObject* found = PyDict_GetItemWithError(item.ptr(), names[i].ptr());
+          if (found == nullptr) {
+            if (PyErr_Occurred()) throw py::error_already_set();
+            continue;
+          }
+          kept.emplace_back(std::string(members[i]), to_record(found, "page row citations"));
+        }
+        storage.push_back(std::move(record));
+      }
+      return storage;
+    });
+  }
+
   // The row's value under `key`, or a null object when the row has no such key. GIL held.
   py::object member(py::handle key) const {
     if (PyDict_Check(row_)) {
@@ -65,7 +113,8 @@ class PyLineCounts final : public LineCounts {
   PyLineCounts(PyHost& host, PyObject* counts) : host_(host), counts_(counts) {}
 
   Line count(const std::string& path) override {
-    return host_call(host_.bridge(), [&] { return host_.counted(call(counts_, {to_str(path)})); });
+    return host_call(host_.bridge(),
+                     [&] { return host_.counted(call(counts_, {host_.path_object(path)})); });
   }
 
  private:
@@ -172,7 +221,10 @@ PyHost::PyHost(BridgePtr bridge, py::handle wiki_dir, fs::path wiki_path, py::ha
 void PyHost::find(const Text& text, const std::function<void(const Citation&)>& each) {
   Bridge& b = *bridge_;
   host_call(b, [&] {
-    keys_.clear();  // keys are a page's own
+    // Keys are a page's own.
+    keys_.clear();
+    key_at_.clear();
+    keys_indexed_ = 0;
     const py::object matches = call(b.services.prose_citations, {b.texts.str(text)});
     const auto iterator = py::reinterpret_steal<py::object>(PyObject_GetIter(matches.ptr()));
     if (!iterator) throw py::error_already_set();
@@ -182,11 +234,25 @@ void PyHost::find(const Text& text, const std::function<void(const Citation&)>& 
       citation.start =
           to_offset(call_method(match, b.names.start, {}), "verify.prose_citations match start()");
       // The key is asked just before the core examines the citation.
-      const py::object key = call(b.services.citation_key, {match});
-      citation.key = to_key(key, "types.citation_key result");
-      keys_.try_emplace(citation.key, key);
-      py::gil_scoped_release nogil;
-      each(citation);
+      py::object key = call(b.services.citation_key, {match});
+      py::tuple parts;
+      citation.key = to_key(key, "types.citation_key result", &parts);
+      Py_ssize_t size = 0;
+      const char* path = PyUnicode_AsUTF8AndSize(parts[0].ptr(), &size);  // kept by the str
+      if (path == nullptr) throw py::error_already_set();
+      keys_.push_back({{std::string_view(path, static_cast<std::size_t>(size)), citation.key.start,
+                        citation.key.end},
+                       std::move(key),
+                       std::move(parts)});
+      current_ = &keys_.back();
+      try {
+        py::gil_scoped_release nogil;
+        each(citation);
+      } catch (...) {
+        current_ = nullptr;
+        throw;
+      }
+      current_ = nullptr;
     }
     if (PyErr_Occurred()) throw py::error_already_set();
   });
@@ -320,10 +386,18 @@ py::object PyHost::symbols_object(std::span<const Symbol> symbols) const {
 }
 
 py::object PyHost::key_object(const CitationKey& key) const {
-  auto it = keys_.find(key);
-  if (it != keys_.end()) return it->second;
+  for (; keys_indexed_ < keys_.size(); ++keys_indexed_) {
+    key_at_.try_emplace(keys_[keys_indexed_].key, keys_indexed_);  // the first of equal keys
+  }
+  auto it = key_at_.find(cr::detail::key_view(key));
+  if (it != key_at_.end()) return keys_[it->second].object;
   return call(bridge_->services.CitationKey,
               {to_str(key.path), py::int_(key.start), py::int_(key.end)});
+}
+
+py::object PyHost::path_object(const std::string& path) const {
+  if (current_ != nullptr && current_->key.path == path) return current_->parts[0];
+  return to_str(path);
 }
 
 py::dict PyHost::moves_object(const Moves& moves) const {
@@ -395,7 +469,8 @@ PyRepository::PyRepository(PyHost& host, py::handle repository)
 std::vector<Symbol> PyRepository::get_symbols_by_path(const std::string& path) {
   const Bridge& b = host_.bridge();
   return host_call(b, [&] {
-    return host_.symbols_of(call_method(repository_, b.names.get_symbols_by_path, {to_str(path)}));
+    return host_.symbols_of(
+        call_method(repository_, b.names.get_symbols_by_path, {host_.path_object(path)}));
   });
 }
 
@@ -403,7 +478,7 @@ bool PyRepository::is_indexed(const std::string& path) {
   const Bridge& b = host_.bridge();
   return host_call(b, [&] {
     // Only tested against None: the file's record itself is never read.
-    return !call_method(repository_, b.names.get_file_by_path, {to_str(path)}).is_none();
+    return !call_method(repository_, b.names.get_file_by_path, {host_.path_object(path)}).is_none();
   });
 }
 

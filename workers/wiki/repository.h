@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,6 +41,14 @@ class PageRow {
   // The same list, lent by a row that holds it (held()) or else read into `storage`. The list
   // lives as long as the row's record, or `storage`, is left unchanged.
   const std::vector<Record>& citations(std::vector<Record>& storage) const;
+  // The same list for a reader that reads no member of a record but `members`: a row may leave
+  // the other members out of the records it gives (a host that converts each record from its
+  // own form saves converting what is never read). The default gives the records whole.
+  virtual const std::vector<Record>& citation_members(
+      std::vector<Record>& storage, std::span<const std::string_view> members) const {
+    static_cast<void>(members);
+    return citations(storage);
+  }
   // The page's build cache; an empty map when absent. Throws RecordTypeError when present but not
   // a map.
   Record build_cache() const;

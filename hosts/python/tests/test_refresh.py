@@ -51,6 +51,8 @@ def test_host_objects_are_handed_back(cr, road, monkeypatch):
     (record, symbol), = recorder.called("anchored")
     assert symbol is road.symbol
     (_, key), = recorder.called("citation_key")
+    assert [path for path, in recorder.called("get_file_by_path")] == [key.path]
+    assert recorder.called("get_file_by_path")[0][0] is key.path
     for _, moves in recorder.called("rewrite_citations"):
         assert [k for k in moves] == [key] and next(iter(moves)) is key
     moves = road.repo.updates[0][2]["moves"]
@@ -158,3 +160,43 @@ def test_unchanged_page_text_keeps_the_rows_own_hash(cr, road):
     assert update["content_hash"] is own_hash and update["moves"] == {}
     assert update["citations"] == [dict(road.record, symbol_end=30)]
     assert "_text_hash" not in services()
+
+
+@pytest.mark.parametrize("fields", [
+    {"extra": {1, 2}}, {"extra": object()}, {"extra": 2**70}, {7: "not a str key"},
+])
+def test_report_only_leaves_members_it_never_reads_unconverted(cr, road, fields):
+    road.record.update(fields)
+    result = cr.refresh_citations(road.repo, "main", road.wiki_dir, road.repo_root, write=False)
+    assert result == cr.CitationRefresh(moved={"p1": 1})
+
+
+@pytest.mark.parametrize("fields, error, words", [
+    ({"symbol_start": {1, 2}}, TypeError, "set"),
+    ({"symbol_end": object()}, TypeError, "object"),
+    ({"line_start": 2**70}, OverflowError, "out of range"),
+    ({"path": [{1: 2}]}, TypeError, "keys must be str"),
+])
+@pytest.mark.parametrize("write", [False, True])
+def test_a_member_that_is_read_fails_before_the_page_is_searched(cr, road, fields, error, words,
+                                                                 write):
+    road.record.update(fields)
+    with pytest.raises(error, match=words):
+        cr.refresh_citations(road.repo, "main", road.wiki_dir, road.repo_root, write=write)
+    assert "prose_citations" not in services()
+
+
+@pytest.mark.parametrize("citations, moved", [
+    # No stored records: the citation stands as a legacy one, which a.f no longer holds.
+    (None, {}), ("", {}), ({}, {}), ("tuple", {"p1": 1}),
+    ("records", TypeError), ({"path": "src/a.py"}, TypeError), ([7], TypeError),
+])
+def test_report_only_reads_a_citation_list_of_any_form(cr, road, citations, moved):
+    row = road.repo.pages[0]
+    row["citations"] = tuple(row["citations"]) if citations == "tuple" else citations
+    if moved is TypeError:
+        with pytest.raises(TypeError):
+            cr.refresh_citations(road.repo, "main", road.wiki_dir, road.repo_root, write=False)
+        return
+    result = cr.refresh_citations(road.repo, "main", road.wiki_dir, road.repo_root, write=False)
+    assert result == cr.CitationRefresh(moved=moved)

@@ -161,6 +161,11 @@ std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<co
 void claim_names(const Host& host, const Text& text, std::size_t position,
                  std::vector<std::string_view>& out);
 
+// The members of a stored citation record that refresh_page() reads when it does not anchor: the
+// stored key's, the declaration's (find_again) and the lines relocated_range() reads.
+inline constexpr std::string_view REPORT_MEMBERS[] = {"path", "line_start",   "line_end",  "symbol",
+                                                      "name", "symbol_start", "symbol_end"};
+
 // Works out one page's moves, new anchors and lost citations. Changes nothing. Without `anchor`,
 // the host's anchored records are not asked for and `anchors` stays empty.
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,

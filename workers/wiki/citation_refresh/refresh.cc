@@ -71,7 +71,10 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     const Text text = read_page(host.file_system, page_file);
     // Lent by the row where it can: valid until the page's update below replaces it.
     std::vector<Record> citations_read;
-    const std::vector<Record>& citations = row->citations(citations_read);
+    // A report-only refresh reads only some members of each record.
+    const std::vector<Record>& citations =
+        options.write ? row->citations(citations_read)
+                      : row->citation_members(citations_read, detail::REPORT_MEMBERS);
     // A report-only refresh has no use for the anchored records.
     detail::PageRefresh page = detail::refresh_page(host, text, citations, files, options.write);
 
