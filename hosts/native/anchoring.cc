@@ -14,7 +14,7 @@ namespace {
 
 class IndexLineCounts : public wiki::LineCounts {
  public:
-  IndexLineCounts(SqliteStore& store, fs::path root) : store_(store), root_(std::move(root)) {}
+  IndexLineCounts(SqliteStore& store, fs::path root) : store_(store), contained_(std::move(root)) {}
 
   wiki::Line count(const std::string& path) override {
     auto it = counts_.find(path);
@@ -24,7 +24,7 @@ class IndexLineCounts : public wiki::LineCounts {
 
  private:
   wiki::Line measure(const std::string& path) {
-    const auto file = contained_path(root_, path);
+    const auto file = contained_(path);
     struct stat st;
     if (!file || ::stat(file->c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
     const std::int64_t mtime_ns =
@@ -37,7 +37,7 @@ class IndexLineCounts : public wiki::LineCounts {
   }
 
   SqliteStore& store_;
-  fs::path root_;
+  ContainedPaths contained_;  // each directory's links followed once per refresh
   std::unordered_map<std::string, wiki::Line> counts_;
 };
 

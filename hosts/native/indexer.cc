@@ -448,9 +448,10 @@ IndexStats Indexer::update() {
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) own.insert(db_rel + suffix);
   own.insert(state_files_.begin(), state_files_.end());
 
+  ContainedPaths contained(root);  // each directory's links followed once
   for (const std::string& path : repository_files(root)) {
     if (path.find('\n') != std::string::npos || own.count(path)) continue;
-    const auto file = contained_path(root, path);
+    const auto file = contained(path);
     struct stat st;
     if (!file || ::stat(file->c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     present.insert(path);
@@ -490,7 +491,7 @@ IndexStats Indexer::update() {
       std::vector<wiki::Symbol> symbols;
       if (found != by_path.end() && !found->second->empty()) {
         // The text tells what ctags does not: decorators, `if TYPE_CHECKING:` branches.
-        const auto file = contained_path(root, changed[i].path);
+        const auto file = contained(changed[i].path);
         symbols = identify(std::move(*found->second), file ? read_bytes(*file) : std::string());
       }
       change.indexed.emplace_back(std::move(changed[i]), std::move(symbols));

@@ -313,12 +313,13 @@ std::vector<wiki::Symbol> SqliteStore::get_symbols_by_path(const std::string& pa
 
 bool SqliteStore::is_indexed(const std::string& path) {
   if (auto it = indexed_.find(path); it != indexed_.end()) return it->second;
-  bool known = false;
-  if (contained_path(root_, path)) {
-    Statement s(db_, file_, "SELECT 1 FROM files WHERE path = ?");
-    s.bind(1, path);
-    known = s.step();
+  if (!index_paths_) {
+    index_paths_.emplace();
+    Statement s(db_, file_, "SELECT path FROM files");
+    while (s.step()) index_paths_->insert(s.text(0));
+    contained_.emplace(root_);
   }
+  const bool known = index_paths_->count(path) != 0 && (*contained_)(path).has_value();
   indexed_.emplace(path, known);
   return known;
 }
@@ -381,6 +382,8 @@ std::optional<FileFacts> SqliteStore::file(const std::string& path) {
 
 void SqliteStore::apply(const IndexChange& change) {
   indexed_.clear();
+  index_paths_.reset();
+  contained_.reset();
   transaction([&] {
     Statement put(db_, file_, "INSERT OR REPLACE INTO files VALUES (?, ?, ?, ?, ?)");
     Statement drop_file(db_, file_, "DELETE FROM files WHERE path = ?");

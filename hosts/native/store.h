@@ -10,8 +10,10 @@
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
+#include "hosts/native/repo_paths.h"
 #include "workers/wiki/repository.h"
 
 struct sqlite3;
@@ -149,8 +151,11 @@ class SqliteStore : public wiki::Repository {
   std::filesystem::path file_;
   sqlite3* db_ = nullptr;
   // is_indexed's answers since the files table last changed: a refresh asks it for every
-  // citation, and the answer needs a walk of the path's components.
+  // citation, and the answer needs a walk of the path's components. What it answers from, read
+  // once: the files table's paths, and the resolution of each directory holding one.
   std::unordered_map<std::string, bool> indexed_;
+  std::optional<std::unordered_set<std::string>> index_paths_;
+  std::optional<ContainedPaths> contained_;
 };
 
 // SHA-256 of `bytes`, lower-case hex.

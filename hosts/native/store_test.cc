@@ -118,6 +118,35 @@ TEST(Store, PathsLeadingOutsideTheRepositoryAreNeverIndexed) {
   EXPECT_FALSE(store.is_indexed("src/b.py"));
 }
 
+// ContainedPaths keeps each directory's resolution; every answer must be contained_path's, for
+// links of files and directories inside and outside the root, missing parts and odd spellings.
+TEST(Store, ContainedPathsAnswersAsContainedPath) {
+  TempDir repo, outside;
+  repo.write("src/a.py", "x\n");
+  repo.write("src/deep/b.py", "x\n");
+  outside.write("secret.py", "x\n");
+  namespace fs = std::filesystem;
+  fs::create_directory_symlink(outside.path(), repo.path() / "out");
+  fs::create_directory_symlink(repo.path() / "src", repo.path() / "in");
+  fs::create_symlink(outside.path() / "secret.py", repo.path() / "src/link.py");
+  fs::create_symlink(repo.path() / "src/deep/b.py", repo.path() / "src/inlink.py");
+  fs::create_symlink("loop.py", repo.path() / "src/loop.py");
+  const fs::path root = canonical_root(repo.path());
+  const std::vector<std::string> paths = {
+      "src/a.py",      "src/deep/b.py", "src/missing.py", "nodir/x.py", "src/a.py/x",
+      "out/secret.py", "src/link.py",   "src/inlink.py",  "in/a.py",    "in/deep/b.py",
+      "src/loop.py",   "src//a.py",     "./src/a.py",     "src/./a.py", "src/",
+      "src",           "../x.py",       "/etc/passwd",    "",           "a.py"};
+  ContainedPaths contained(root);
+  for (int pass = 0; pass < 2; ++pass) {  // the second from the kept directories
+    for (const std::string& path : paths) {
+      EXPECT_EQ(contained(path), contained_path(root, path)) << path << " pass " << pass;
+    }
+  }
+  EXPECT_TRUE(contained("in/a.py"));
+  EXPECT_FALSE(contained("src/link.py"));
+}
+
 // The anchors file counts as written from the pages until any page of its branch changes.
 TEST(Store, AnyPageChangeMakesTheWrittenAnchorsFileStale) {
   const std::vector<std::pair<const char*, std::function<void(SqliteStore&)>>> changes = {
