@@ -65,6 +65,12 @@ CREATE TABLE IF NOT EXISTS anchors_files(
 ) WITHOUT ROWID;
 )sql";
 
+// The refresh result kept for the inputs it was made from; added without a schema version change
+// (created when first kept).
+constexpr const char* kKeptRefreshes =
+    "CREATE TABLE IF NOT EXISTS kept_refreshes(branch TEXT PRIMARY KEY, inputs TEXT NOT NULL, "
+    "result TEXT NOT NULL) WITHOUT ROWID";
+
 [[noreturn]] void fail(sqlite3* db, const fs::path& file, const std::string& what) {
   throw StoreError(file.string() + ": " + what + ": " + sqlite3_errmsg(db));
 }
@@ -113,6 +119,7 @@ class Statement {
   }
   bool null(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
   std::int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
+  sqlite3_stmt* handle() const { return stmt_; }
 
  private:
   void check(int rc) {
@@ -179,6 +186,64 @@ class StoredRow : public wiki::PageRow {
   fs::path file_;
   std::string page_id_, rel_path_, citations_;
   std::optional<std::string> build_cache_, content_hash_;
+};
+
+// SHA-256 over a sequence of values, each with its length before it (so that no two sequences
+// run together alike), a null apart from every text.
+class Digest {
+ public:
+  Digest() : ctx_(EVP_MD_CTX_new()) {
+    if (ctx_ == nullptr || EVP_DigestInit_ex(ctx_, EVP_sha256(), nullptr) != 1) {
+      EVP_MD_CTX_free(ctx_);
+      throw std::runtime_error("SHA-256 failed");
+    }
+  }
+  ~Digest() { EVP_MD_CTX_free(ctx_); }
+  Digest(const Digest&) = delete;
+  Digest& operator=(const Digest&) = delete;
+
+  void add(std::string_view text) {
+    add_length(text.size());
+    update(text.data(), text.size());
+  }
+  void add(std::int64_t value) { update(&value, sizeof value); }
+  void add_null() { add_length(~std::uint64_t{0}); }
+  // The column of a statement's current row.
+  void add_column(sqlite3_stmt* stmt, int col) {
+    switch (sqlite3_column_type(stmt, col)) {
+      case SQLITE_NULL:
+        add_null();
+        break;
+      case SQLITE_INTEGER:
+        add_length(~std::uint64_t{1});
+        add(static_cast<std::int64_t>(sqlite3_column_int64(stmt, col)));
+        break;
+      default: {
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, col));
+        add(std::string_view(text ? text : "",
+                             static_cast<std::size_t>(sqlite3_column_bytes(stmt, col))));
+      }
+    }
+  }
+  std::string hex() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(ctx_, digest, &length) != 1) throw std::runtime_error("SHA-256 failed");
+    static constexpr char hex[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned int i = 0; i < length; ++i) {
+      out += hex[digest[i] >> 4];
+      out += hex[digest[i] & 15];
+    }
+    return out;
+  }
+
+ private:
+  void add_length(std::uint64_t length) { update(&length, sizeof length); }
+  void update(const void* data, std::size_t size) {
+    if (EVP_DigestUpdate(ctx_, data, size) != 1) throw std::runtime_error("SHA-256 failed");
+  }
+  EVP_MD_CTX* ctx_;
 };
 
 std::string dump(const wiki::Record& value) { return value.dump(); }
@@ -502,6 +567,53 @@ std::optional<StoredPage> SqliteStore::page_origin(const std::string& branch,
   s.bind(1, branch).bind(2, page_id);
   if (!s.step()) return std::nullopt;
   return read_page(s, file_);
+}
+
+std::string SqliteStore::refresh_inputs(const std::string& branch) {
+  Digest digest;
+  // Each query's rows, every column, each query's end marked.
+  auto add_rows = [&](const char* sql, const std::string* bind) {
+    Statement s(db_, file_, sql);
+    if (bind) s.bind(1, *bind);
+    sqlite3_stmt* stmt = s.handle();
+    const int columns = sqlite3_column_count(stmt);
+    while (s.step()) {
+      for (int col = 0; col < columns; ++col) digest.add_column(stmt, col);
+    }
+    digest.add_null();
+  };
+  digest.add(branch);
+  add_rows(
+      "SELECT page_id, rel_path, citations, build_cache, content_hash FROM pages "
+      "WHERE branch = ? ORDER BY page_id",
+      &branch);
+  digest.add(std::int64_t{index_format()});
+  add_rows("SELECT path, hash, line_count FROM files ORDER BY path", nullptr);
+  add_rows(
+      "SELECT path, ord, fqn, name, kind, start_line, end_line FROM symbols ORDER BY path, ord",
+      nullptr);
+  return digest.hex();
+}
+
+std::optional<std::string> SqliteStore::kept_refresh(const std::string& branch,
+                                                     const std::string& inputs) {
+  Statement has(db_, file_,
+                "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'kept_refreshes'");
+  if (!has.step()) return std::nullopt;
+  Statement s(db_, file_, "SELECT result FROM kept_refreshes WHERE branch = ? AND inputs = ?");
+  s.bind(1, branch).bind(2, inputs);
+  if (!s.step()) return std::nullopt;
+  return s.text(0);
+}
+
+void SqliteStore::keep_refresh(const std::string& branch, const std::string& inputs,
+                               const std::string& result) {
+  transaction([&] {
+    exec(kKeptRefreshes);
+    Statement s(db_, file_, "INSERT OR REPLACE INTO kept_refreshes VALUES (?, ?, ?)");
+    s.bind(1, branch).bind(2, inputs).bind(3, result);
+    s.run();
+  });
 }
 
 std::optional<std::string> SqliteStore::anchors_seeded(const std::string& branch) {

@@ -131,6 +131,18 @@ class SqliteStore : public wiki::Repository {
   // are its records. nullopt when there is none.
   std::optional<StoredPage> page_origin(const std::string& branch, const std::string& page_id);
 
+  // ---- A refresh that changed nothing ----
+  // SHA-256 over all that a refresh of `branch` reads from the store: every column of the
+  // branch's pages, and the whole index (its format, each file's path, content hash and line
+  // count, each declaration). Equal digests: the refresh reads the same.
+  std::string refresh_inputs(const std::string& branch);
+  // The result kept with keep_refresh for `branch`, when it was kept for these `inputs`.
+  std::optional<std::string> kept_refresh(const std::string& branch, const std::string& inputs);
+  // Keeps `result` as the refresh of `branch` whose inputs were `inputs`, in place of the one
+  // kept before.
+  void keep_refresh(const std::string& branch, const std::string& inputs,
+                    const std::string& result);
+
   // ---- The anchors file ----
   // SHA-256 of the anchors file whose records the branch's pages last took, by seeding or by
   // writing the file; nullopt when none.
