@@ -158,12 +158,14 @@ std::vector<MissingCitation> missing_citations(SqliteStore& store, const SyncSta
   std::set<std::pair<std::string, std::string>> followed;  // page id, old path
   for (const FollowedRename& rename : renamed) followed.emplace(rename.page_id, rename.from);
   std::vector<MissingCitation> missing;
-  for (const auto& [page_id, key] : synced.cited) {
-    if (key.start < 1 || followed.count({page_id, key.path}) || store.is_indexed(key.path)) {
-      continue;
+  for (const auto& [page_id, keys] : synced.cited) {
+    for (const wiki::CitationKey& key : keys) {
+      if (key.start < 1 || followed.count({page_id, key.path}) || store.is_indexed(key.path)) {
+        continue;
+      }
+      missing.push_back(
+          {page_id, key.path, "L" + std::to_string(key.start) + "-L" + std::to_string(key.end)});
     }
-    missing.push_back(
-        {page_id, key.path, "L" + std::to_string(key.start) + "-L" + std::to_string(key.end)});
   }
   return missing;
 }
@@ -266,12 +268,43 @@ std::optional<cr::CitationRefresh> from_kept_text(const std::string& text) {
   return result;
 }
 
+// The SHA-256 of a file's bytes as read once, with what stat told of the file just before.
+struct KnownHash {
+  struct stat before;
+  std::string hash;
+};
+
+std::optional<KnownHash> read_known(const fs::path& file, std::string& bytes) {
+  struct stat before;
+  const bool stated = ::stat(file.c_str(), &before) == 0;
+  bytes = read_bytes(file);
+  if (!stated) return std::nullopt;
+  return KnownHash{before, sha256_hex(bytes)};
+}
+
+// The SHA-256 of the file's bytes: `known`'s while the file is still the one it was read from
+// (same device, inode, size, modification and change times: any write or replacement changes
+// one of them), else read again.
+std::string known_hash(const fs::path& file, const std::optional<KnownHash>& known) {
+  struct stat now;
+  if (known && ::stat(file.c_str(), &now) == 0) {
+    const struct stat& was = known->before;
+    if (now.st_dev == was.st_dev && now.st_ino == was.st_ino && now.st_size == was.st_size &&
+        now.st_mtim.tv_sec == was.st_mtim.tv_sec && now.st_mtim.tv_nsec == was.st_mtim.tv_nsec &&
+        now.st_ctim.tv_sec == was.st_ctim.tv_sec && now.st_ctim.tv_nsec == was.st_ctim.tv_nsec) {
+      return known->hash;
+    }
+  }
+  return sha256_hex(read_bytes(file));
+}
+
 // Writes the anchors file from the store when it changed, with the work tree's mark; under the
 // wiki's write lock. A file that the store knows it wrote, with no page changed since, is not read
 // back.
-bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path& file) {
+bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path& file,
+                   const std::optional<KnownHash>& known = std::nullopt) {
   std::error_code error;
-  if (fs::exists(file, error) && store.anchors_current(branch, sha256_hex(read_bytes(file)))) {
+  if (fs::exists(file, error) && store.anchors_current(branch, known_hash(file, known))) {
     return false;
   }
   const bool changed = write_anchors_marked(store, branch, file, [&] {
@@ -296,8 +329,12 @@ Outcome run(const Options& options) {
   const std::string ctags = find_ctags();
   const fs::path anchors_file = place.wiki / kAnchorsFileName;
   std::optional<std::string> anchors;  // the anchors file's bytes
-  if (std::error_code error; fs::exists(anchors_file, error)) anchors = read_bytes(anchors_file);
-  const std::string anchors_hash = anchors ? sha256_hex(*anchors) : "";
+  std::optional<KnownHash> anchors_known;
+  if (std::error_code error; fs::exists(anchors_file, error)) {
+    anchors_known = read_known(anchors_file, anchors.emplace());
+  }
+  const std::string anchors_hash =
+      anchors ? (anchors_known ? anchors_known->hash : sha256_hex(*anchors)) : "";
   Progress progress(!options.quiet && ::isatty(STDERR_FILENO) == 1);
   auto note = [&](const std::string& line) {
     if (!options.quiet) std::fprintf(stderr, "citation-refresh: %s\n", line.c_str());
@@ -482,7 +519,7 @@ Outcome run(const Options& options) {
       FlockWriteLock lock(place.wiki);
       lock.acquire();
       try {
-        outcome.anchors_written = write_anchors(*store, place.branch, anchors_file);
+        outcome.anchors_written = write_anchors(*store, place.branch, anchors_file, anchors_known);
       } catch (...) {
         lock.release();
         throw;
