@@ -29,9 +29,14 @@ class IndexLineCounts : public wiki::LineCounts {
     if (!file || ::stat(file->c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
     const std::int64_t mtime_ns =
         static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    if (const auto facts = store_.file(path);
-        facts && facts->size == st.st_size && facts->mtime_ns == mtime_ns) {
-      return facts->line_count;
+    if (!facts_) {  // the index's facts, read once: a refresh counts every cited file
+      facts_.emplace();
+      for (FileFacts& facts : store_.files()) facts_->emplace(facts.path, std::move(facts));
+    }
+    if (const auto facts = facts_->find(path); facts != facts_->end() &&
+                                               facts->second.size == st.st_size &&
+                                               facts->second.mtime_ns == mtime_ns) {
+      return facts->second.line_count;
     }
     return count_lines(read_bytes(*file));
   }
@@ -39,6 +44,7 @@ class IndexLineCounts : public wiki::LineCounts {
   SqliteStore& store_;
   ContainedPaths contained_;  // each directory's links followed once per refresh
   std::unordered_map<std::string, wiki::Line> counts_;
+  std::optional<std::unordered_map<std::string, FileFacts>> facts_;
 };
 
 }  // namespace

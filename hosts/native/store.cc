@@ -344,7 +344,10 @@ SqliteStore::SqliteStore(const fs::path& repo_root, std::optional<fs::path> db_f
   }
 }
 
-SqliteStore::~SqliteStore() { sqlite3_close(db_); }
+SqliteStore::~SqliteStore() {
+  sqlite3_finalize(symbols_by_path_);
+  sqlite3_close(db_);
+}
 
 void SqliteStore::exec(const char* sql) {
   char* message = nullptr;
@@ -367,12 +370,29 @@ void SqliteStore::transaction(const std::function<void()>& body) {
 }
 
 std::vector<wiki::Symbol> SqliteStore::get_symbols_by_path(const std::string& path) {
-  Statement s(
-      db_, file_,
-      "SELECT fqn, name, kind, start_line, end_line FROM symbols WHERE path = ? ORDER BY ord");
-  s.bind(1, path);
+  // Prepared once: a refresh asks for every cited file's declarations.
+  if (symbols_by_path_ == nullptr &&
+      sqlite3_prepare_v3(
+          db_,
+          "SELECT fqn, name, kind, start_line, end_line FROM symbols WHERE path = ? ORDER BY ord",
+          -1, SQLITE_PREPARE_PERSISTENT, &symbols_by_path_, nullptr) != SQLITE_OK) {
+    fail(db_, file_, "prepare");
+  }
+  sqlite3_stmt* s = symbols_by_path_;
   std::vector<wiki::Symbol> out;
-  while (s.step()) out.push_back({s.text(0), s.text(1), s.text(2), s.integer(3), s.integer(4)});
+  int rc = sqlite3_bind_text(s, 1, path.data(), static_cast<int>(path.size()), SQLITE_STATIC);
+  const auto text = [s](int col) {
+    const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s, col));
+    return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(s, col))) : "";
+  };
+  while (rc == SQLITE_OK && (rc = sqlite3_step(s)) == SQLITE_ROW) {
+    out.push_back(
+        {text(0), text(1), text(2), sqlite3_column_int64(s, 3), sqlite3_column_int64(s, 4)});
+    rc = SQLITE_OK;
+  }
+  sqlite3_reset(s);
+  sqlite3_clear_bindings(s);
+  if (rc != SQLITE_DONE) fail(db_, file_, "step");
   return out;
 }
 

@@ -17,6 +17,7 @@
 #include "workers/wiki/repository.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace tolbarrow::hosts::native {
 
@@ -162,6 +163,7 @@ class SqliteStore : public wiki::Repository {
   std::filesystem::path root_;
   std::filesystem::path file_;
   sqlite3* db_ = nullptr;
+  sqlite3_stmt* symbols_by_path_ = nullptr;  // get_symbols_by_path's statement
   // is_indexed's answers since the files table last changed: a refresh asks it for every
   // citation, and the answer needs a walk of the path's components. What it answers from, read
   // once: the files table's paths, and the resolution of each directory holding one.
