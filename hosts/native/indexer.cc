@@ -463,7 +463,15 @@ IndexStats Indexer::update() {
         old->second.mtime_ns == facts.mtime_ns) {
       continue;
     }
-    const std::string bytes = read_bytes(*file);
+    std::string bytes;
+    try {
+      bytes = read_bytes(*file);
+    } catch (const fs::filesystem_error& error) {
+      // Gone since it was listed (another writer's temporary file, renamed): not in the index.
+      if (error.code() != std::errc::no_such_file_or_directory) throw;
+      present.erase(path);
+      continue;
+    }
     facts.hash = sha256_hex(bytes);
     facts.line_count = count_lines(bytes);
     facts.size = static_cast<std::int64_t>(bytes.size());
@@ -492,7 +500,13 @@ IndexStats Indexer::update() {
       if (found != by_path.end() && !found->second->empty()) {
         // The text tells what ctags does not: decorators, `if TYPE_CHECKING:` branches.
         const auto file = contained(changed[i].path);
-        symbols = identify(std::move(*found->second), file ? read_bytes(*file) : std::string());
+        std::string text;
+        try {
+          if (file) text = read_bytes(*file);
+        } catch (const fs::filesystem_error& error) {
+          if (error.code() != std::errc::no_such_file_or_directory) throw;  // gone meanwhile
+        }
+        symbols = identify(std::move(*found->second), text);
       }
       change.indexed.emplace_back(std::move(changed[i]), std::move(symbols));
     }
