@@ -14,7 +14,7 @@ namespace {
 
 class IndexLineCounts : public wiki::LineCounts {
  public:
-  IndexLineCounts(SqliteStore& store, fs::path root) : store_(store), root_(std::move(root)) {}
+  IndexLineCounts(SqliteStore& store, fs::path root) : store_(store), contained_(std::move(root)) {}
 
   wiki::Line count(const std::string& path) override {
     auto it = counts_.find(path);
@@ -24,21 +24,27 @@ class IndexLineCounts : public wiki::LineCounts {
 
  private:
   wiki::Line measure(const std::string& path) {
-    const auto file = contained_path(root_, path);
+    const auto file = contained_(path);
     struct stat st;
     if (!file || ::stat(file->c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
     const std::int64_t mtime_ns =
         static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    if (const auto facts = store_.file(path);
-        facts && facts->size == st.st_size && facts->mtime_ns == mtime_ns) {
-      return facts->line_count;
+    if (!facts_) {  // the index's facts, read once: a refresh counts every cited file
+      facts_.emplace();
+      for (FileFacts& facts : store_.files()) facts_->emplace(facts.path, std::move(facts));
+    }
+    if (const auto facts = facts_->find(path); facts != facts_->end() &&
+                                               facts->second.size == st.st_size &&
+                                               facts->second.mtime_ns == mtime_ns) {
+      return facts->second.line_count;
     }
     return count_lines(read_bytes(*file));
   }
 
   SqliteStore& store_;
-  fs::path root_;
+  ContainedPaths contained_;  // each directory's links followed once per refresh
   std::unordered_map<std::string, wiki::Line> counts_;
+  std::optional<std::unordered_map<std::string, FileFacts>> facts_;
 };
 
 }  // namespace

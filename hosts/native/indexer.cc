@@ -448,9 +448,10 @@ IndexStats Indexer::update() {
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) own.insert(db_rel + suffix);
   own.insert(state_files_.begin(), state_files_.end());
 
+  ContainedPaths contained(root);  // each directory's links followed once
   for (const std::string& path : repository_files(root)) {
     if (path.find('\n') != std::string::npos || own.count(path)) continue;
-    const auto file = contained_path(root, path);
+    const auto file = contained(path);
     struct stat st;
     if (!file || ::stat(file->c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     present.insert(path);
@@ -462,7 +463,15 @@ IndexStats Indexer::update() {
         old->second.mtime_ns == facts.mtime_ns) {
       continue;
     }
-    const std::string bytes = read_bytes(*file);
+    std::string bytes;
+    try {
+      bytes = read_bytes(*file);
+    } catch (const fs::filesystem_error& error) {
+      // Gone since it was listed (another writer's temporary file, renamed): not in the index.
+      if (error.code() != std::errc::no_such_file_or_directory) throw;
+      present.erase(path);
+      continue;
+    }
     facts.hash = sha256_hex(bytes);
     facts.line_count = count_lines(bytes);
     facts.size = static_cast<std::int64_t>(bytes.size());
@@ -490,8 +499,14 @@ IndexStats Indexer::update() {
       std::vector<wiki::Symbol> symbols;
       if (found != by_path.end() && !found->second->empty()) {
         // The text tells what ctags does not: decorators, `if TYPE_CHECKING:` branches.
-        const auto file = contained_path(root, changed[i].path);
-        symbols = identify(std::move(*found->second), file ? read_bytes(*file) : std::string());
+        const auto file = contained(changed[i].path);
+        std::string text;
+        try {
+          if (file) text = read_bytes(*file);
+        } catch (const fs::filesystem_error& error) {
+          if (error.code() != std::errc::no_such_file_or_directory) throw;  // gone meanwhile
+        }
+        symbols = identify(std::move(*found->second), text);
       }
       change.indexed.emplace_back(std::move(changed[i]), std::move(symbols));
     }

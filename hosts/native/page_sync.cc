@@ -172,9 +172,8 @@ SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std
   stats.pages_removed = removed.size();
   stats.pages_written = changed.size();
   store.update_pages(branch, changed, removed);
-  for (auto& [page_id, keys] : cited_by_page) {
-    for (wiki::CitationKey& key : keys) stats.cited.emplace_back(page_id, std::move(key));
-  }
+  stats.cited.reserve(cited_by_page.size());
+  for (auto& [page_id, keys] : cited_by_page) stats.cited.emplace_back(page_id, std::move(keys));
   return stats;
 }
 

@@ -19,7 +19,7 @@ struct SyncStats {
   std::vector<std::string> skipped;   // "<file>: <why>" for each *.md link that is no page
   std::size_t pages_written = 0;      // pages stored anew (new, changed or restored)
   // Each page's citations in text order, each key once per page, pages in page id order.
-  std::vector<std::pair<std::string, wiki::CitationKey>> cited;
+  std::vector<std::pair<std::string, std::vector<wiki::CitationKey>>> cited;
 };
 
 // Makes every *.md file under `wiki_dir` (hidden folders skipped) a page of `branch`; a symbolic

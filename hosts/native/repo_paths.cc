@@ -12,23 +12,74 @@ namespace fs = std::filesystem;
 
 fs::path canonical_root(const fs::path& root) { return fs::canonical(root); }
 
-std::optional<fs::path> contained_path(const fs::path& root, std::string_view rel) {
-  if (rel.empty() || rel.find('\0') != std::string_view::npos) return std::nullopt;
+namespace {
+
+// Whether `rel` may name a file under a root at all: not empty, no NUL byte, relative, no "..".
+bool relative_inside(std::string_view rel) {
+  if (rel.empty() || rel.find('\0') != std::string_view::npos) return false;
   const fs::path relative{std::string(rel)};
   if (relative.is_absolute() || relative.has_root_name() || relative.has_root_directory()) {
-    return std::nullopt;
+    return false;
   }
   for (const fs::path& part : relative) {
-    if (part == "..") return std::nullopt;
+    if (part == "..") return false;
   }
-  // weakly_canonical follows every symbolic link of the part that exists.
-  std::error_code error;
-  const fs::path resolved = fs::weakly_canonical(root / relative, error);
-  if (error) return std::nullopt;
+  return true;
+}
+
+// `resolved` when it lies strictly inside `root`.
+std::optional<fs::path> inside_root(const fs::path& root, fs::path resolved) {
   const auto root_end =
       std::mismatch(root.begin(), root.end(), resolved.begin(), resolved.end()).first;
   if (root_end != root.end() || resolved == root) return std::nullopt;
   return resolved;
+}
+
+// Whether every '/'-separated component of `rel` is a name other than "." and "..".
+bool plain_names(std::string_view rel) {
+  std::size_t at = 0;
+  for (;;) {
+    const std::size_t end = std::min(rel.find('/', at), rel.size());
+    const std::string_view part = rel.substr(at, end - at);
+    if (part.empty() || part == "." || part == "..") return false;
+    if (end == rel.size()) return true;
+    at = end + 1;
+  }
+}
+
+}  // namespace
+
+std::optional<fs::path> contained_path(const fs::path& root, std::string_view rel) {
+  if (!relative_inside(rel)) return std::nullopt;
+  // weakly_canonical follows every symbolic link of the part that exists.
+  std::error_code error;
+  fs::path resolved = fs::weakly_canonical(root / fs::path(std::string(rel)), error);
+  if (error) return std::nullopt;
+  return inside_root(root, std::move(resolved));
+}
+
+std::optional<fs::path> ContainedPaths::operator()(std::string_view rel) {
+  if (!relative_inside(rel)) return std::nullopt;
+  if (!plain_names(rel)) return contained_path(root_, rel);
+  const std::size_t slash = rel.rfind('/');
+  const std::string_view dir = slash == std::string_view::npos ? "" : rel.substr(0, slash);
+  const std::string_view name = slash == std::string_view::npos ? rel : rel.substr(slash + 1);
+  auto [entry, added] = dirs_.try_emplace(std::string(dir));
+  if (added) {
+    std::error_code error;
+    fs::path resolved =
+        dir.empty() ? root_ : fs::weakly_canonical(root_ / fs::path(std::string(dir)), error);
+    if (!error) entry->second = std::move(resolved);
+  }
+  if (!entry->second) return std::nullopt;
+  // The directory as weakly_canonical leaves it, then the name: what weakly_canonical gives for
+  // the whole path unless the name is itself a link (or cannot be looked at).
+  fs::path candidate = *entry->second / fs::path(std::string(name));
+  struct stat st;
+  if (::lstat(candidate.c_str(), &st) == 0 ? S_ISLNK(st.st_mode) : errno != ENOENT) {
+    return contained_path(root_, rel);
+  }
+  return inside_root(root_, std::move(candidate));
 }
 
 namespace {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "workers/wiki/repo_facts.h"
@@ -20,6 +21,24 @@ namespace wiki = tolbarrow::workers::wiki;
 // exist.
 std::optional<std::filesystem::path> contained_path(const std::filesystem::path& root,
                                                     std::string_view rel);
+
+// contained_path for many paths under one root, each directory's symbolic links followed once:
+// a directory's resolution is kept for every later path in it, and a path in it costs one lstat
+// (or the full walk when it is itself a link). A path whose components are not all plain names
+// ("a//b", "./a") takes contained_path's own walk. Keep it no longer than the tree stays as it
+// is: a directory replaced by a link meanwhile would still resolve as before.
+class ContainedPaths {
+ public:
+  // `root` should be canonical (see canonical_root).
+  explicit ContainedPaths(std::filesystem::path root) : root_(std::move(root)) {}
+  std::optional<std::filesystem::path> operator()(std::string_view rel);
+  const std::filesystem::path& root() const { return root_; }
+
+ private:
+  std::filesystem::path root_;
+  // Directory relative to the root -> its weakly canonical path; nullopt where that failed.
+  std::unordered_map<std::string, std::optional<std::filesystem::path>> dirs_;
+};
 
 // The canonical form of a repository root; throws std::filesystem::filesystem_error naming it when
 // it does not exist.

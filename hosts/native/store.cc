@@ -82,6 +82,12 @@ CREATE TABLE IF NOT EXISTS pending_pages(
 ) WITHOUT ROWID;
 )sql";
 
+// The refresh result kept for the inputs it was made from; added without a schema version change
+// (created when first kept).
+constexpr const char* kKeptRefreshes =
+    "CREATE TABLE IF NOT EXISTS kept_refreshes(branch TEXT PRIMARY KEY, inputs TEXT NOT NULL, "
+    "result TEXT NOT NULL) WITHOUT ROWID";
+
 [[noreturn]] void fail(sqlite3* db, const fs::path& file, const std::string& what) {
   throw StoreError(file.string() + ": " + what + ": " + sqlite3_errmsg(db));
 }
@@ -130,6 +136,7 @@ class Statement {
   }
   bool null(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
   std::int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
+  sqlite3_stmt* handle() const { return stmt_; }
 
  private:
   void check(int rc) {
@@ -196,6 +203,64 @@ class StoredRow : public wiki::PageRow {
   fs::path file_;
   std::string page_id_, rel_path_, citations_;
   std::optional<std::string> build_cache_, content_hash_;
+};
+
+// SHA-256 over a sequence of values, each with its length before it (so that no two sequences
+// run together alike), a null apart from every text.
+class Digest {
+ public:
+  Digest() : ctx_(EVP_MD_CTX_new()) {
+    if (ctx_ == nullptr || EVP_DigestInit_ex(ctx_, EVP_sha256(), nullptr) != 1) {
+      EVP_MD_CTX_free(ctx_);
+      throw std::runtime_error("SHA-256 failed");
+    }
+  }
+  ~Digest() { EVP_MD_CTX_free(ctx_); }
+  Digest(const Digest&) = delete;
+  Digest& operator=(const Digest&) = delete;
+
+  void add(std::string_view text) {
+    add_length(text.size());
+    update(text.data(), text.size());
+  }
+  void add(std::int64_t value) { update(&value, sizeof value); }
+  void add_null() { add_length(~std::uint64_t{0}); }
+  // The column of a statement's current row.
+  void add_column(sqlite3_stmt* stmt, int col) {
+    switch (sqlite3_column_type(stmt, col)) {
+      case SQLITE_NULL:
+        add_null();
+        break;
+      case SQLITE_INTEGER:
+        add_length(~std::uint64_t{1});
+        add(static_cast<std::int64_t>(sqlite3_column_int64(stmt, col)));
+        break;
+      default: {
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, col));
+        add(std::string_view(text ? text : "",
+                             static_cast<std::size_t>(sqlite3_column_bytes(stmt, col))));
+      }
+    }
+  }
+  std::string hex() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(ctx_, digest, &length) != 1) throw std::runtime_error("SHA-256 failed");
+    static constexpr char hex[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned int i = 0; i < length; ++i) {
+      out += hex[digest[i] >> 4];
+      out += hex[digest[i] & 15];
+    }
+    return out;
+  }
+
+ private:
+  void add_length(std::uint64_t length) { update(&length, sizeof length); }
+  void update(const void* data, std::size_t size) {
+    if (EVP_DigestUpdate(ctx_, data, size) != 1) throw std::runtime_error("SHA-256 failed");
+  }
+  EVP_MD_CTX* ctx_;
 };
 
 std::string dump(const wiki::Record& value) { return value.dump(); }
@@ -296,7 +361,10 @@ SqliteStore::SqliteStore(const fs::path& repo_root, std::optional<fs::path> db_f
   }
 }
 
-SqliteStore::~SqliteStore() { sqlite3_close(db_); }
+SqliteStore::~SqliteStore() {
+  sqlite3_finalize(symbols_by_path_);
+  sqlite3_close(db_);
+}
 
 void SqliteStore::exec(const char* sql) {
   char* message = nullptr;
@@ -319,23 +387,41 @@ void SqliteStore::transaction(const std::function<void()>& body) {
 }
 
 std::vector<wiki::Symbol> SqliteStore::get_symbols_by_path(const std::string& path) {
-  Statement s(
-      db_, file_,
-      "SELECT fqn, name, kind, start_line, end_line FROM symbols WHERE path = ? ORDER BY ord");
-  s.bind(1, path);
+  // Prepared once: a refresh asks for every cited file's declarations.
+  if (symbols_by_path_ == nullptr &&
+      sqlite3_prepare_v3(
+          db_,
+          "SELECT fqn, name, kind, start_line, end_line FROM symbols WHERE path = ? ORDER BY ord",
+          -1, SQLITE_PREPARE_PERSISTENT, &symbols_by_path_, nullptr) != SQLITE_OK) {
+    fail(db_, file_, "prepare");
+  }
+  sqlite3_stmt* s = symbols_by_path_;
   std::vector<wiki::Symbol> out;
-  while (s.step()) out.push_back({s.text(0), s.text(1), s.text(2), s.integer(3), s.integer(4)});
+  int rc = sqlite3_bind_text(s, 1, path.data(), static_cast<int>(path.size()), SQLITE_STATIC);
+  const auto text = [s](int col) {
+    const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s, col));
+    return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(s, col))) : "";
+  };
+  while (rc == SQLITE_OK && (rc = sqlite3_step(s)) == SQLITE_ROW) {
+    out.push_back(
+        {text(0), text(1), text(2), sqlite3_column_int64(s, 3), sqlite3_column_int64(s, 4)});
+    rc = SQLITE_OK;
+  }
+  sqlite3_reset(s);
+  sqlite3_clear_bindings(s);
+  if (rc != SQLITE_DONE) fail(db_, file_, "step");
   return out;
 }
 
 bool SqliteStore::is_indexed(const std::string& path) {
   if (auto it = indexed_.find(path); it != indexed_.end()) return it->second;
-  bool known = false;
-  if (contained_path(root_, path)) {
-    Statement s(db_, file_, "SELECT 1 FROM files WHERE path = ?");
-    s.bind(1, path);
-    known = s.step();
+  if (!index_paths_) {
+    index_paths_.emplace();
+    Statement s(db_, file_, "SELECT path FROM files");
+    while (s.step()) index_paths_->insert(s.text(0));
+    contained_.emplace(root_);
   }
+  const bool known = index_paths_->count(path) != 0 && (*contained_)(path).has_value();
   indexed_.emplace(path, known);
   return known;
 }
@@ -398,6 +484,8 @@ std::optional<FileFacts> SqliteStore::file(const std::string& path) {
 
 void SqliteStore::apply(const IndexChange& change) {
   indexed_.clear();
+  index_paths_.reset();
+  contained_.reset();
   transaction([&] {
     Statement put(db_, file_, "INSERT OR REPLACE INTO files VALUES (?, ?, ?, ?, ?)");
     Statement drop_file(db_, file_, "DELETE FROM files WHERE path = ?");
@@ -519,6 +607,53 @@ std::optional<StoredPage> SqliteStore::page_origin(const std::string& branch,
   s.bind(1, branch).bind(2, page_id);
   if (!s.step()) return std::nullopt;
   return read_page(s, file_);
+}
+
+std::string SqliteStore::refresh_inputs(const std::string& branch) {
+  Digest digest;
+  // Each query's rows, every column, each query's end marked.
+  auto add_rows = [&](const char* sql, const std::string* bind) {
+    Statement s(db_, file_, sql);
+    if (bind) s.bind(1, *bind);
+    sqlite3_stmt* stmt = s.handle();
+    const int columns = sqlite3_column_count(stmt);
+    while (s.step()) {
+      for (int col = 0; col < columns; ++col) digest.add_column(stmt, col);
+    }
+    digest.add_null();
+  };
+  digest.add(branch);
+  add_rows(
+      "SELECT page_id, rel_path, citations, build_cache, content_hash FROM pages "
+      "WHERE branch = ? ORDER BY page_id",
+      &branch);
+  digest.add(std::int64_t{index_format()});
+  add_rows("SELECT path, hash, line_count FROM files ORDER BY path", nullptr);
+  add_rows(
+      "SELECT path, ord, fqn, name, kind, start_line, end_line FROM symbols ORDER BY path, ord",
+      nullptr);
+  return digest.hex();
+}
+
+std::optional<std::string> SqliteStore::kept_refresh(const std::string& branch,
+                                                     const std::string& inputs) {
+  Statement has(db_, file_,
+                "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'kept_refreshes'");
+  if (!has.step()) return std::nullopt;
+  Statement s(db_, file_, "SELECT result FROM kept_refreshes WHERE branch = ? AND inputs = ?");
+  s.bind(1, branch).bind(2, inputs);
+  if (!s.step()) return std::nullopt;
+  return s.text(0);
+}
+
+void SqliteStore::keep_refresh(const std::string& branch, const std::string& inputs,
+                               const std::string& result) {
+  transaction([&] {
+    exec(kKeptRefreshes);
+    Statement s(db_, file_, "INSERT OR REPLACE INTO kept_refreshes VALUES (?, ?, ?)");
+    s.bind(1, branch).bind(2, inputs).bind(3, result);
+    s.run();
+  });
 }
 
 std::optional<std::string> SqliteStore::anchors_seeded(const std::string& branch) {

@@ -10,11 +10,14 @@
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
+#include "hosts/native/repo_paths.h"
 #include "workers/wiki/repository.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace tolbarrow::hosts::native {
 
@@ -140,6 +143,18 @@ class SqliteStore : public wiki::Repository {
   // are its records. nullopt when there is none.
   std::optional<StoredPage> page_origin(const std::string& branch, const std::string& page_id);
 
+  // ---- A refresh that changed nothing ----
+  // SHA-256 over all that a refresh of `branch` reads from the store: every column of the
+  // branch's pages, and the whole index (its format, each file's path, content hash and line
+  // count, each declaration). Equal digests: the refresh reads the same.
+  std::string refresh_inputs(const std::string& branch);
+  // The result kept with keep_refresh for `branch`, when it was kept for these `inputs`.
+  std::optional<std::string> kept_refresh(const std::string& branch, const std::string& inputs);
+  // Keeps `result` as the refresh of `branch` whose inputs were `inputs`, in place of the one
+  // kept before.
+  void keep_refresh(const std::string& branch, const std::string& inputs,
+                    const std::string& result);
+
   // ---- The anchors file ----
   // SHA-256 of the anchors file whose records the branch's pages last took, by seeding or by
   // writing the file; nullopt when none.
@@ -176,9 +191,13 @@ class SqliteStore : public wiki::Repository {
   std::filesystem::path root_;
   std::filesystem::path file_;
   sqlite3* db_ = nullptr;
+  sqlite3_stmt* symbols_by_path_ = nullptr;  // get_symbols_by_path's statement
   // is_indexed's answers since the files table last changed: a refresh asks it for every
-  // citation, and the answer needs a walk of the path's components.
+  // citation, and the answer needs a walk of the path's components. What it answers from, read
+  // once: the files table's paths, and the resolution of each directory holding one.
   std::unordered_map<std::string, bool> indexed_;
+  std::optional<std::unordered_set<std::string>> index_paths_;
+  std::optional<ContainedPaths> contained_;
 };
 
 // SHA-256 of `bytes`, lower-case hex.

@@ -118,6 +118,101 @@ TEST(Store, PathsLeadingOutsideTheRepositoryAreNeverIndexed) {
   EXPECT_FALSE(store.is_indexed("src/b.py"));
 }
 
+// ContainedPaths keeps each directory's resolution; every answer must be contained_path's, for
+// links of files and directories inside and outside the root, missing parts and odd spellings.
+TEST(Store, ContainedPathsAnswersAsContainedPath) {
+  TempDir repo, outside;
+  repo.write("src/a.py", "x\n");
+  repo.write("src/deep/b.py", "x\n");
+  outside.write("secret.py", "x\n");
+  namespace fs = std::filesystem;
+  fs::create_directory_symlink(outside.path(), repo.path() / "out");
+  fs::create_directory_symlink(repo.path() / "src", repo.path() / "in");
+  fs::create_symlink(outside.path() / "secret.py", repo.path() / "src/link.py");
+  fs::create_symlink(repo.path() / "src/deep/b.py", repo.path() / "src/inlink.py");
+  fs::create_symlink("loop.py", repo.path() / "src/loop.py");
+  const fs::path root = canonical_root(repo.path());
+  const std::vector<std::string> paths = {
+      "src/a.py",      "src/deep/b.py", "src/missing.py", "nodir/x.py", "src/a.py/x",
+      "out/secret.py", "src/link.py",   "src/inlink.py",  "in/a.py",    "in/deep/b.py",
+      "src/loop.py",   "src//a.py",     "./src/a.py",     "src/./a.py", "src/",
+      "src",           "../x.py",       "/etc/passwd",    "",           "a.py"};
+  ContainedPaths contained(root);
+  for (int pass = 0; pass < 2; ++pass) {  // the second from the kept directories
+    for (const std::string& path : paths) {
+      EXPECT_EQ(contained(path), contained_path(root, path)) << path << " pass " << pass;
+    }
+  }
+  EXPECT_TRUE(contained("in/a.py"));
+  EXPECT_FALSE(contained("src/link.py"));
+}
+
+// A kept refresh result stands for the inputs it was kept with: any change of what a refresh
+// reads from the store changes the digest of its inputs.
+TEST(Store, RefreshInputsChangeWithEverythingARefreshReads) {
+  const auto page = [](const char* citations, std::optional<Record> cache, const char* hash) {
+    return StoredPage{"a", "a.md", {Record::parse(citations)}, std::move(cache), hash};
+  };
+  const char* cited = R"({"path":"a.py","line_start":1,"line_end":2})";
+  const FileFacts facts{"a.py", "h", 10, 20, 3};
+  const wiki::Symbol symbol{"A", "A", "class", 1, 3};
+  const std::vector<std::pair<const char*, std::function<void(SqliteStore&)>>> changes = {
+      {"records",
+       [&](SqliteStore& s) {
+         s.update_pages("main", {page(R"({"path":"a.py","line_start":1,"line_end":3})", {}, "h")},
+                        {});
+       }},
+      {"build cache",
+       [&](SqliteStore& s) { s.update_pages("main", {page(cited, Record::object(), "h")}, {}); }},
+      {"content hash", [&](SqliteStore& s) { s.update_pages("main", {page(cited, {}, "g")}, {}); }},
+      {"rel path",
+       [&](SqliteStore& s) {
+         s.update_pages("main", {{"a", "b.md", {Record::parse(cited)}, std::nullopt, "h"}}, {});
+       }},
+      {"page added",
+       [&](SqliteStore& s) {
+         s.update_pages("main", {{"b", "b.md", {}, std::nullopt, "h"}}, {});
+       }},
+      {"page removed", [&](SqliteStore& s) { s.update_pages("main", {}, {"a"}); }},
+      {"file hash",
+       [&](SqliteStore& s) {
+         s.apply({.touched = {{"a.py", "g", 10, 20, 3}}});
+       }},
+      {"line count",
+       [&](SqliteStore& s) {
+         s.apply({.touched = {{"a.py", "h", 10, 20, 4}}});
+       }},
+      {"declaration",
+       [&](SqliteStore& s) {
+         s.apply({.indexed = {{facts, {{"A", "A", "class", 1, 2}}}}});
+       }},
+      {"file added",
+       [&](SqliteStore& s) {
+         s.apply({.touched = {{"b.py", "h", 1, 1, 1}}});
+       }},
+      {"file removed", [&](SqliteStore& s) { s.apply({.removed = {"a.py"}}); }},
+      {"index format", [&](SqliteStore& s) { s.apply({.index_format = 7}); }},
+  };
+  for (const auto& [what, change] : changes) {
+    TempDir repo;
+    SqliteStore store(repo.path());
+    store.replace_pages("main", {page(cited, {}, "h")});
+    store.replace_pages("other", {page(cited, {}, "h")});
+    store.apply({.indexed = {{facts, {symbol}}}, .index_format = 2});
+    const std::string before = store.refresh_inputs("main");
+    store.keep_refresh("main", before, "kept");
+    store.update_pages("other", {}, {"a"});                // another branch's pages are not read
+    store.apply({.touched = {{"a.py", "h", 11, 21, 3}}});  // nor a file's size and mtime
+    EXPECT_EQ(store.refresh_inputs("main"), before) << what;
+    EXPECT_EQ(store.kept_refresh("main", before), "kept") << what;
+    EXPECT_EQ(store.kept_refresh("other", before), std::nullopt) << what;
+    change(store);
+    const std::string after = store.refresh_inputs("main");
+    EXPECT_NE(after, before) << what;
+    EXPECT_EQ(store.kept_refresh("main", after), std::nullopt) << what;
+  }
+}
+
 // The anchors file counts as written from the pages until any page of its branch changes.
 TEST(Store, AnyPageChangeMakesTheWrittenAnchorsFileStale) {
   const std::vector<std::pair<const char*, std::function<void(SqliteStore&)>>> changes = {

@@ -1,7 +1,9 @@
 #include "hosts/native/command/run.h"
 
+#include <spdlog/logger.h>
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -156,12 +158,14 @@ std::vector<MissingCitation> missing_citations(SqliteStore& store, const SyncSta
   std::set<std::pair<std::string, std::string>> followed;  // page id, old path
   for (const FollowedRename& rename : renamed) followed.emplace(rename.page_id, rename.from);
   std::vector<MissingCitation> missing;
-  for (const auto& [page_id, key] : synced.cited) {
-    if (key.start < 1 || followed.count({page_id, key.path}) || store.is_indexed(key.path)) {
-      continue;
+  for (const auto& [page_id, keys] : synced.cited) {
+    for (const wiki::CitationKey& key : keys) {
+      if (key.start < 1 || followed.count({page_id, key.path}) || store.is_indexed(key.path)) {
+        continue;
+      }
+      missing.push_back(
+          {page_id, key.path, "L" + std::to_string(key.start) + "-L" + std::to_string(key.end)});
     }
-    missing.push_back(
-        {page_id, key.path, "L" + std::to_string(key.start) + "-L" + std::to_string(key.end)});
   }
   return missing;
 }
@@ -178,14 +182,17 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
   std::string read_file(const fs::path& path) override { return files_.read_file(path); }
   void append(const fs::path& path, std::string_view content) override {
     flush();
+    wrote_ = true;
     files_.append(path, content);
   }
   void remove_file(const fs::path& path) override {
     flush();
+    wrote_ = true;
     files_.remove_file(path);
   }
   void atomic_write(const fs::path& path, std::string_view content) override {
     flush();
+    wrote_ = true;
     if (path.extension() == ".md") {
       pending_.emplace(path, std::string(content));
     } else {
@@ -203,6 +210,7 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
   }
   void update_wiki_page_citations(const std::string& branch, const wiki::PageRow& row,
                                   const wiki::PageUpdate& update) override {
+    wrote_ = true;
     store_.update_wiki_page_citations(branch, row, update);
     flush();
   }
@@ -216,18 +224,87 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
     files_.atomic_write(path, content);
   }
 
+  // Whether the refresh wrote anything: a file, or a page to the store.
+  bool wrote() const { return wrote_; }
+
  private:
   wiki::FileSystem& files_;
   SqliteStore& store_;
   std::optional<std::pair<fs::path, std::string>> pending_;
+  bool wrote_ = false;
 };
+
+// What a refresh reads besides the page texts (which the sync has just found to be those whose
+// hashes the store holds): the store's pages and index (SqliteStore::refresh_inputs), this
+// program, the repository and the wiki directory. nullopt when the program cannot be told.
+std::optional<std::string> refresh_inputs(SqliteStore& store, const Place& place) {
+  struct stat program;
+  if (::stat("/proc/self/exe", &program) != 0) return std::nullopt;
+  const std::string identity =
+      std::to_string(program.st_dev) + " " + std::to_string(program.st_ino) + " " +
+      std::to_string(program.st_size) + " " + std::to_string(program.st_mtim.tv_sec) + "." +
+      std::to_string(program.st_mtim.tv_nsec);
+  return sha256_hex(store.refresh_inputs(place.branch) + '\0' + identity + '\0' +
+                    place.root.string() + '\0' + place.wiki.string());
+}
+
+// The result of a refresh that wrote nothing, as the store keeps it: what was lost (nothing
+// moved or was repaired).
+std::string kept_text(const cr::CitationRefresh& result) {
+  return wiki::Record{{"unrepairable", result.unrepairable}, {"lost", result.lost}}.dump();
+}
+
+std::optional<cr::CitationRefresh> from_kept_text(const std::string& text) {
+  const wiki::Record kept = wiki::Record::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (!kept.is_object()) return std::nullopt;
+  const auto unrepairable = kept.find("unrepairable"), lost = kept.find("lost");
+  if (unrepairable == kept.end() || !unrepairable->is_number_integer() || lost == kept.end() ||
+      !lost->is_array()) {
+    return std::nullopt;
+  }
+  cr::CitationRefresh result;
+  result.unrepairable = unrepairable->get<std::int64_t>();
+  result.lost.assign(lost->begin(), lost->end());
+  return result;
+}
+
+// The SHA-256 of a file's bytes as read once, with what stat told of the file just before.
+struct KnownHash {
+  struct stat before;
+  std::string hash;
+};
+
+std::optional<KnownHash> read_known(const fs::path& file, std::string& bytes) {
+  struct stat before;
+  const bool stated = ::stat(file.c_str(), &before) == 0;
+  bytes = read_bytes(file);
+  if (!stated) return std::nullopt;
+  return KnownHash{before, sha256_hex(bytes)};
+}
+
+// The SHA-256 of the file's bytes: `known`'s while the file is still the one it was read from
+// (same device, inode, size, modification and change times: any write or replacement changes
+// one of them), else read again.
+std::string known_hash(const fs::path& file, const std::optional<KnownHash>& known) {
+  struct stat now;
+  if (known && ::stat(file.c_str(), &now) == 0) {
+    const struct stat& was = known->before;
+    if (now.st_dev == was.st_dev && now.st_ino == was.st_ino && now.st_size == was.st_size &&
+        now.st_mtim.tv_sec == was.st_mtim.tv_sec && now.st_mtim.tv_nsec == was.st_mtim.tv_nsec &&
+        now.st_ctim.tv_sec == was.st_ctim.tv_sec && now.st_ctim.tv_nsec == was.st_ctim.tv_nsec) {
+      return known->hash;
+    }
+  }
+  return sha256_hex(read_bytes(file));
+}
 
 // Writes the anchors file from the store when it changed, with the work tree's mark; under the
 // wiki's write lock. A file that the store knows it wrote, with no page changed since, is not read
 // back.
-bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path& file) {
+bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path& file,
+                   const std::optional<KnownHash>& known = std::nullopt) {
   std::error_code error;
-  if (fs::exists(file, error) && store.anchors_current(branch, sha256_hex(read_bytes(file)))) {
+  if (fs::exists(file, error) && store.anchors_current(branch, known_hash(file, known))) {
     return false;
   }
   const bool changed = write_anchors_marked(store, branch, file, [&] {
@@ -252,8 +329,12 @@ Outcome run(const Options& options) {
   const std::string ctags = find_ctags();
   const fs::path anchors_file = place.wiki / kAnchorsFileName;
   std::optional<std::string> anchors;  // the anchors file's bytes
-  if (std::error_code error; fs::exists(anchors_file, error)) anchors = read_bytes(anchors_file);
-  const std::string anchors_hash = anchors ? sha256_hex(*anchors) : "";
+  std::optional<KnownHash> anchors_known;
+  if (std::error_code error; fs::exists(anchors_file, error)) {
+    anchors_known = read_known(anchors_file, anchors.emplace());
+  }
+  const std::string anchors_hash =
+      anchors ? (anchors_known ? anchors_known->hash : sha256_hex(*anchors)) : "";
   Progress progress(!options.quiet && ::isatty(STDERR_FILENO) == 1);
   auto note = [&](const std::string& line) {
     if (!options.quiet) std::fprintf(stderr, "citation-refresh: %s\n", line.c_str());
@@ -365,6 +446,20 @@ Outcome run(const Options& options) {
     }
   }
 
+  // A refresh that wrote nothing left all it read as it was: a later refresh that would read the
+  // same takes the result kept then instead (see refresh_inputs). Not with page texts carried in
+  // memory, nor with a digest journal left to finish: the refresh reads those too.
+  std::error_code no_journal;
+  const bool reusable = carried_texts.empty() &&
+                        !fs::exists(place.wiki / std::string(cr::DIGEST_JOURNAL), no_journal) &&
+                        !no_journal;
+  std::optional<std::string> inputs;
+  auto kept = [&]() -> std::optional<cr::CitationRefresh> {
+    if (!reusable || !(inputs = refresh_inputs(*store, place))) return std::nullopt;
+    const std::optional<std::string> text = store->kept_refresh(place.branch, *inputs);
+    return text ? from_kept_text(*text) : std::nullopt;
+  };
+
   NativeHost native(*store);
   native.file_system.allow(place.wiki);
   OverlayFileSystem pages_now(native.file_system, std::move(carried_texts));
@@ -378,12 +473,40 @@ Outcome run(const Options& options) {
                       .locks = native.locks,
                       .logger = log.logger};
   progress.begin("refreshing pages", synced.pages);
+  auto report = [&] {
+    std::optional<cr::CitationRefresh> reused = kept();
+    outcome.result = reused ? std::move(*reused)
+                            : cr::refresh_citations(host, ordered, place.branch, place.wiki,
+                                                    place.root, {.write = false});
+  };
   if (outcome.reported_only) {
-    outcome.result = cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root,
-                                           {.write = false});
+    report();
   } else {
-    outcome.result =
-        cr::refresh_citations_if_free(host, ordered, place.branch, place.wiki, place.root);
+    // As refresh_citations_if_free does, with the inputs read, and the result kept, under the
+    // same hold of the lock as the refresh.
+    try {
+      FlockWriteLock lock(place.wiki);
+      lock.acquire();
+      try {
+        if (std::optional<cr::CitationRefresh> reused = kept()) {
+          outcome.result = std::move(*reused);
+        } else {
+          outcome.result =
+              cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root);
+          ordered.flush();
+          if (inputs && !ordered.wrote()) {
+            store->keep_refresh(place.branch, *inputs, kept_text(outcome.result));
+          }
+        }
+      } catch (...) {
+        lock.release();
+        throw;
+      }
+      lock.release();
+    } catch (const wiki::WikiBusy&) {
+      log.logger->info(cr::BUSY_MESSAGE);
+      report();
+    }
     outcome.busy = outcome.reported_only = *log.busy;
   }
   ordered.flush();
@@ -394,7 +517,7 @@ Outcome run(const Options& options) {
       FlockWriteLock lock(place.wiki);
       lock.acquire();
       try {
-        outcome.anchors_written = write_anchors(*store, place.branch, anchors_file);
+        outcome.anchors_written = write_anchors(*store, place.branch, anchors_file, anchors_known);
       } catch (...) {
         lock.release();
         throw;

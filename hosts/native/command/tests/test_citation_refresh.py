@@ -4,12 +4,13 @@ import fcntl
 import hashlib
 import json
 import re
+import shutil
 import sqlite3
 import subprocess
 
 import pytest
 
-from conftest import Repo
+from conftest import PROGRAM, Repo
 
 SHAPES = """\
 import math
@@ -447,3 +448,51 @@ def test_a_run_stopped_after_storing_its_pages_is_finished_without_moving_twice(
     done = repo.run()
     assert done.returncode == 0, done.stderr
     assert {rel: repo.read(rel) for rel in finished} == finished
+
+
+# Between a writing run that changed nothing (and kept its result) and a --check: one input of
+# the refresh changes, or none ("nothing", where the kept result is taken).
+KEPT_CHANGES = {
+    "nothing": lambda r: None,
+    "declaration moved": lambda r: r.write("src/counter.cc", CHANGED_COUNTER_CC),
+    "declaration renamed": lambda r: r.write(
+        "src/shapes.py", SHAPES.replace("def total_area", "def sum_of_areas")),
+    "page edited": lambda r: r.write("docs/util.md", PAGES["docs/util.md"].replace("#L1-L2", "#L2")),
+    "page removed": lambda r: (r.root / "docs" / "util.md").unlink(),
+    "records replaced": lambda r: r.write(
+        "docs/.citation-anchors.json",
+        r.read("docs/.citation-anchors.json").replace('"symbol": "Counter::add(int)"',
+                                                      '"symbol": "Counter::gone(int)"')),
+    "program": None,  # another build: the program copied to a new file
+}
+
+
+@pytest.mark.parametrize("what", KEPT_CHANGES)
+def test_a_kept_result_stands_only_for_the_same_inputs(repo, what):
+    make_repo(repo)
+    program = PROGRAM
+
+    def plain(*args):  # no history carried: the refresh alone decides
+        return subprocess.run([program, *args], cwd=repo.root, capture_output=True, text=True)
+
+    assert plain().returncode == 0 and plain().returncode == 0
+    db = repo.root / ".git" / "citation-refresh.db"
+    sentinel = {"page_id": "util", "path": "src/util.py", "lines": "L1-L2", "name": "sentinel"}
+    with sqlite3.connect(db) as con:
+        assert con.execute("UPDATE kept_refreshes SET result = ?",
+                           (json.dumps({"unrepairable": 1, "lost": [sentinel]}),)).rowcount == 1
+    if KEPT_CHANGES[what]:
+        KEPT_CHANGES[what](repo)
+    else:
+        program = str(shutil.copy2(shutil.which(PROGRAM) or PROGRAM, repo.root.parent / "copy"))
+    got = plain("--check", "--json")
+    if what == "nothing":  # a writing run takes it too
+        assert json.loads(plain("--json").stdout)["lost"] == [sentinel]
+    with sqlite3.connect(db) as con:
+        con.execute("DELETE FROM kept_refreshes")
+    fresh = plain("--check", "--json")
+    if what == "nothing":
+        assert json.loads(got.stdout)["lost"] == [sentinel]
+        assert json.loads(fresh.stdout)["lost"] == []
+    else:
+        assert (got.returncode, got.stdout) == (fresh.returncode, fresh.stdout)
