@@ -36,6 +36,15 @@ def git(root, *args):
                    env={**os.environ, **GIT_ENV})
 
 
+def commit_and_anchor(root):
+    """Commits the code and wiki as they stand, anchors them with one run, and commits that."""
+    git(root, "add", "-A")
+    git(root, "commit", "-q", "-m", "code and docs")
+    assert run(root).returncode == 0
+    git(root, "add", "-A")
+    git(root, "commit", "-q", "-m", "anchors")
+
+
 def run(root, *args, env=None, timeout=120, user=None):
     """The command in `root`; as `user` (by setpriv) when given."""
     prefix = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"] if user else []
@@ -102,11 +111,7 @@ def make_repo(base, pages=6):
         (root / f"src/mod_{k}.py").write_text(source(k, 0))
         (root / f"docs/p{k}.md").write_text(page(k, 0))
     (root / "docs/digests.json").write_text(json.dumps(digests(pages, 0), indent=2))
-    git(root, "add", "-A")
-    git(root, "commit", "-q", "-m", "code and docs")
-    assert run(root).returncode == 0
-    git(root, "add", "-A")
-    git(root, "commit", "-q", "-m", "anchors")
+    commit_and_anchor(root)
     for k in range(pages):
         (root / f"src/mod_{k}.py").write_text(source(k, 3 + k))
     return root
@@ -270,11 +275,7 @@ def make_inner_repo(base, pages):
     (root / "docs/digests.json").write_text(json.dumps({f"p{k}": {"citations": [
         {"path": f"src/mod_{k}.py", "line_start": n, "line_end": n} for n in cited[k]]}
         for k in range(pages)}, indent=2))
-    git(root, "add", "-A")
-    git(root, "commit", "-q", "-m", "code and docs")
-    assert run(root).returncode == 0
-    git(root, "add", "-A")
-    git(root, "commit", "-q", "-m", "anchors")
+    commit_and_anchor(root)
     for k in range(pages):
         (root / f"src/mod_{k}.py").write_text(inner_source(k, 3 + k, 1))
     (root / "src/lib").mkdir()
