@@ -462,7 +462,13 @@ std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::st
   for (const std::string& path : std::set<std::string>(paths.begin(), paths.end())) {
     if (!changed.count(path) || path.find('\n') != std::string::npos) continue;
     const auto file = contained_path(root, path);
-    if (file && fs::is_regular_file(*file)) dirty.push_back(path);
+    if (file && fs::is_regular_file(*file)) {
+      dirty.push_back(path);
+    } else {
+      // Changed and gone from the work tree (deleted, or moved and not yet added): git's null
+      // object id, so that a mark tells this state from the committed file.
+      mark.dirty[path] = std::string(40, '0');
+    }
   }
   if (!dirty.empty()) {
     std::string input;
@@ -615,8 +621,9 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       any_missing = any_missing || !indexed;
     }
   }
-  // Nothing changed since the mark: no cited file is missing and each is as it was then.
-  if (!any_missing && to && same_state(mark, *to, now)) return carried;
+  // Nothing changed since the mark: the same commit, and each cited file as it was then (a file
+  // gone from the work tree since is marked as such, so a move not yet added is still followed).
+  if (to && same_state(mark, *to, now)) return carried;
 
   const ProcessResult has_commit =
       run_process({"git", "cat-file", "-e", mark.commit + "^{commit}"}, root);
