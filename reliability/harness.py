@@ -45,12 +45,30 @@ def commit_and_anchor(root):
     git(root, "commit", "-q", "-m", "anchors")
 
 
+def readable_shim():
+    """The shim copied where any user can load it: a checkout may sit in a directory only its
+    owner can enter, and the dynamic loader of a command run as another user must read it."""
+    global SHARED_SHIM
+    if SHARED_SHIM is None:
+        folder = tempfile.mkdtemp(prefix="reliability-shim-")
+        os.chmod(folder, 0o755)
+        SHARED_SHIM = shutil.copy(ARGS.shim, folder)
+        os.chmod(SHARED_SHIM, 0o755)
+    return SHARED_SHIM
+
+
+SHARED_SHIM = None
+
+
 def run(root, *args, env=None, timeout=120, user=None):
     """The command in `root`; as `user` (by setpriv) when given."""
     prefix = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"] if user else []
+    env = {**os.environ, **(env or {})}
+    if user and env.get("LD_PRELOAD") == ARGS.shim:
+        env["LD_PRELOAD"] = readable_shim()
     return subprocess.run([*prefix, ARGS.program, "--quiet", *args], cwd=root,
                           capture_output=True, text=True, errors="replace", timeout=timeout,
-                          env={**os.environ, **(env or {})})
+                          env=env)
 
 
 def unprivileged_user():
