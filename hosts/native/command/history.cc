@@ -485,8 +485,9 @@ std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::st
   return mark;
 }
 
-bool write_anchors_marked(SqliteStore& store, const std::string& branch, const fs::path& file,
-                          const std::function<std::optional<Mark>()>& mark) {
+std::optional<std::string> write_anchors_marked(
+    SqliteStore& store, const std::string& branch, const fs::path& file,
+    const std::function<std::optional<Mark>(const std::vector<StoredPage>&)>& mark) {
   const std::vector<StoredPage> pages = store.pages(branch);
   wiki::Record refreshed = refreshed_of(file);
   auto text_with = [&](const wiki::Record& marks) {
@@ -496,12 +497,15 @@ bool write_anchors_marked(SqliteStore& store, const std::string& branch, const f
   std::error_code error;
   const bool exists = fs::exists(file, error);
   const std::string old_text = exists ? read_bytes(file) : std::string();
-  if (exists && refreshed.contains(branch) && old_text == text_with(refreshed)) return false;
-  if (auto now = mark()) refreshed[branch] = mark_json(*now);
+  if (exists && refreshed.contains(branch) && old_text == text_with(refreshed)) return std::nullopt;
+  const std::optional<Mark> now = mark(pages);
+  if (now) refreshed[branch] = mark_json(*now);
   const std::string text = text_with(refreshed);
-  if (exists && old_text == text) return false;
+  if (exists && old_text == text) return std::nullopt;
   wiki::RealFileSystem().atomic_write(file, text);
-  return true;
+  std::string hash = sha256_hex(text);
+  if (now) store.carry_pages(branch, {}, {}, refreshed[branch].dump(), hash);
+  return hash;
 }
 
 void finish_carried(SqliteStore& store, const std::string& branch, const fs::path& wiki_dir) {
@@ -562,11 +566,8 @@ void finish_carried(SqliteStore& store, const std::string& branch, const fs::pat
 }
 
 std::optional<Mark> carried_from(SqliteStore& store, const std::string& branch,
-                                 const fs::path& anchors_file) {
-  std::error_code error;
-  const std::string hash =
-      fs::exists(anchors_file, error) ? sha256_hex(read_bytes(anchors_file)) : std::string();
-  if (auto kept = store.history_mark(branch, hash)) {
+                                 const fs::path& anchors_file, const std::string& anchors_hash) {
+  if (auto kept = store.history_mark(branch, anchors_hash)) {
     return parse_mark(wiki::Record::parse(*kept, nullptr, false), [&](const std::string& what) {
       throw StoreError(store.file().string() + ": the history mark of branch \"" + branch +
                        "\": " + what);
@@ -576,9 +577,24 @@ std::optional<Mark> carried_from(SqliteStore& store, const std::string& branch,
 }
 
 Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wiki_dir,
-              const Mark& mark, const std::function<void(const std::string&)>& note, bool write) {
+              const Mark& mark, const std::function<void(const std::string&)>& note, bool write,
+              const std::string& anchors_hash, const std::vector<std::string>* cited_now) {
   const fs::path& root = store.repo_root();
   Carried carried;
+  // Nothing changed since the mark (the same commit, and each cited file as it was then; a file
+  // gone from the work tree since is marked as such, so a move not yet added is still followed):
+  // nothing to carry, told from the pages' cited paths alone when the caller has them.
+  auto where_now = [&](const std::string& path, auto& now) {
+    const bool indexed = store.is_indexed(path);
+    now[path] = indexed ? std::optional(path) : std::nullopt;
+    return indexed;
+  };
+  if (cited_now) {
+    std::map<std::string, std::optional<std::string>> now;
+    for (const std::string& path : *cited_now) where_now(path, now);
+    const std::optional<Mark> to = current_mark(root, *cited_now, /*keep_blobs=*/false);
+    if (to && same_state(mark, *to, now)) return carried;
+  }
   std::vector<StoredPage> pages = store.pages(branch);
   auto cited_paths = [&] {
     std::vector<std::string> paths;
@@ -593,11 +609,6 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
   };
   // The work tree's state now, which a writing run keeps as the records' mark with them.
   std::optional<Mark> to = current_mark(root, cited_paths(), /*keep_blobs=*/write);
-  const std::string anchors_hash = [&] {
-    std::error_code error;
-    const fs::path file = wiki_dir / kAnchorsFileName;
-    return fs::exists(file, error) ? sha256_hex(read_bytes(file)) : std::string();
-  }();
   auto keep_mark = [&](const std::vector<StoredPage>& changed,
                        const std::vector<PendingPage>& pending) {
     if (!write) {
@@ -616,13 +627,9 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     for (const wiki::Record& record : page.citations) {
       const auto key = key_of(record);
       if (!key || now.count(key->path)) continue;
-      const bool indexed = store.is_indexed(key->path);
-      now[key->path] = indexed ? std::optional(key->path) : std::nullopt;
-      any_missing = any_missing || !indexed;
+      any_missing = !where_now(key->path, now) || any_missing;
     }
   }
-  // Nothing changed since the mark: the same commit, and each cited file as it was then (a file
-  // gone from the work tree since is marked as such, so a move not yet added is still followed).
   if (to && same_state(mark, *to, now)) return carried;
 
   const ProcessResult has_commit =

@@ -41,9 +41,10 @@ std::optional<Mark> read_mark(const std::filesystem::path& file, const std::stri
 
 // The mark to carry the branch's records from: the one the store keeps with the records it last
 // carried (SqliteStore::history_mark), while the anchors file `anchors_file` is the file of that
-// time; else the anchors file's own.
+// time (its SHA-256 `anchors_hash`, "" when there is none); else the anchors file's own.
 std::optional<Mark> carried_from(SqliteStore& store, const std::string& branch,
-                                 const std::filesystem::path& anchors_file);
+                                 const std::filesystem::path& anchors_file,
+                                 const std::string& anchors_hash);
 
 // The work tree's mark now, for the cited files `paths`; nullopt before the first commit. With
 // `keep_blobs`, the content of each changed cited file is written to git's object store, so that
@@ -52,12 +53,14 @@ std::optional<Mark> current_mark(const std::filesystem::path& root,
                                  const std::vector<std::string>& paths, bool keep_blobs);
 
 // Writes the anchors file for the branch's pages when its records changed, or when it has no
-// mark for the branch: then with `mark()` as the branch's mark. A file whose records did not
-// change keeps its mark, so that a run after a commit does not rewrite it. Returns whether it
-// wrote. Under the wiki's write lock.
-bool write_anchors_marked(SqliteStore& store, const std::string& branch,
-                          const std::filesystem::path& file,
-                          const std::function<std::optional<Mark>()>& mark);
+// mark for the branch: then with `mark(pages)` as the branch's mark. A file whose records did not
+// change keeps its mark, so that a run after a commit does not rewrite it. Returns the SHA-256 of
+// the text it wrote, nullopt when it wrote nothing. A file written with a new mark has it kept in
+// the store too (SqliteStore::history_mark, with that SHA-256), so that the next run need not
+// parse the file for it. Under the wiki's write lock.
+std::optional<std::string> write_anchors_marked(
+    SqliteStore& store, const std::string& branch, const std::filesystem::path& file,
+    const std::function<std::optional<Mark>(const std::vector<StoredPage>&)>& mark);
 
 // A citation whose file was renamed, now pointing at the new path.
 struct FollowedRename {
@@ -90,8 +93,13 @@ struct Carried {
 // before the transaction carried nothing; one stopped after it is finished by the next writing run
 // before it reads any page. Without `write`, the store (a scratch copy) takes the records and the
 // new texts are returned.
+//
+// `anchors_hash` is the anchors file's SHA-256 now ("" for none), kept with the mark. `cited`, when
+// given, lists the paths the branch's pages cite (as the page sync found them): a work tree in the
+// mark's state for each of them is told without reading the stored records.
 Carried carry(SqliteStore& store, const std::string& branch, const std::filesystem::path& wiki_dir,
-              const Mark& mark, const std::function<void(const std::string&)>& note, bool write);
+              const Mark& mark, const std::function<void(const std::string&)>& note, bool write,
+              const std::string& anchors_hash, const std::vector<std::string>* cited = nullptr);
 
 // Brings the page files and "digests.json" to the records that the store took for them by
 // carrying: a page file that still has the text its new one was made from is rewritten (the new

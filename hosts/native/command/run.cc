@@ -8,6 +8,8 @@
 
 #include <cstdio>
 #include <set>
+#include <string_view>
+#include <unordered_set>
 
 #include "hosts/native/command/anchors.h"
 #include "hosts/native/command/history.h"
@@ -298,6 +300,27 @@ std::string known_hash(const fs::path& file, const std::optional<KnownHash>& kno
   return sha256_hex(read_bytes(file));
 }
 
+// Runs `work` holding the wiki's write lock, which is released (its note of the holder cleared)
+// however `work` ends. False when another process holds the lock, or `work` met a holder
+// (WikiBusy).
+template <class Work>
+bool holding_write_lock(const fs::path& wiki_dir, Work&& work) {
+  try {
+    FlockWriteLock lock(wiki_dir);
+    lock.acquire();
+    try {
+      work();
+    } catch (...) {
+      lock.release();
+      throw;
+    }
+    lock.release();
+    return true;
+  } catch (const wiki::WikiBusy&) {
+    return false;
+  }
+}
+
 // Writes the anchors file from the store when it changed, with the work tree's mark; under the
 // wiki's write lock. A file that the store knows it wrote, with no page changed since, is not read
 // back.
@@ -307,19 +330,20 @@ bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path
   if (fs::exists(file, error) && store.anchors_current(branch, known_hash(file, known))) {
     return false;
   }
-  const bool changed = write_anchors_marked(store, branch, file, [&] {
-    std::vector<std::string> paths;
-    for (const StoredPage& page : store.pages(branch)) {
-      for (const wiki::Record& record : page.citations) {
-        if (auto path = record.find("path"); path != record.end() && path->is_string()) {
-          paths.push_back(path->get<std::string>());
+  const std::optional<std::string> written =
+      write_anchors_marked(store, branch, file, [&](const std::vector<StoredPage>& pages) {
+        std::vector<std::string> paths;
+        for (const StoredPage& page : pages) {
+          for (const wiki::Record& record : page.citations) {
+            if (auto path = record.find("path"); path != record.end() && path->is_string()) {
+              paths.push_back(path->get<std::string>());
+            }
+          }
         }
-      }
-    }
-    return current_mark(store.repo_root(), paths, /*keep_blobs=*/true);
-  });
-  store.anchors_written(branch, sha256_hex(read_bytes(file)));
-  return changed;
+        return current_mark(store.repo_root(), paths, /*keep_blobs=*/true);
+      });
+  store.anchors_written(branch, written ? *written : known_hash(file, known));
+  return written.has_value();
 }
 
 }  // namespace
@@ -373,19 +397,11 @@ Outcome run(const Options& options) {
   if (!options.check) {
     store = std::make_unique<SqliteStore>(place.root, place.db);
     detail("store " + store->file().string());
-    try {
-      FlockWriteLock lock(place.wiki);
-      lock.acquire();
-      try {
-        // A run stopped after carrying stored its records: its page files first.
-        finish_carried(*store, place.branch, place.wiki);
-        sync(*store);
-      } catch (...) {
-        lock.release();
-        throw;
-      }
-      lock.release();
-    } catch (const wiki::WikiBusy&) {
+    if (!holding_write_lock(place.wiki, [&] {
+          // A run stopped after carrying stored its records: its page files first.
+          finish_carried(*store, place.branch, place.wiki);
+          sync(*store);
+        })) {
       note(std::string(cr::BUSY_MESSAGE));
       outcome.busy = outcome.reported_only = true;
       store.reset();
@@ -418,12 +434,23 @@ Outcome run(const Options& options) {
   std::map<fs::path, std::string> carried_texts;
   auto carry_from_mark = [&] {
     if (!options.follow_history) return Carried{};
-    const std::optional<Mark> mark = carried_from(*store, place.branch, anchors_file);
+    std::error_code error;
+    const std::string hash =
+        fs::exists(anchors_file, error) ? known_hash(anchors_file, anchors_known) : std::string();
+    const std::optional<Mark> mark = carried_from(*store, place.branch, anchors_file, hash);
     if (!mark) {
       if (anchors) detail("the anchors file has no commit for this branch: nothing to carry");
       return Carried{};
     }
-    Carried carried = carry(*store, place.branch, place.wiki, *mark, note, !outcome.reported_only);
+    std::vector<std::string> cited;
+    std::unordered_set<std::string_view> seen;
+    for (const auto& [page_id, keys] : synced.cited) {
+      for (const wiki::CitationKey& key : keys) {
+        if (seen.insert(key.path).second) cited.push_back(key.path);
+      }
+    }
+    Carried carried =
+        carry(*store, place.branch, place.wiki, *mark, note, !outcome.reported_only, hash, &cited);
     outcome.renamed = carried.renamed;
     outcome.translated = carried.translated;
     return carried;
@@ -431,17 +458,7 @@ Outcome run(const Options& options) {
   if (outcome.reported_only) {
     carried_texts = carry_from_mark().texts;
   } else {
-    try {
-      FlockWriteLock lock(place.wiki);
-      lock.acquire();
-      try {
-        carry_from_mark();
-      } catch (...) {
-        lock.release();
-        throw;
-      }
-      lock.release();
-    } catch (const wiki::WikiBusy&) {
+    if (!holding_write_lock(place.wiki, [&] { carry_from_mark(); })) {
       detail("another run took the wiki; it carries the citations");
     }
   }
@@ -484,26 +501,18 @@ Outcome run(const Options& options) {
   } else {
     // As refresh_citations_if_free does, with the inputs read, and the result kept, under the
     // same hold of the lock as the refresh.
-    try {
-      FlockWriteLock lock(place.wiki);
-      lock.acquire();
-      try {
-        if (std::optional<cr::CitationRefresh> reused = kept()) {
-          outcome.result = std::move(*reused);
-        } else {
-          outcome.result =
-              cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root);
-          ordered.flush();
-          if (inputs && !ordered.wrote()) {
-            store->keep_refresh(place.branch, *inputs, kept_text(outcome.result));
+    if (!holding_write_lock(place.wiki, [&] {
+          if (std::optional<cr::CitationRefresh> reused = kept()) {
+            outcome.result = std::move(*reused);
+          } else {
+            outcome.result =
+                cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root);
+            ordered.flush();
+            if (inputs && !ordered.wrote()) {
+              store->keep_refresh(place.branch, *inputs, kept_text(outcome.result));
+            }
           }
-        }
-      } catch (...) {
-        lock.release();
-        throw;
-      }
-      lock.release();
-    } catch (const wiki::WikiBusy&) {
+        })) {
       log.logger->info(cr::BUSY_MESSAGE);
       report();
     }
@@ -513,17 +522,10 @@ Outcome run(const Options& options) {
   progress.end();
 
   if (!outcome.reported_only) {
-    try {
-      FlockWriteLock lock(place.wiki);
-      lock.acquire();
-      try {
-        outcome.anchors_written = write_anchors(*store, place.branch, anchors_file, anchors_known);
-      } catch (...) {
-        lock.release();
-        throw;
-      }
-      lock.release();
-    } catch (const wiki::WikiBusy&) {
+    if (!holding_write_lock(place.wiki, [&] {
+          outcome.anchors_written =
+              write_anchors(*store, place.branch, anchors_file, anchors_known);
+        })) {
       detail("another run took the wiki; it writes the anchors file");
     }
     if (outcome.anchors_written) detail("wrote " + anchors_file.string());
