@@ -451,12 +451,14 @@ std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::st
   if (head.exit_code != 0) return std::nullopt;  // no commit yet, or not a git work tree
   Mark mark;
   mark.commit = split(head.out, '\n').at(0);
+  // Files that differ from the commit, and untracked ones, in one process: unlike `git diff`,
+  // `git status` keeps what it learns of the work tree in git's index (when it can take its lock),
+  // so that the next run does not read again files that changed once.
   std::set<std::string> changed;
-  for (auto& path : split(git(root, {"diff", "--name-only", "--no-renames", "-z", "HEAD"}), '\0')) {
-    changed.insert(std::move(path));
-  }
-  for (auto& path : split(git(root, {"ls-files", "--others", "--exclude-standard", "-z"}), '\0')) {
-    changed.insert(std::move(path));
+  for (std::string_view entry :
+       split(git(root, {"status", "--porcelain", "-z", "--no-renames", "--untracked-files=all"}),
+             '\0')) {
+    if (entry.size() > 3) changed.emplace(entry.substr(3));  // "XY path"
   }
   std::vector<std::string> dirty;
   for (const std::string& path : std::set<std::string>(paths.begin(), paths.end())) {
