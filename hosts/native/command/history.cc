@@ -445,20 +445,43 @@ std::optional<Mark> read_mark(const fs::path& file, const std::string& branch) {
   });
 }
 
+std::string wiki_in(const fs::path& root, const fs::path& wiki_dir) {
+  std::error_code error;
+  const fs::path canonical = fs::weakly_canonical(wiki_dir, error);
+  if (error) return {};
+  const std::string rel = canonical.lexically_relative(root).generic_string();
+  if (rel.empty() || rel == "." || rel == ".." || rel.starts_with("../")) return {};
+  return rel.ends_with('/') ? rel.substr(0, rel.size() - 1) : rel;
+}
+
 std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::string>& paths,
-                                 bool keep_blobs) {
+                                 bool keep_blobs, const std::string& wiki) {
   const ProcessResult head = run_process({"git", "rev-parse", "--verify", "--quiet", "HEAD"}, root);
   if (head.exit_code != 0) return std::nullopt;  // no commit yet, or not a git work tree
   Mark mark;
   mark.commit = split(head.out, '\n').at(0);
-  // Files that differ from the commit, and untracked ones, in one process: unlike `git diff`,
-  // `git status` keeps what it learns of the work tree in git's index (when it can take its lock),
-  // so that the next run does not read again files that changed once.
+  // Files that differ from the commit, and untracked ones: unlike `git diff`, `git status` keeps
+  // what it learns of the work tree in git's index (when it can take its lock), so that the next
+  // run does not read again files that changed once. The wiki's pages, which a refresh has just
+  // rewritten (too recently for git to trust their times), are left out, but for cited ones.
   std::set<std::string> changed;
-  for (std::string_view entry :
-       split(git(root, {"status", "--porcelain", "-z", "--no-renames", "--untracked-files=all"}),
-             '\0')) {
-    if (entry.size() > 3) changed.emplace(entry.substr(3));  // "XY path"
+  auto status = [&](const std::vector<std::string>& pathspecs) {
+    std::vector<std::string> args{"status",       "--porcelain",           "-z",
+                                  "--no-renames", "--untracked-files=all", "--"};
+    args.insert(args.end(), pathspecs.begin(), pathspecs.end());
+    for (std::string_view entry : split(git(root, args), '\0')) {
+      if (entry.size() > 3) changed.emplace(entry.substr(3));  // "XY path"
+    }
+  };
+  if (wiki.empty()) {
+    status({});
+  } else {
+    status({".", ":(exclude,literal)" + wiki});
+    std::set<std::string> in_wiki;
+    for (const std::string& path : paths) {
+      if (path.starts_with(wiki + "/")) in_wiki.insert(":(literal)" + path);
+    }
+    if (!in_wiki.empty()) status({in_wiki.begin(), in_wiki.end()});
   }
   std::vector<std::string> dirty;
   for (const std::string& path : std::set<std::string>(paths.begin(), paths.end())) {
@@ -582,6 +605,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
               const Mark& mark, const std::function<void(const std::string&)>& note, bool write,
               const std::string& anchors_hash, const std::vector<std::string>* cited_now) {
   const fs::path& root = store.repo_root();
+  const std::string wiki = wiki_in(root, wiki_dir);
   Carried carried;
   // Nothing changed since the mark (the same commit, and each cited file as it was then; a file
   // gone from the work tree since is marked as such, so a move not yet added is still followed):
@@ -594,7 +618,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
   if (cited_now) {
     std::map<std::string, std::optional<std::string>> now;
     for (const std::string& path : *cited_now) where_now(path, now);
-    const std::optional<Mark> to = current_mark(root, *cited_now, /*keep_blobs=*/false);
+    const std::optional<Mark> to = current_mark(root, *cited_now, /*keep_blobs=*/false, wiki);
     if (to && same_state(mark, *to, now)) return carried;
   }
   std::vector<StoredPage> pages = store.pages(branch);
@@ -610,7 +634,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     return paths;
   };
   // The work tree's state now, which a writing run keeps as the records' mark with them.
-  std::optional<Mark> to = current_mark(root, cited_paths(), /*keep_blobs=*/write);
+  std::optional<Mark> to = current_mark(root, cited_paths(), /*keep_blobs=*/write, wiki);
   auto keep_mark = [&](const std::vector<StoredPage>& changed,
                        const std::vector<PendingPage>& pending) {
     if (!write) {
@@ -816,7 +840,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
   if (write && !carried.renamed.empty()) {
     std::vector<std::string> paths;
     for (const auto& [path, where] : now) paths.push_back(where.value_or(path));
-    to = current_mark(root, paths, /*keep_blobs=*/true);
+    to = current_mark(root, paths, /*keep_blobs=*/true, wiki);
   }
   keep_mark(changed, pending);
   return carried;

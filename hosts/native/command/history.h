@@ -48,9 +48,15 @@ std::optional<Mark> carried_from(SqliteStore& store, const std::string& branch,
 
 // The work tree's mark now, for the cited files `paths`; nullopt before the first commit. With
 // `keep_blobs`, the content of each changed cited file is written to git's object store, so that
-// a later run can diff from it.
+// a later run can diff from it. `wiki`, the wiki directory relative to `root` (wiki_in), is not
+// looked at but for the cited files in it.
 std::optional<Mark> current_mark(const std::filesystem::path& root,
-                                 const std::vector<std::string>& paths, bool keep_blobs);
+                                 const std::vector<std::string>& paths, bool keep_blobs,
+                                 const std::string& wiki = {});
+
+// The wiki directory `wiki_dir` relative to the repository root `root`, as current_mark takes it:
+// "" when it is not inside the root.
+std::string wiki_in(const std::filesystem::path& root, const std::filesystem::path& wiki_dir);
 
 // Writes the anchors file for the branch's pages when its records changed, or when it has no
 // mark for the branch: then with `mark(pages)` as the branch's mark. A file whose records did not

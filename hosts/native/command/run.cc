@@ -340,7 +340,8 @@ bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path
             }
           }
         }
-        return current_mark(store.repo_root(), paths, /*keep_blobs=*/true);
+        return current_mark(store.repo_root(), paths, /*keep_blobs=*/true,
+                            wiki_in(store.repo_root(), file.parent_path()));
       });
   store.anchors_written(branch, written ? *written : known_hash(file, known));
   return written.has_value();
