@@ -246,6 +246,7 @@ TEST(Indexer, WalkSkipsHiddenFoldersOutsideGit) {
 TEST(Indexer, AFileGoneBeforeItIsReadAgainDoesNotStopTheUpdate) {
   const std::pair<const char*, const char*> cases[] = {
       {"removed", "rm src/gone.py"},
+      {"replaced by a directory", "rm src/gone.py && mkdir src/gone.py"},
   };
   for (const auto& [what, replace] : cases) {
     SCOPED_TRACE(what);
