@@ -48,6 +48,14 @@ std::vector<std::string> walk(const fs::path& root) {
   return out;
 }
 
+// Whether a read failed because the file listed is no file there any more: removed, or replaced
+// by a directory (or a directory of its path by a file) since it was listed.
+bool gone(const fs::filesystem_error& error) {
+  const std::error_code code = error.code();
+  return code == std::errc::no_such_file_or_directory || code == std::errc::is_a_directory ||
+         code == std::errc::not_a_directory;
+}
+
 }  // namespace
 
 std::vector<std::string> repository_files(const fs::path& root) {
@@ -468,7 +476,7 @@ IndexStats Indexer::update() {
       bytes = read_bytes(*file);
     } catch (const fs::filesystem_error& error) {
       // Gone since it was listed (another writer's temporary file, renamed): not in the index.
-      if (error.code() != std::errc::no_such_file_or_directory) throw;
+      if (!gone(error)) throw;
       present.erase(path);
       continue;
     }
@@ -504,7 +512,7 @@ IndexStats Indexer::update() {
         try {
           if (file) text = read_bytes(*file);
         } catch (const fs::filesystem_error& error) {
-          if (error.code() != std::errc::no_such_file_or_directory) throw;  // gone meanwhile
+          if (!gone(error)) throw;  // gone meanwhile: ctags' declarations as they are
         }
         symbols = identify(std::move(*found->second), text);
       }

@@ -240,5 +240,33 @@ TEST(Indexer, WalkSkipsHiddenFoldersOutsideGit) {
   EXPECT_EQ(indexed, (std::vector<std::string>{"a.py", "sub/c.py"}));
 }
 
+// A file listed and read for the index that is gone, or a directory, by the time the indexer reads
+// it again (after ctags, for what ctags does not tell): another process's temporary file renamed
+// meanwhile, say. The update goes on; the next one drops the file.
+TEST(Indexer, AFileGoneBeforeItIsReadAgainDoesNotStopTheUpdate) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"removed", "rm src/gone.py"},
+      {"replaced by a directory", "rm src/gone.py && mkdir src/gone.py"},
+  };
+  for (const auto& [what, replace] : cases) {
+    SCOPED_TRACE(what);
+    TempDir repo, tools;
+    ASSERT_EQ(run_process({"git", "init", "-q"}, repo.path()).exit_code, 0);
+    repo.write("src/a.py", kPython);
+    repo.write("src/gone.py", "def g():\n    pass\n");
+    // ctags as it is, then the file goes (ctags runs in the repository's root).
+    tools.write("ctags",
+                std::string("#!/bin/sh\nctags \"$@\"\nstatus=$?\n") + replace + "\nexit $status\n");
+    std::filesystem::permissions(tools / "ctags", std::filesystem::perms::owner_all);
+    SqliteStore store(repo.path());
+    Indexer indexer(store, (tools / "ctags").string());
+    EXPECT_NO_THROW(indexer.update());
+    EXPECT_EQ(indexer.ctags_runs(), 1u);
+    EXPECT_EQ(store.get_symbols_by_path("src/a.py").size(), 4u);
+    EXPECT_EQ(indexer.update().removed, 1u);
+    EXPECT_FALSE(store.is_indexed("src/gone.py"));
+  }
+}
+
 }  // namespace
 }  // namespace tolbarrow::hosts::native

@@ -93,5 +93,49 @@ TEST(PageSync, FollowsOnlyLinksToFilesInsideTheRepository) {
   EXPECT_NE(stats.skipped[2].find("outside the repository"), std::string::npos);
 }
 
+// A page file found with the text of the page's origin (the refresh stored the page's new records,
+// and their text never reached the file) takes the origin's records and build cache back; a file
+// with any other text keeps the stored records that its citations still name.
+TEST(PageSync, APageFileWithItsOriginsTextTakesTheOriginsRecords) {
+  const std::string old_text = "[f](/a.py#L1-L2)\n", new_text = "[f](/a.py#L5-L6)\n";
+  const Record old_record = Record::parse(
+      R"({"path":"a.py","line_start":1,"line_end":2,"symbol":"f","symbol_start":1,"symbol_end":2})");
+  const Record new_record = Record::parse(
+      R"({"path":"a.py","line_start":5,"line_end":6,"symbol":"f","symbol_start":5,"symbol_end":6})");
+  const Record plain = Record::parse(R"({"path":"a.py","line_start":1,"line_end":2})");
+  struct Case {
+    const char* name;
+    std::string file;
+    std::vector<Record> records;
+    std::optional<Record> build_cache;
+  };
+  const Case cases[] = {
+      {"the origin's text", old_text, {old_record}, Record{{"prose", "old"}}},
+      {"the new text", new_text, {new_record}, Record{{"prose", "new"}}},
+      {"another text citing the origin's lines",
+       old_text + "more\n",
+       {plain},
+       Record{{"prose", "new"}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir repo;
+    repo.write("wiki/p.md", c.file);
+    SqliteStore store(repo.path());
+    store.replace_pages(
+        "main", {{"p", "p.md", {old_record}, Record{{"prose", "old"}}, sha256_hex(old_text)}});
+    store.carry_pages("main",
+                      {{"p", "p.md", {new_record}, Record{{"prose", "new"}}, sha256_hex(new_text)}},
+                      {}, std::nullopt, "");
+    MarkdownCitationSyntax syntax;
+    sync_pages(store, syntax, "main", repo.path() / "wiki");
+    const std::vector<StoredPage> pages = store.pages("main");
+    ASSERT_EQ(pages.size(), 1u);
+    EXPECT_EQ(citations_text(pages[0]), Record(c.records).dump());
+    EXPECT_EQ(pages[0].build_cache, c.build_cache);
+    EXPECT_EQ(pages[0].content_hash, sha256_hex(c.file));
+  }
+}
+
 }  // namespace
 }  // namespace tolbarrow::hosts::native

@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 
 #include "hosts/native/command/anchors.h"
+#include "hosts/native/indexer.h"
+#include "hosts/native/process.h"
 #include "tests/temp_dir.h"
 
 namespace tolbarrow::hosts::native::command {
@@ -166,6 +169,342 @@ TEST(History, CarriesACitationWithinTheDeclarationFoundAgain) {
       EXPECT_EQ(detail::within_declaration(c.from, &now, LineMap(parse_hunks(c.inner))), c.to);
     }
   }
+}
+
+namespace fs = std::filesystem;
+
+// A git work tree in a temporary directory; a git command that fails fails the test.
+class GitRepo {
+ public:
+  GitRepo() { git({"init", "-q"}); }
+  const fs::path& root() const { return root_; }
+  std::string git(std::vector<std::string> args, std::string_view input = {}) const {
+    args.insert(args.begin(), {"git", "-c", "user.name=t", "-c", "user.email=t@example.org", "-c",
+                               "commit.gpgsign=false"});
+    const ProcessResult result = run_process(args, root_, input);
+    EXPECT_EQ(result.exit_code, 0) << args[7] << ": " << result.err;
+    return result.out;
+  }
+  void write(const std::string& rel, const std::string& text) const { dir_.write(rel, text); }
+  void commit() const {
+    git({"add", "-A"});
+    git({"commit", "-q", "-m", "change"});
+  }
+  std::string head() const { return git({"rev-parse", "HEAD"}).substr(0, 40); }
+  // The blob id git gives `text`, without storing it.
+  std::string blob(const std::string& text) const {
+    return git({"hash-object", "--stdin"}, text).substr(0, 40);
+  }
+  bool has_object(const std::string& id) const {
+    return run_process({"git", "cat-file", "-e", id}, root_).exit_code == 0;
+  }
+
+ private:
+  testing::TempDir dir_;
+  fs::path root_ = canonical_root(dir_.path());
+};
+
+// The work tree's mark over a real repository: the cited files that differ from the commit, each
+// with the blob of what it holds now, or git's null id when it is gone from the work tree.
+TEST(History, MarksTheCitedFilesThatDifferFromTheCommit) {
+  struct Case {
+    const char* name;
+    std::function<void(const GitRepo&)> change;
+    std::vector<std::string> cited;
+    std::map<std::string, std::optional<std::string>> dirty;  // path -> its text; nullopt: gone
+  };
+  const Case cases[] = {
+      {"nothing changed", [](const GitRepo&) {}, {"a.py", "b.py"}, {}},
+      {"a cited file edited",
+       [](const GitRepo& r) { r.write("a.py", "x = 2\n"); },
+       {"a.py", "b.py"},
+       {{"a.py", "x = 2\n"}}},
+      {"an edit staged",
+       [](const GitRepo& r) {
+         r.write("a.py", "x = 3\n");
+         r.git({"add", "."});
+       },
+       {"a.py"},
+       {{"a.py", "x = 3\n"}}},
+      {"a file not cited edited",
+       [](const GitRepo& r) { r.write("b.py", "y = 2\n"); },
+       {"a.py"},
+       {}},
+      {"an untracked cited file",
+       [](const GitRepo& r) { r.write("new.py", "z = 1\n"); },
+       {"new.py", "a.py"},
+       {{"new.py", "z = 1\n"}}},
+      {"a cited file deleted",
+       [](const GitRepo& r) { fs::remove(r.root() / "a.py"); },
+       {"a.py", "b.py"},
+       {{"a.py", std::nullopt}}},
+      {"a cited file moved, the move not added",
+       [](const GitRepo& r) { fs::rename(r.root() / "a.py", r.root() / "c.py"); },
+       {"a.py", "c.py"},
+       {{"a.py", std::nullopt}, {"c.py", "x = 1\n"}}},
+      {"a cited file replaced by a directory",
+       [](const GitRepo& r) {
+         fs::remove(r.root() / "a.py");
+         r.write("a.py/in.py", "w = 1\n");
+       },
+       {"a.py"},
+       {{"a.py", std::nullopt}}},
+      {"an edit committed",
+       [](const GitRepo& r) {
+         r.write("a.py", "x = 4\n");
+         r.commit();
+       },
+       {"a.py"},
+       {}},
+      {"a cited path that never was", [](const GitRepo&) {}, {"nowhere.py"}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    GitRepo repo;
+    repo.write("a.py", "x = 1\n");
+    repo.write("b.py", "y = 1\n");
+    repo.commit();
+    c.change(repo);
+    Mark want{repo.head(), c.dirty.empty(), {}};
+    for (const auto& [path, text] : c.dirty) {
+      want.dirty[path] = text ? repo.blob(*text) : std::string(40, '0');
+    }
+    std::map<std::string, bool> stored;  // blob -> whether git holds it before the marks
+    for (const auto& [path, blob] : want.dirty) stored[blob] = repo.has_object(blob);
+    // Without keep_blobs, nothing is written to git's object store; with it, each blob is.
+    EXPECT_EQ(current_mark(repo.root(), c.cited, false), want);
+    for (const auto& [blob, held] : stored) EXPECT_EQ(repo.has_object(blob), held) << blob;
+    EXPECT_EQ(current_mark(repo.root(), c.cited, true), want);
+    for (const auto& [path, text] : c.dirty) {
+      if (text) {
+        EXPECT_TRUE(repo.has_object(want.dirty[path])) << path;
+      }
+    }
+  }
+  GitRepo before_commit;
+  before_commit.write("a.py", "x = 1\n");
+  EXPECT_EQ(current_mark(before_commit.root(), {"a.py"}, true), std::nullopt);
+  testing::TempDir no_git;
+  EXPECT_EQ(current_mark(no_git.path(), {"a.py"}, true), std::nullopt);
+}
+
+// carry() as a run calls it, for branch "main" and the wiki directory docs/.
+Carried carry_docs(SqliteStore& store, const Mark& mark, bool write,
+                   std::vector<std::string>& notes) {
+  return carry(
+      store, "main", store.repo_root() / "docs", mark,
+      [&](const std::string& line) { notes.push_back(line); }, write);
+}
+
+std::string summary(const Carried& carried) {
+  std::string out;
+  for (const FollowedRename& r : carried.renamed) {
+    out += "renamed " + r.page_id + " " + r.from + " -> " + r.to + " " + r.lines + "; ";
+  }
+  for (const auto& [page, count] : carried.translated) {
+    out += "translated " + page + " " + std::to_string(count) + "; ";
+  }
+  return out;
+}
+
+// Carrying from a mark of the work tree: what changed since the mark decides. Nothing is carried
+// (and nothing stored) when the commit and every cited file are as they were, however the cited
+// files stood then; any other change is carried across git's diff.
+TEST(History, CarriesFromTheMarkOnlyWhatChangedSince) {
+  const std::string code = "def f():\n    return 1\n\n\ndef g():\n    return 2\n";  // g: L5-L6
+  const std::string two_more = "# one\n# two\n" + code, three_more = "# zero\n" + two_more;
+  const auto page = [](const char* path, int start) {
+    return "[g](/" + std::string(path) + "#L" + std::to_string(start) + "-L" +
+           std::to_string(start + 1) + ")\n";
+  };
+  struct Case {
+    const char* name;
+    std::string at_mark;  // a.py when the mark is taken (committed: `code`)
+    std::function<void(const GitRepo&)> after;
+    std::string page_after;
+    std::string carried;  // summary()
+    bool kept = true;     // whether the store keeps the work tree's mark (a writing run)
+    std::optional<Mark> mark = std::nullopt;  // instead of the work tree's at the mark
+    std::vector<std::string> cited_at_mark = {"a.py"};
+  };
+  const Case cases[] = {
+      {"nothing changed", code, [](const GitRepo&) {}, page("a.py", 5), "", false},
+      {"the same edit then and now", two_more, [](const GitRepo&) {}, page("a.py", 7), "", false},
+      {"a file cited then but no longer edited since",
+       code,
+       [](const GitRepo& r) { r.write("b.py", "y = 2\n"); },
+       page("a.py", 5),
+       "",
+       false,
+       std::nullopt,
+       {"a.py", "b.py"}},
+      {"the cited file edited since", code, [&](const GitRepo& r) { r.write("a.py", two_more); },
+       page("a.py", 7), "translated p 1; "},
+      {"edited then, edited again since", two_more,
+       [&](const GitRepo& r) { r.write("a.py", three_more); }, page("a.py", 8), "translated p 1; "},
+      {"edited then, restored since", two_more, [&](const GitRepo& r) { r.write("a.py", code); },
+       page("a.py", 5), "translated p 1; "},
+      {"the same text, committed since", two_more, [](const GitRepo& r) { r.commit(); },
+       page("a.py", 7), ""},
+      {"an edit committed since", code,
+       [&](const GitRepo& r) {
+         r.write("a.py", two_more);
+         r.commit();
+       },
+       page("a.py", 7), "translated p 1; "},
+      {"moved since, the move not added", code,
+       [](const GitRepo& r) { fs::rename(r.root() / "a.py", r.root() / "m.py"); }, page("m.py", 5),
+       "renamed p a.py -> m.py L5-L6; "},
+      {"the mark's commit not in the repository", code,
+       [&](const GitRepo& r) { r.write("a.py", two_more); }, page("a.py", 5), "", true,
+       Mark{std::string(40, 'e'), true, {}}},
+  };
+  for (const Case& c : cases) {
+    for (const bool write : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (write ? ", writing" : ", reporting"));
+      GitRepo repo;
+      repo.write("a.py", code);
+      repo.write("b.py", "y = 1\n");
+      repo.commit();
+      const std::string cited_then = page("a.py", c.at_mark == code ? 5 : 7);
+      repo.write("docs/p.md", cited_then);
+      repo.write("a.py", c.at_mark);
+      repo.write("b.py", "y = 0\n");  // dirty at the mark, in the mark when cited then
+      const Mark mark = c.mark ? *c.mark : *current_mark(repo.root(), c.cited_at_mark, true);
+      c.after(repo);
+      SqliteStore store(repo.root());
+      const wiki::Line start = c.at_mark == code ? 5 : 7;
+      const Record cited{{"path", "a.py"}, {"line_start", start},   {"line_end", start + 1},
+                         {"symbol", "g"},  {"symbol_start", start}, {"symbol_end", start + 1},
+                         {"name", "g"}};
+      store.replace_pages("main", {StoredPage{"p", "p.md", {cited}, std::nullopt, std::nullopt}});
+      Indexer(store, std::nullopt, {}, "docs").update();
+
+      std::vector<std::string> notes;
+      const Carried carried = carry_docs(store, mark, write, notes);
+      EXPECT_EQ(summary(carried), c.carried);
+      const fs::path page_file = repo.root() / "docs/p.md";
+      if (write) {
+        EXPECT_EQ(read_bytes(page_file), c.page_after);
+        EXPECT_EQ(store.history_mark("main", "").has_value(), c.kept);
+      } else {
+        EXPECT_EQ(read_bytes(page_file), cited_then);  // the new text only returned
+        const auto text = carried.texts.find(page_file);
+        EXPECT_EQ(text == carried.texts.end() ? cited_then : text->second, c.page_after);
+      }
+      EXPECT_EQ(notes.size(), c.mark ? 1u : 0u);
+      if (c.mark && !notes.empty()) {
+        EXPECT_NE(notes[0].find("is not in this repository"), std::string::npos) << notes[0];
+      }
+    }
+  }
+}
+
+// "digests.json" with one entry, for page "p", citing lines of a.py.
+Record digests_citing(std::vector<std::pair<wiki::Line, wiki::Line>> ranges) {
+  Record citations = Record::array();
+  for (const auto& [start, end] : ranges) {
+    citations.push_back({{"path", "a.py"}, {"line_start", start}, {"line_end", end}});
+  }
+  return {{"p", {{"summary", "s"}, {"citations", citations}}}};
+}
+
+// What a writing carry stores for page "p" before writing its file: two citations moved by four
+// lines, the first to where the second was (so that a move made twice shows), and their digest
+// citations (indexes 0 and 1) with them.
+PendingPage pending_of_p(const std::string& old_text, const std::string& new_text) {
+  Record targets = Record::array(), digest = Record::array();
+  targets.push_back({"a.py", 1, 2, "a.py", 5, 6});
+  targets.push_back({"a.py", 5, 6, "a.py", 9, 10});
+  digest.push_back({0, "a.py", 1, 2, "a.py", 5, 6});
+  digest.push_back({1, "a.py", 5, 6, "a.py", 9, 10});
+  return {"p", "p.md", sha256_hex(old_text), sha256_hex(new_text),
+          Record{{"targets", targets}, {"digest", digest}}};
+}
+
+// Finishing a carry that a run stopped after storing: the page file is rewritten only while it
+// has its old text, a digest citation moves only while it has its old key and its page has its
+// new text, and finishing twice changes nothing the second time.
+TEST(History, FinishesAStoppedCarryOnce) {
+  const std::string old_text = "[f](/a.py#L1-L2) then [g](/a.py#L5-L6)\n";
+  const std::string new_text = "[f](/a.py#L5-L6) then [g](/a.py#L9-L10)\n";
+  const Record old_digests = digests_citing({{1, 2}, {5, 6}});
+  const Record new_digests = digests_citing({{5, 6}, {9, 10}});
+  struct Case {
+    const char* name;
+    std::optional<std::string> page;  // the page file; nullopt: none
+    std::optional<Record> digests;    // "digests.json"; nullopt: none
+    std::optional<std::string> page_after;
+    std::optional<Record> digests_after;
+    std::string recorded_new_text;  // whose hash the store keeps as the new text's
+  };
+  const Case cases[] = {
+      {"the page has its old text", old_text, old_digests, new_text, new_digests, new_text},
+      {"the page was written, its digest not", new_text, old_digests, new_text, new_digests,
+       new_text},
+      {"both were written", new_text, new_digests, new_text, new_digests, new_text},
+      {"the page edited since", old_text + "more\n", old_digests, old_text + "more\n", old_digests,
+       new_text},
+      {"the page file gone", std::nullopt, old_digests, std::nullopt, old_digests, new_text},
+      {"a digest citation edited since", old_text, digests_citing({{1, 2}, {20, 21}}), new_text,
+       digests_citing({{5, 6}, {20, 21}}), new_text},
+      {"the digest lost its last citation", old_text, digests_citing({{1, 2}}), new_text,
+       digests_citing({{5, 6}}), new_text},
+      {"no digest for the page", old_text, Record{{"q", old_digests["p"]}}, new_text,
+       Record{{"q", old_digests["p"]}}, new_text},
+      {"no digests.json", old_text, std::nullopt, new_text, std::nullopt, new_text},
+      {"the new text is not what the targets make", old_text, old_digests, old_text, old_digests,
+       new_text + "x"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    testing::TempDir repo;
+    const fs::path wiki_dir = repo.path() / "docs";
+    fs::create_directories(wiki_dir);
+    if (c.page) repo.write("docs/p.md", *c.page);
+    if (c.digests) repo.write("docs/digests.json", c.digests->dump(2));
+    SqliteStore store(repo.path());
+    for (int run = 1; run <= 2; ++run) {  // the second: a run stopped before forgetting them
+      SCOPED_TRACE(run);
+      store.carry_pages("main", {}, {pending_of_p(old_text, c.recorded_new_text)}, std::nullopt,
+                        "");
+      finish_carried(store, "main", wiki_dir);
+      EXPECT_TRUE(store.pending_pages("main").empty());
+      EXPECT_EQ(fs::exists(wiki_dir / "p.md"), c.page_after.has_value());
+      if (c.page_after) {
+        EXPECT_EQ(repo.read("docs/p.md"), *c.page_after);
+      }
+      EXPECT_EQ(fs::exists(wiki_dir / "digests.json"), c.digests_after.has_value());
+      if (c.digests_after) {
+        EXPECT_EQ(Record::parse(repo.read("docs/digests.json")), *c.digests_after);
+      }
+    }
+  }
+}
+
+// The file system a reporting run refreshes through: the carried texts from memory, until a write
+// replaces one; everything else from the disk.
+TEST(History, OverlayReadsCarriedTextsUntilWritten) {
+  testing::TempDir dir;
+  dir.write("disk.md", "on disk\n");
+  dir.write("both.md", "on disk too\n");
+  wiki::RealFileSystem disk;
+  OverlayFileSystem files(disk, {{dir / "both.md", "carried\n"}, {dir / "memory.md", "only\n"}});
+  EXPECT_EQ(files.read_file(dir / "both.md"), "carried\n");
+  EXPECT_EQ(files.read_file(dir / "memory.md"), "only\n");
+  EXPECT_EQ(files.read_file(dir / "disk.md"), "on disk\n");
+  EXPECT_TRUE(files.is_file(dir / "memory.md"));
+  EXPECT_TRUE(files.is_file(dir / "disk.md"));
+  EXPECT_FALSE(files.is_file(dir / "none.md"));
+  EXPECT_THROW(files.read_file(dir / "none.md"), fs::filesystem_error);
+
+  files.atomic_write(dir / "both.md", "refreshed\n");
+  EXPECT_EQ(dir.read("both.md"), "refreshed\n");
+  EXPECT_EQ(files.read_file(dir / "both.md"), "refreshed\n");
+  files.append(dir / "log", "a\n");
+  EXPECT_EQ(dir.read("log"), "a\n");
+  files.remove_file(dir / "disk.md");
+  EXPECT_FALSE(fs::exists(dir / "disk.md"));
 }
 
 }  // namespace
