@@ -125,6 +125,9 @@ class SqliteStore : public wiki::Repository {
 
   // ---- Pages ----
   std::vector<StoredPage> pages(const std::string& branch);
+  // Gives `visit` the branch's pages one at a time, in page id order (as pages() orders them), so
+  // that a caller that needs each page once holds one page's records at a time.
+  void each_page(const std::string& branch, const std::function<void(StoredPage&&)>& visit);
   // The branch's pages ordered by page id, their records left unread.
   std::vector<PageHead> page_heads(const std::string& branch);
   // Makes `pages` the branch's pages: each is stored as given, and pages of the branch not among

@@ -52,12 +52,12 @@ std::optional<Mark> current_mark(const std::filesystem::path& root,
                                  const std::vector<std::string>& paths, bool keep_blobs);
 
 // Writes the anchors file for the branch's pages when its records changed, or when it has no
-// mark for the branch: then with `mark()` as the branch's mark. A file whose records did not
-// change keeps its mark, so that a run after a commit does not rewrite it. Returns whether it
-// wrote. Under the wiki's write lock.
-bool write_anchors_marked(SqliteStore& store, const std::string& branch,
-                          const std::filesystem::path& file,
-                          const std::function<std::optional<Mark>()>& mark);
+// mark for the branch: then with `mark(paths)` as the branch's mark, `paths` the paths the pages'
+// records cite (each once, sorted). A file whose records did not change keeps its mark, so that a
+// run after a commit does not rewrite it. Returns whether it wrote. Under the wiki's write lock.
+bool write_anchors_marked(
+    SqliteStore& store, const std::string& branch, const std::filesystem::path& file,
+    const std::function<std::optional<Mark>(const std::vector<std::string>&)>& mark);
 
 // A citation whose file was renamed, now pointing at the new path.
 struct FollowedRename {

@@ -307,17 +307,10 @@ bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path
   if (fs::exists(file, error) && store.anchors_current(branch, known_hash(file, known))) {
     return false;
   }
-  const bool changed = write_anchors_marked(store, branch, file, [&] {
-    std::vector<std::string> paths;
-    for (const StoredPage& page : store.pages(branch)) {
-      for (const wiki::Record& record : page.citations) {
-        if (auto path = record.find("path"); path != record.end() && path->is_string()) {
-          paths.push_back(path->get<std::string>());
-        }
-      }
-    }
-    return current_mark(store.repo_root(), paths, /*keep_blobs=*/true);
-  });
+  const bool changed =
+      write_anchors_marked(store, branch, file, [&](const std::vector<std::string>& paths) {
+        return current_mark(store.repo_root(), paths, /*keep_blobs=*/true);
+      });
   store.anchors_written(branch, sha256_hex(read_bytes(file)));
   return changed;
 }
