@@ -39,6 +39,16 @@ struct FileFacts {
   friend bool operator==(const FileFacts&, const FileFacts&) = default;
 };
 
+// A file's facts as read once, with what stat told of the file just before the read: they hold
+// while stat tells the same (same device, inode, size, modification and change times; any write
+// or replacement changes one of them).
+struct ReadFile {
+  FileFacts facts;
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::int64_t ctime_ns = 0;
+};
+
 // One wiki page as the store keeps it.
 struct StoredPage {
   std::string page_id;

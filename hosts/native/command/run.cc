@@ -395,12 +395,12 @@ Outcome run(const Options& options) {
   const auto state_file = [&](const fs::path& file) {
     return fs::weakly_canonical(file).lexically_relative(store->repo_root()).generic_string();
   };
-  const IndexStats indexed =
-      Indexer(*store, ctags,
-              {state_file(anchors_file), state_file(place.wiki / "digests.json"),
-               state_file(place.wiki / std::string(cr::DIGEST_JOURNAL))},
-              state_file(place.wiki))
-          .update();
+  Indexer indexer(*store, ctags,
+                  {state_file(anchors_file), state_file(place.wiki / "digests.json"),
+                   state_file(place.wiki / std::string(cr::DIGEST_JOURNAL))},
+                  state_file(place.wiki));
+  indexer.read_already(std::move(synced.read));  // the pages, read and hashed by the sync
+  const IndexStats indexed = indexer.update();
   progress.end();
   detail(std::to_string(indexed.files) + " files indexed, " + std::to_string(indexed.reindexed) +
          " read by ctags, " + std::to_string(indexed.removed) + " gone");
