@@ -56,6 +56,16 @@ bool gone(const fs::filesystem_error& error) {
          code == std::errc::not_a_directory;
 }
 
+// Whether `st` tells of the file what stat told before `read` was read.
+bool same_file(const ReadFile& read, const struct stat& st) {
+  return read.device == static_cast<std::uint64_t>(st.st_dev) &&
+         read.inode == static_cast<std::uint64_t>(st.st_ino) && read.facts.size == st.st_size &&
+         read.facts.mtime_ns ==
+             static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec &&
+         read.ctime_ns ==
+             static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+}
+
 }  // namespace
 
 std::vector<std::string> repository_files(const fs::path& root) {
@@ -471,18 +481,26 @@ IndexStats Indexer::update() {
         old->second.mtime_ns == facts.mtime_ns) {
       continue;
     }
-    std::string bytes;
-    try {
-      bytes = read_bytes(*file);
-    } catch (const fs::filesystem_error& error) {
-      // Gone since it was listed (another writer's temporary file, renamed): not in the index.
-      if (!gone(error)) throw;
-      present.erase(path);
-      continue;
+    if (auto read = read_already_.find(path);
+        read != read_already_.end() && same_file(read->second, st)) {
+      // Read already since the stat above: the same content.
+      facts.hash = read->second.facts.hash;
+      facts.line_count = read->second.facts.line_count;
+      facts.size = read->second.facts.size;
+    } else {
+      std::string bytes;
+      try {
+        bytes = read_bytes(*file);
+      } catch (const fs::filesystem_error& error) {
+        // Gone since it was listed (another writer's temporary file, renamed): not in the index.
+        if (!gone(error)) throw;
+        present.erase(path);
+        continue;
+      }
+      facts.hash = sha256_hex(bytes);
+      facts.line_count = count_lines(bytes);
+      facts.size = static_cast<std::int64_t>(bytes.size());
     }
-    facts.hash = sha256_hex(bytes);
-    facts.line_count = count_lines(bytes);
-    facts.size = static_cast<std::int64_t>(bytes.size());
     if (!reindex_all && old != known.end() && old->second.hash == facts.hash) {
       change.touched.push_back(std::move(facts));
     } else if (!parsed(facts.path, facts.size)) {

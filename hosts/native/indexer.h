@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -85,6 +86,11 @@ class Indexer {
   // lead outside the repository through a symbolic link, or have a line break in their name.
   IndexStats update();
 
+  // Files read already (by the page sync, say), by path relative to the root: update() takes the
+  // hash and line count of one whose stat still tells what it told before that read, instead of
+  // reading the file again.
+  void read_already(std::map<std::string, ReadFile> files) { read_already_ = std::move(files); }
+
   // ctags processes this indexer started.
   std::size_t ctags_runs() const { return ctags_runs_; }
 
@@ -97,6 +103,7 @@ class Indexer {
   std::string wiki_dir_;
   std::string ctags_;
   std::size_t ctags_runs_ = 0;
+  std::map<std::string, ReadFile> read_already_;
 };
 
 }  // namespace tolbarrow::hosts::native

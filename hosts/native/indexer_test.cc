@@ -1,7 +1,9 @@
 #include "hosts/native/indexer.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <functional>
 #include <tuple>
 
 #include "hosts/native/process.h"
@@ -116,6 +118,48 @@ TEST(Indexer, GivesCtagsNeitherWikiPagesNorLargeMarkdown) {
   // The wiki at the repository's root: every page is a wiki page.
   EXPECT_FALSE(Indexer(store, std::nullopt, {}, ".").parsed("notes/small.md", 10));
   EXPECT_TRUE(Indexer(store, std::nullopt, {}, ".").parsed("notes/code.py", 10));
+}
+
+// A file that the page sync read is taken as read while stat tells of it what it told before that
+// read: any other stat (a write, a replacement) and the file is read again.
+TEST(Indexer, TakesAFileReadAlreadyWhileItsStatIsTheSame) {
+  const std::string text = "# Page\n\ntext\n";
+  struct Case {
+    const char* name;
+    std::function<void(ReadFile&)> change;  // what differs from the stat before the read
+    bool taken;
+  };
+  const Case cases[] = {
+      {"as read", [](ReadFile&) {}, true},
+      {"another size", [](ReadFile& r) { ++r.facts.size; }, false},
+      {"modified since", [](ReadFile& r) { --r.facts.mtime_ns; }, false},
+      {"changed since", [](ReadFile& r) { --r.ctime_ns; }, false},
+      {"another inode", [](ReadFile& r) { ++r.inode; }, false},
+      {"another device", [](ReadFile& r) { ++r.device; }, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir repo;
+    repo.write("docs/page.md", text);
+    struct stat st;
+    ASSERT_EQ(::stat((repo.path() / "docs/page.md").c_str(), &st), 0);
+    // Facts that reading the file would not give: where they come from shows.
+    ReadFile read{
+        {"docs/page.md", "as read", st.st_size,
+         static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec, 99},
+        static_cast<std::uint64_t>(st.st_dev),
+        static_cast<std::uint64_t>(st.st_ino),
+        static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec};
+    c.change(read);
+    SqliteStore store(repo.path());
+    Indexer indexer(store, std::nullopt, {}, "docs");
+    indexer.read_already({{"docs/page.md", read}});
+    indexer.update();
+    const std::optional<FileFacts> facts = store.file("docs/page.md");
+    ASSERT_TRUE(facts);
+    EXPECT_EQ(facts->hash, c.taken ? "as read" : sha256_hex(text));
+    EXPECT_EQ(facts->line_count, c.taken ? 99 : count_lines(text));
+  }
 }
 
 // Declarations that ctags names alike get distinct identities; (fqn, name, start line) of each

@@ -1,5 +1,7 @@
 #include "hosts/native/page_sync.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -46,16 +48,22 @@ bool inside(const fs::path& file, const fs::path& dir) {
   return end == dir.end();
 }
 
+// A page file under `wiki_dir`, and whether it is a symbolic link.
+struct PageFile {
+  fs::path file;
+  bool link = false;
+};
+
 // The page files under `wiki_dir`: path relative to it -> file. A `*.md` symbolic link is a page
 // when it leads to a regular file inside the repository or the wiki directory; one that loops,
 // dangles or leads elsewhere is skipped, and named in `skipped` with the reason. Linked
 // directories are not entered.
-std::map<std::string, fs::path> page_files(const fs::path& wiki_dir, const fs::path& repo_root,
+std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::path& repo_root,
                                            std::vector<std::string>& skipped) {
   std::error_code error;
   fs::path wiki_real = fs::weakly_canonical(wiki_dir, error);
   if (error) wiki_real = repo_root;
-  std::map<std::string, fs::path> out;
+  std::map<std::string, PageFile> out;
   auto it = fs::recursive_directory_iterator(wiki_dir);
   for (; it != fs::recursive_directory_iterator(); ++it) {
     const std::string name = it->path().filename().string();
@@ -81,7 +89,8 @@ std::map<std::string, fs::path> page_files(const fs::path& wiki_dir, const fs::p
     } else if (!fs::is_regular_file(own)) {
       continue;
     }
-    out.emplace(it->path().lexically_relative(wiki_dir).generic_string(), it->path());
+    out.emplace(it->path().lexically_relative(wiki_dir).generic_string(),
+                PageFile{it->path(), fs::is_symlink(own)});
   }
   return out;
 }
@@ -102,9 +111,34 @@ SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std
   std::vector<Found> changed_files;
   std::map<std::string, std::vector<wiki::CitationKey>> cited_by_page;
   SyncStats stats;
-  for (const auto& [rel, file] : page_files(wiki_dir, store.repo_root(), stats.skipped)) {
+  // The wiki directory relative to the repository root, when it is inside it: where the indexer
+  // finds the pages. Directories are not followed through links below it, so a page that is no
+  // link is found there under its path relative to the wiki directory.
+  std::optional<fs::path> wiki_in_root;
+  {
+    std::error_code error;
+    const fs::path real = fs::weakly_canonical(wiki_dir, error);
+    const fs::path rel = real.lexically_relative(store.repo_root());
+    if (!error && !rel.empty() && *rel.begin() != "..") wiki_in_root = rel;
+  }
+  for (const auto& [rel, page_file] : page_files(wiki_dir, store.repo_root(), stats.skipped)) {
+    const fs::path& file = page_file.file;
+    struct stat before;
+    const bool stated = !page_file.link && wiki_in_root && ::stat(file.c_str(), &before) == 0;
     std::string bytes = read_bytes(file);
     Found found{rel.substr(0, rel.size() - 3), rel, sha256_hex(bytes), {}};
+    if (stated) {
+      const std::string path = (*wiki_in_root / rel).lexically_normal().generic_string();
+      stats.read.emplace(path,
+                         ReadFile{{path, found.hash, static_cast<std::int64_t>(bytes.size()),
+                                   static_cast<std::int64_t>(before.st_mtim.tv_sec) * 1000000000 +
+                                       before.st_mtim.tv_nsec,
+                                   count_lines(bytes)},
+                                  static_cast<std::uint64_t>(before.st_dev),
+                                  static_cast<std::uint64_t>(before.st_ino),
+                                  static_cast<std::int64_t>(before.st_ctim.tv_sec) * 1000000000 +
+                                      before.st_ctim.tv_nsec});
+    }
     const wiki::Text text(std::move(bytes), file.string());
     std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> in_text;
     syntax.find(text, [&](const wiki::Citation& citation) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,9 @@ struct SyncStats {
   std::size_t pages_written = 0;      // pages stored anew (new, changed or restored)
   // Each page's citations in text order, each key once per page, pages in page id order.
   std::vector<std::pair<std::string, std::vector<wiki::CitationKey>>> cited;
+  // Each page file read, by its path relative to the repository root (pages that are no symbolic
+  // link, in a wiki directory inside the repository), for the indexer (Indexer::read_already).
+  std::map<std::string, ReadFile> read;
 };
 
 // Makes every *.md file under `wiki_dir` (hidden folders skipped) a page of `branch`; a symbolic

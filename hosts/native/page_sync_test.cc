@@ -53,6 +53,17 @@ TEST(PageSync, MakesPageFilesThePagesOfTheBranch) {
   EXPECT_EQ(citations_text(pages[1]), R"([{"path":"src/b.cc","line_start":2,"line_end":4}])");
   EXPECT_EQ(citations_text(store.pages("other")[0]), "[" + gone.dump() + "]");  // untouched
 
+  // What it read, for the indexer: each page by its path from the repository root, as read.
+  std::vector<std::string> read;
+  for (const auto& [path, file] : stats.read) {
+    read.push_back(path);
+    EXPECT_EQ(file.facts.path, path);
+    EXPECT_EQ(file.facts.hash, sha256_hex(repo.read(path)));
+    EXPECT_EQ(file.facts.line_count, count_lines(repo.read(path)));
+    EXPECT_EQ(file.facts.size, static_cast<std::int64_t>(repo.read(path).size()));
+  }
+  EXPECT_EQ(read, (std::vector<std::string>{"wiki/a.md", "wiki/sub/b.md"}));
+
   // A second sync finds nothing to do.
   const SyncStats again = sync_pages(store, syntax, "main", wiki_dir);
   EXPECT_EQ(again.citations_added + again.citations_dropped + again.pages_removed, 0u);

@@ -530,13 +530,18 @@ int SqliteStore::index_format() {
 }
 
 std::vector<StoredPage> SqliteStore::pages(const std::string& branch) {
+  std::vector<StoredPage> out;
+  each_page(branch, [&](StoredPage&& page) { out.push_back(std::move(page)); });
+  return out;
+}
+
+void SqliteStore::each_page(const std::string& branch,
+                            const std::function<void(StoredPage&&)>& visit) {
   Statement s(db_, file_,
               "SELECT page_id, rel_path, citations, build_cache, content_hash FROM pages "
               "WHERE branch = ? ORDER BY page_id");
   s.bind(1, branch);
-  std::vector<StoredPage> out;
-  while (s.step()) out.push_back(read_page(s, file_));
-  return out;
+  while (s.step()) visit(read_page(s, file_));
 }
 
 std::vector<PageHead> SqliteStore::page_heads(const std::string& branch) {

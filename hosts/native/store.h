@@ -39,6 +39,16 @@ struct FileFacts {
   friend bool operator==(const FileFacts&, const FileFacts&) = default;
 };
 
+// A file's facts as read once, with what stat told of the file just before the read: they hold
+// while stat tells the same (same device, inode, size, modification and change times; any write
+// or replacement changes one of them).
+struct ReadFile {
+  FileFacts facts;
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::int64_t ctime_ns = 0;
+};
+
 // One wiki page as the store keeps it.
 struct StoredPage {
   std::string page_id;
@@ -125,6 +135,9 @@ class SqliteStore : public wiki::Repository {
 
   // ---- Pages ----
   std::vector<StoredPage> pages(const std::string& branch);
+  // Gives `visit` the branch's pages one at a time, in page id order (as pages() orders them), so
+  // that a caller that needs each page once holds one page's records at a time.
+  void each_page(const std::string& branch, const std::function<void(StoredPage&&)>& visit);
   // The branch's pages ordered by page id, their records left unread.
   std::vector<PageHead> page_heads(const std::string& branch);
   // Makes `pages` the branch's pages: each is stored as given, and pages of the branch not among

@@ -83,18 +83,26 @@ Anchors parse_anchors(const std::string& bytes, const fs::path& file) {
 std::string dump_anchors(const std::vector<StoredPage>& pages, const wiki::Record& extra) {
   std::map<std::string, const StoredPage*> sorted;
   for (const StoredPage& page : pages) sorted.emplace(page.page_id, &page);
-  std::string out = "{\n  \"version\": " + std::to_string(kAnchorsVersion) + ",\n  \"pages\": {";
-  bool first_page = true;
-  for (const auto& [id, page] : sorted) {
-    out += first_page ? "\n" : ",\n";
-    first_page = false;
-    out += "    " + wiki::Record(id).dump() + ": [";
-    for (std::size_t i = 0; i < page->citations.size(); ++i) {
-      out += (i ? ",\n      " : "\n      ") + one_line(page->citations[i]);
-    }
-    out += page->citations.empty() ? "]" : "\n    ]";
+  AnchorsText text;
+  for (const auto& [id, page] : sorted) text.add(*page);
+  return std::move(text).take(extra);
+}
+
+AnchorsText::AnchorsText()
+    : text_("{\n  \"version\": " + std::to_string(kAnchorsVersion) + ",\n  \"pages\": {") {}
+
+void AnchorsText::add(const StoredPage& page) {
+  text_ += empty_ ? "\n" : ",\n";
+  empty_ = false;
+  text_ += "    " + wiki::Record(page.page_id).dump() + ": [";
+  for (std::size_t i = 0; i < page.citations.size(); ++i) {
+    text_ += (i ? ",\n      " : "\n      ") + one_line(page.citations[i]);
   }
-  out += first_page ? "}" : "\n  }";
+  text_ += page.citations.empty() ? "]" : "\n    ]";
+}
+
+std::string AnchorsText::rest(const wiki::Record& extra) const {
+  std::string out = empty_ ? "}" : "\n  }";
   if (extra.is_object()) {
     for (auto it = extra.begin(); it != extra.end(); ++it) {
       out += ",\n  " + wiki::Record(it.key()).dump() + ": ";
@@ -110,6 +118,16 @@ std::string dump_anchors(const std::vector<StoredPage>& pages, const wiki::Recor
     }
   }
   return out + "\n}\n";
+}
+
+bool AnchorsText::is(std::string_view text, const wiki::Record& extra) const {
+  return text.size() >= text_.size() && text.substr(0, text_.size()) == text_ &&
+         text.substr(text_.size()) == rest(extra);
+}
+
+std::string AnchorsText::take(const wiki::Record& extra) && {
+  text_ += rest(extra);
+  return std::move(text_);
 }
 
 void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors,

@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hosts/native/store.h"
@@ -37,6 +38,26 @@ Anchors parse_anchors(const std::string& bytes, const std::filesystem::path& fil
 // per line in the store's order, so that concurrent edits of different pages merge cleanly. The
 // members of `extra` (an object) follow "pages", an object's members one per line.
 std::string dump_anchors(const std::vector<StoredPage>& pages, const wiki::Record& extra = {});
+
+// The same text made page by page, pages added in page id order (as SqliteStore::each_page gives
+// them): only the text is held, never every page's records at once.
+class AnchorsText {
+ public:
+  AnchorsText();
+  // Room for a text of about `bytes` (the file's size before): the text grows without copies.
+  void reserve(std::size_t bytes) { text_.reserve(bytes); }
+  void add(const StoredPage& page);
+  // Whether `text` is the whole file's text: the pages added, then the members of `extra`.
+  bool is(std::string_view text, const wiki::Record& extra = {}) const;
+  // The whole file's text; the pages' text is moved into it.
+  std::string take(const wiki::Record& extra = {}) &&;
+
+ private:
+  std::string rest(const wiki::Record& extra) const;
+
+  std::string text_;  // the file's text up to the end of the pages added
+  bool empty_ = true;
+};
 
 // Puts the anchors file's records into the branch's stored pages: a citation (path and lines)
 // that the file records takes the file's record, other stored records stay, and a page only the

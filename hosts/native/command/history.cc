@@ -394,14 +394,31 @@ wiki::Record mark_json(const Mark& mark) {
   return out;
 }
 
+// The "refreshed" member of an anchors file whose bytes are `bytes`; an empty object when it has
+// none or is no JSON object. Only that member is built: the other members (the pages, nearly all
+// of the file) are checked as JSON and passed over, so that reading the marks costs no more than
+// the file's size.
+wiki::Record refreshed_in(const std::string& bytes) {
+  using Event = wiki::Record::parse_event_t;
+  bool keep = false;  // whether the top-level member being read is "refreshed"
+  const wiki::Record json = wiki::Record::parse(
+      bytes,
+      [&](int depth, Event event, wiki::Record& parsed) {
+        if (depth != 1) return true;
+        if (event == Event::key) keep = parsed == kRefreshedKey;
+        return keep;
+      },
+      /*allow_exceptions=*/false);
+  if (!json.is_object()) return wiki::Record::object();
+  auto it = json.find(kRefreshedKey);
+  return it != json.end() && it->is_object() ? *it : wiki::Record::object();
+}
+
 // The anchors file's "refreshed" member; an empty object when it has none or cannot be read.
 wiki::Record refreshed_of(const fs::path& file) {
   std::error_code error;
   if (!fs::exists(file, error)) return wiki::Record::object();
-  const wiki::Record json = wiki::Record::parse(read_bytes(file), nullptr, false);
-  if (!json.is_object()) return wiki::Record::object();
-  auto it = json.find(kRefreshedKey);
-  return it != json.end() && it->is_object() ? *it : wiki::Record::object();
+  return refreshed_in(read_bytes(file));
 }
 
 }  // namespace
@@ -512,21 +529,34 @@ std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::st
 
 std::optional<std::string> write_anchors_marked(
     SqliteStore& store, const std::string& branch, const fs::path& file,
-    const std::function<std::optional<Mark>(const std::vector<StoredPage>&)>& mark) {
-  const std::vector<StoredPage> pages = store.pages(branch);
-  wiki::Record refreshed = refreshed_of(file);
-  auto text_with = [&](const wiki::Record& marks) {
-    return dump_anchors(pages,
-                        marks.empty() ? wiki::Record() : wiki::Record{{kRefreshedKey, marks}});
-  };
+    const std::function<std::optional<Mark>(const std::vector<std::string>&)>& mark) {
   std::error_code error;
   const bool exists = fs::exists(file, error);
   const std::string old_text = exists ? read_bytes(file) : std::string();
-  if (exists && refreshed.contains(branch) && old_text == text_with(refreshed)) return std::nullopt;
-  const std::optional<Mark> now = mark(pages);
+  wiki::Record refreshed = exists ? refreshed_in(old_text) : wiki::Record::object();
+  // One page's records at a time: the text and the cited paths are all that is kept of them. The
+  // new text is about as long as the old one.
+  AnchorsText pages;
+  pages.reserve(old_text.size() + old_text.size() / 8);
+  std::set<std::string> cited;
+  store.each_page(branch, [&](StoredPage&& page) {
+    pages.add(page);
+    for (const wiki::Record& record : page.citations) {
+      if (auto path = record.find("path"); path != record.end() && path->is_string()) {
+        cited.insert(path->get<std::string>());
+      }
+    }
+  });
+  auto extra = [](const wiki::Record& marks) {
+    return marks.empty() ? wiki::Record() : wiki::Record{{kRefreshedKey, marks}};
+  };
+  if (exists && refreshed.contains(branch) && pages.is(old_text, extra(refreshed))) {
+    return std::nullopt;
+  }
+  const std::optional<Mark> now = mark(std::vector<std::string>(cited.begin(), cited.end()));
   if (now) refreshed[branch] = mark_json(*now);
-  const std::string text = text_with(refreshed);
-  if (exists && old_text == text) return std::nullopt;
+  if (exists && pages.is(old_text, extra(refreshed))) return std::nullopt;
+  const std::string text = std::move(pages).take(extra(refreshed));
   wiki::RealFileSystem().atomic_write(file, text);
   std::string hash = sha256_hex(text);
   if (now) store.carry_pages(branch, {}, {}, refreshed[branch].dump(), hash);

@@ -59,14 +59,15 @@ std::optional<Mark> current_mark(const std::filesystem::path& root,
 std::string wiki_in(const std::filesystem::path& root, const std::filesystem::path& wiki_dir);
 
 // Writes the anchors file for the branch's pages when its records changed, or when it has no
-// mark for the branch: then with `mark(pages)` as the branch's mark. A file whose records did not
-// change keeps its mark, so that a run after a commit does not rewrite it. Returns the SHA-256 of
-// the text it wrote, nullopt when it wrote nothing. A file written with a new mark has it kept in
-// the store too (SqliteStore::history_mark, with that SHA-256), so that the next run need not
-// parse the file for it. Under the wiki's write lock.
+// mark for the branch: then with `mark(paths)` as the branch's mark, `paths` the paths the pages'
+// records cite (each once, sorted). A file whose records did not change keeps its mark, so that a
+// run after a commit does not rewrite it. Returns the SHA-256 of the text it wrote, nullopt when it
+// wrote nothing. A file written with a new mark has it kept in the store too
+// (SqliteStore::history_mark, with that SHA-256), so that the next run need not read the file for
+// it. Under the wiki's write lock.
 std::optional<std::string> write_anchors_marked(
     SqliteStore& store, const std::string& branch, const std::filesystem::path& file,
-    const std::function<std::optional<Mark>(const std::vector<StoredPage>&)>& mark);
+    const std::function<std::optional<Mark>(const std::vector<std::string>&)>& mark);
 
 // A citation whose file was renamed, now pointing at the new path.
 struct FollowedRename {

@@ -45,6 +45,17 @@ TEST(History, ReadsTheBranchsMark) {
        std::nullopt, "\"dirty\" is not an object"},
       {"blob not text", pages + R"(, "refreshed": {"main": {"commit": "ab", "dirty": {"a": 1}}}})",
        std::nullopt, "\"dirty\": \"a\" is not a blob id"},
+      // Only the top-level member counts: a page or a record member of that name is no mark.
+      {"marks before pages named like them",
+       R"({"version": 1, "refreshed": {"main": {"commit": "ab12"}}, "pages": {"refreshed": [
+         {"path": "a.py", "line_start": 1, "line_end": 2, "refreshed": {"main": {"commit": "ef"}}}
+       ]}})",
+       Mark{"ab12", true, {}}, nullptr},
+      {"a page named like the marks only",
+       R"({"version": 1, "pages": {"refreshed": [{"main": {"commit": "ef"}}]}})", std::nullopt,
+       nullptr},
+      {"not JSON after the marks", pages + R"(, "refreshed": {"main": {"commit": "ab12"}}, })",
+       std::nullopt, nullptr},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -62,6 +73,43 @@ TEST(History, ReadsTheBranchsMark) {
     } else {
       EXPECT_EQ(read_mark(file, "main"), c.mark);
     }
+  }
+}
+
+// The anchors file's text made page by page is the one dump_anchors makes of all the pages, and
+// AnchorsText::is tells that text from any other.
+TEST(Anchors, TextMadePageByPageIsTheDump) {
+  const std::vector<StoredPage> pages = {
+      {.page_id = "a", .citations = {Record{{"path", "x.py"}, {"line_start", 1}, {"line_end", 2}}}},
+      {.page_id = "b/c", .citations = {}},
+      {.page_id = "d",
+       .citations = {Record{{"path", "y.py"}, {"line_start", 3}, {"line_end", 3}},
+                     Record{{"path", "z.py"}, {"line_start", 4}, {"line_end", 9}}}},
+  };
+  const Record marks = {{kRefreshedKey, {{"main", {{"commit", "ab12"}, {"clean", true}}}}}};
+  const Record other_marks = {{kRefreshedKey, {{"main", {{"commit", "cd34"}, {"clean", true}}}}}};
+  struct Case {
+    const char* name;
+    std::vector<StoredPage> pages;
+    Record extra;
+  };
+  const Case cases[] = {
+      {"no pages", {}, Record()},
+      {"pages", pages, Record()},
+      {"pages and marks", pages, marks},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string dump = dump_anchors(c.pages, c.extra);
+    AnchorsText text;
+    for (const StoredPage& page : c.pages) text.add(page);
+    EXPECT_TRUE(text.is(dump, c.extra));
+    EXPECT_FALSE(text.is(dump.substr(0, dump.size() - 1), c.extra));
+    EXPECT_FALSE(text.is(dump.substr(0, 10), c.extra));
+    EXPECT_FALSE(text.is(dump + "\n", c.extra));
+    EXPECT_FALSE(text.is(dump_anchors(c.pages, other_marks), c.extra));
+    EXPECT_FALSE(text.is(dump_anchors({pages[1]}, c.extra), c.extra));
+    EXPECT_EQ(std::move(text).take(c.extra), dump);
   }
 }
 

@@ -331,15 +331,7 @@ bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path
     return false;
   }
   const std::optional<std::string> written =
-      write_anchors_marked(store, branch, file, [&](const std::vector<StoredPage>& pages) {
-        std::vector<std::string> paths;
-        for (const StoredPage& page : pages) {
-          for (const wiki::Record& record : page.citations) {
-            if (auto path = record.find("path"); path != record.end() && path->is_string()) {
-              paths.push_back(path->get<std::string>());
-            }
-          }
-        }
+      write_anchors_marked(store, branch, file, [&](const std::vector<std::string>& paths) {
         return current_mark(store.repo_root(), paths, /*keep_blobs=*/true,
                             wiki_in(store.repo_root(), file.parent_path()));
       });
@@ -419,12 +411,12 @@ Outcome run(const Options& options) {
   const auto state_file = [&](const fs::path& file) {
     return fs::weakly_canonical(file).lexically_relative(store->repo_root()).generic_string();
   };
-  const IndexStats indexed =
-      Indexer(*store, ctags,
-              {state_file(anchors_file), state_file(place.wiki / "digests.json"),
-               state_file(place.wiki / std::string(cr::DIGEST_JOURNAL))},
-              state_file(place.wiki))
-          .update();
+  Indexer indexer(*store, ctags,
+                  {state_file(anchors_file), state_file(place.wiki / "digests.json"),
+                   state_file(place.wiki / std::string(cr::DIGEST_JOURNAL))},
+                  state_file(place.wiki));
+  indexer.read_already(std::move(synced.read));  // the pages, read and hashed by the sync
+  const IndexStats indexed = indexer.update();
   progress.end();
   detail(std::to_string(indexed.files) + " files indexed, " + std::to_string(indexed.reindexed) +
          " read by ctags, " + std::to_string(indexed.removed) + " gone");
