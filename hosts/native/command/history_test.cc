@@ -343,6 +343,33 @@ TEST(History, MarksTheCitedFilesThatDifferFromTheCommit) {
   EXPECT_EQ(current_mark(no_git.path(), {"a.py"}, true), std::nullopt);
 }
 
+// The wiki directory as the work tree's mark leaves it out: only a directory strictly inside the
+// root may be left out, else git status would be told to skip the whole tree or a path outside.
+TEST(History, TellsTheWikiDirectoryInsideTheRoot) {
+  testing::TempDir dir;
+  const fs::path root = fs::canonical(dir.path()) / "repo";
+  fs::create_directories(root / "docs" / "wiki");
+  fs::create_directories(dir.path() / "elsewhere");
+  fs::create_directory_symlink(root / "docs", root / "linked");
+  const struct {
+    fs::path wiki;
+    std::string want;
+  } cases[] = {
+      {root / "docs", "docs"},
+      {root / "docs/", "docs"},
+      {root / "docs" / "wiki", "docs/wiki"},
+      {root / "linked", "docs"},  // by where the link leads
+      {root / "not-yet", "not-yet"},
+      {root, ""},
+      {root / ".", ""},
+      {dir.path() / "elsewhere", ""},
+      {root / ".." / "elsewhere", ""},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(wiki_in(root, c.wiki), c.want) << c.wiki;
+  }
+}
+
 // carry() as a run calls it, for branch "main" and the wiki directory docs/.
 // A run passes the paths its pages cite, which answer an unchanged work tree alone; reporting
 // runs here do so, and writing runs leave the answer to the stored records, so that both ways are
