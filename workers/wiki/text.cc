@@ -11,12 +11,16 @@ std::atomic<std::uint64_t> next_id{1};
 
 bool is_continuation(unsigned char c) { return (c & 0xC0) == 0x80; }
 
-// Length of the UTF-8 sequence that lead byte `c` opens, for valid text.
-std::size_t sequence_length(unsigned char c) {
-  if (c < 0x80) return 1;
-  if (c < 0xE0) return 2;
-  if (c < 0xF0) return 3;
-  return 4;
+constexpr std::uint64_t kHighBits = 0x8080808080808080ULL;
+
+// How many of the eight bytes at `p` are continuation bytes (10xxxxxx): each one's high bit is
+// kept and moved to the bottom of its byte, and the multiplication sums the bytes into the top
+// one (at most 8, so nothing carries). Portable, where a popcount instruction may not be.
+std::size_t continuations(const unsigned char* p) {
+  std::uint64_t word;
+  std::memcpy(&word, p, 8);
+  const std::uint64_t ones = (word & ~(word << 1) & kHighBits) >> 7;
+  return static_cast<std::size_t>((ones * 0x0101010101010101ULL) >> 56);
 }
 
 }  // namespace
@@ -63,8 +67,11 @@ std::size_t first_invalid_utf8(std::string_view bytes) {
 }
 
 std::size_t count_points(std::string_view bytes) {
-  std::size_t count = 0;
-  for (unsigned char c : bytes) count += !is_continuation(c);
+  const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+  const std::size_t n = bytes.size();
+  std::size_t count = n, i = 0;
+  for (; i + 8 <= n; i += 8) count -= continuations(p + i);
+  for (; i < n; ++i) count -= is_continuation(p[i]);
   return count;
 }
 
@@ -94,8 +101,20 @@ std::size_t Text::byte_at(std::size_t point) const {
   if (ascii()) return point;
   std::size_t byte = index_[point / kIndexStep];
   const auto* p = reinterpret_cast<const unsigned char*>(utf8_.data());
-  for (std::size_t k = point % kIndexStep; k > 0; --k) byte += sequence_length(p[byte]);
-  return byte;
+  // The code point `k` code points after the indexed one: whole words of eight bytes are passed
+  // while they hold no more than `k` code points' first bytes, then single bytes.
+  std::size_t k = point % kIndexStep;
+  while (byte + 8 <= utf8_.size()) {
+    const std::size_t leads = 8 - continuations(p + byte);
+    if (leads > k) break;
+    k -= leads;
+    byte += 8;
+  }
+  for (;; ++byte) {
+    if (is_continuation(p[byte])) continue;
+    if (k == 0) return byte;
+    --k;
+  }
 }
 
 std::size_t Text::point_at(std::size_t byte) const {
