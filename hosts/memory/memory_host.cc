@@ -3,6 +3,7 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 
+#include <algorithm>
 #include <charconv>
 #include <mutex>
 #include <unordered_map>
@@ -39,10 +40,11 @@ const Regex& citation_regex() {
   return re;
 }
 
-// A citation found in the text: its key and its code-point span.
+// A citation found in the text: its key, and its span in code points and in bytes.
 struct Found {
   CitationKey key;
   std::size_t start = 0, end = 0;
+  std::size_t byte_start = 0, byte_end = 0;
 };
 
 Line parse_number(std::string_view digits) {
@@ -69,7 +71,9 @@ void find_citations(const Text& text, std::size_t from_point, std::size_t to_poi
         {std::string(body.substr(0, hash)), parse_number(body.substr(hash + 2, dash - hash - 2)),
          parse_number(body.substr(dash + 2))},
         text.point_at(m->begin),
-        text.point_at(m->end)});
+        text.point_at(m->end),
+        m->begin,
+        m->end});
   }
 }
 
@@ -185,15 +189,36 @@ cr::Host MemoryHost::host() {
                   .logger = logger};
 }
 
+const std::vector<MemoryHost::Scanned>* MemoryHost::scanned(const Text& text) const {
+  return scanned_id_ != 0 && text.id() == scanned_id_ ? &scanned_ : nullptr;
+}
+
 void MemoryHost::find(const Text& text, const std::function<void(const Citation&)>& each) {
+  scanned_id_ = 0;
+  scanned_.clear();
   find_citations(text, 0, text.length(), [&](Found&& found) {
-    each({std::move(found.key), found.start});
+    scanned_.push_back(
+        {std::move(found.key), found.start, found.end, found.byte_start, found.byte_end});
   });
+  scanned_id_ = text.id();
+  for (const Scanned& s : scanned_) each({s.key, s.begin});
 }
 
 std::optional<std::size_t> MemoryHost::last_end(const Text& text, std::size_t start,
                                                 std::size_t end) {
   ++pattern_searches;
+  if (const auto* found = scanned(text)) {
+    // A citation holds no "(" after its first character, so no search finds one starting inside
+    // another, nor a shorter one where the bound cuts one off: the citations a search bounded by
+    // [start, end) finds are the scanned ones that lie inside the bounds.
+    const auto first =
+        std::lower_bound(found->begin(), found->end(), start,
+                         [](const Scanned& s, std::size_t at) { return s.begin < at; });
+    const auto past = std::upper_bound(first, found->end(), end,
+                                       [](std::size_t at, const Scanned& s) { return at < s.end; });
+    if (past == first) return std::nullopt;
+    return std::prev(past)->end;
+  }
   const std::string_view subject = std::string_view(text.str()).substr(0, text.byte_at(end));
   std::optional<std::size_t> last;
   std::size_t at = text.byte_at(start);
@@ -206,14 +231,19 @@ std::string MemoryHost::rewrite(const Text& text, const Moves& moves) {
   std::string out;
   out.reserve(text.str().size() + 64);
   std::size_t copied = 0;
-  find_citations(text, 0, text.length(), [&](const Found& found) {
-    const LineRange* range = moves.find(found.key);
+  const auto each = [&](const CitationKey& key, std::size_t begin, std::size_t end) {
+    const LineRange* range = moves.find(key);
     if (range == nullptr) return;
-    const std::size_t begin = text.byte_at(found.start);
     out.append(text.str(), copied, begin - copied);
-    out += cite(found.key.path, range->first, range->last);
-    copied = text.byte_at(found.end);
-  });
+    out += cite(key.path, range->first, range->last);
+    copied = end;
+  };
+  if (const auto* found = scanned(text)) {
+    for (const Scanned& s : *found) each(s.key, s.byte_begin, s.byte_end);
+  } else {
+    find_citations(text, 0, text.length(),
+                   [&](const Found& found) { each(found.key, found.byte_start, found.byte_end); });
+  }
   out.append(text.str(), copied);
   return out;
 }

@@ -96,6 +96,20 @@ class MemoryHost : public CitationSyntax,
   std::optional<LineRange> fit_range(Line first, Line last, Line line_count) override;
   // WriteLocks
   std::unique_ptr<WriteLock> open(const fs::path& wiki_dir) override;
+
+ private:
+  // One citation that find() found: its key, and its span in code points and in bytes.
+  struct Scanned {
+    CitationKey key;
+    std::size_t begin = 0, end = 0;
+    std::size_t byte_begin = 0, byte_end = 0;
+  };
+  // The citations of the text find() scanned last (by Text::id()): last_end() and rewrite() of
+  // that text read them instead of searching it again, as the refresh asks for both of the page
+  // it has just scanned.
+  const std::vector<Scanned>* scanned(const Text& text) const;
+  std::uint64_t scanned_id_ = 0;
+  std::vector<Scanned> scanned_;
 };
 
 // A Repository that keeps what it is given, as a page store does.
