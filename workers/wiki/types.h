@@ -51,7 +51,9 @@ struct CitationKeyHash {
 };
 
 // A map keyed by CitationKey that keeps the order in which keys were first inserted (results of
-// a page's refresh list their entries in text order, and hosts see them in that order).
+// a page's refresh list their entries in text order, and hosts see them in that order). Each key
+// is held once, beside its value; a flat table of hashes finds it (a refresh fills such maps for
+// every page, so they make no allocation per key).
 template <class V>
 class KeyedMap {
  public:
@@ -63,22 +65,24 @@ class KeyedMap {
   auto end() const { return items_.end(); }
 
   const V* find(const CitationKey& key) const {
-    auto it = index_.find(key);
-    return it == index_.end() ? nullptr : &items_[it->second].second;
+    const std::size_t at = position(key, CitationKeyHash()(key));
+    return at == kNone ? nullptr : &items_[at].second;
   }
   V* find(const CitationKey& key) {
-    auto it = index_.find(key);
-    return it == index_.end() ? nullptr : &items_[it->second].second;
+    const std::size_t at = position(key, CitationKeyHash()(key));
+    return at == kNone ? nullptr : &items_[at].second;
   }
-  bool contains(const CitationKey& key) const { return index_.count(key) != 0; }
+  bool contains(const CitationKey& key) const { return find(key) != nullptr; }
   // Sets the value under `key`; a new key goes last, an existing key keeps its place.
   void set(CitationKey key, V value) {
-    auto [it, added] = index_.try_emplace(key, items_.size());
-    if (added) {
-      items_.emplace_back(std::move(key), std::move(value));
-    } else {
-      items_[it->second].second = std::move(value);
+    const std::size_t hash = CitationKeyHash()(key);
+    if (const std::size_t at = position(key, hash); at != kNone) {
+      items_[at].second = std::move(value);
+      return;
     }
+    if (slots_.size() < 2 * (items_.size() + 1)) grow();
+    place(hash, items_.size());
+    items_.emplace_back(std::move(key), std::move(value));
   }
 
   friend bool operator==(const KeyedMap& a, const KeyedMap& b) {
@@ -91,8 +95,37 @@ class KeyedMap {
   }
 
  private:
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  struct Slot {
+    std::size_t hash = 0;
+    std::size_t item = kNone;  // index into items_; kNone: empty
+  };
+
+  std::size_t position(const CitationKey& key, std::size_t hash) const {
+    if (slots_.empty()) return kNone;
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+      const Slot& slot = slots_[at];
+      if (slot.item == kNone) return kNone;
+      if (slot.hash == hash && items_[slot.item].first == key) return slot.item;
+    }
+  }
+  void place(std::size_t hash, std::size_t item) {
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t at = hash & mask;
+    while (slots_[at].item != kNone) at = (at + 1) & mask;
+    slots_[at] = {hash, item};
+  }
+  void grow() {  // a power of two, at most half full
+    std::vector<Slot> old(slots_.empty() ? 16 : 2 * slots_.size());
+    old.swap(slots_);
+    for (const Slot& slot : old) {
+      if (slot.item != kNone) place(slot.hash, slot.item);
+    }
+  }
+
   std::vector<value_type> items_;
-  std::unordered_map<CitationKey, std::size_t, CitationKeyHash> index_;
+  std::vector<Slot> slots_;
 };
 
 // The new line range of each citation whose lines change, keyed by its CitationKey.
