@@ -3,6 +3,7 @@
 #include <unicode/ucasemap.h>
 
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <stdexcept>
 
@@ -84,35 +85,57 @@ bool may_be_wide_space(std::string_view s, std::size_t i) {
   }
 }
 
+// What last_sentence() stops at: ". ! ?" (a boundary may follow), a line feed (two make one),
+// and the first bytes of the non-ASCII white space (C2, E1, E2, E3). Everything else is passed
+// over without a look.
+enum : unsigned char { kPlain = 0, kStop = 1, kLineFeed = 2, kWideLead = 3 };
+constexpr auto kSentenceBytes = [] {
+  std::array<unsigned char, 256> table{};
+  table['.'] = table['!'] = table['?'] = kStop;
+  table['\n'] = kLineFeed;
+  table[0xC2] = table[0xE1] = table[0xE2] = table[0xE3] = kWideLead;
+  return table;
+}();
+
 // Where the last sentence of `chunk` begins: the end of the last sentence boundary, found left
 // to right as sentence_boundary() finds them. Scans by hand when the chunk's only white space is
 // ASCII (the common case), else with the pattern.
 std::size_t last_sentence(std::string_view chunk) {
+  const auto* p = reinterpret_cast<const unsigned char*>(chunk.data());
+  const std::size_t n = chunk.size();
   std::size_t sentence = 0;
   std::size_t i = 0;
-  while (i < chunk.size()) {
-    if (static_cast<unsigned char>(chunk[i]) >= 0x80 && may_be_wide_space(chunk, i)) {
-      sentence = 0;
-      while (auto m = sentence_boundary().search(chunk, sentence)) sentence = m->end;
-      return sentence;
-    }
-    // White space after . ! or ? up to a capital or a backtick.
-    if (i > 0 && ascii_space(chunk[i]) &&
-        (chunk[i - 1] == '.' || chunk[i - 1] == '!' || chunk[i - 1] == '?')) {
-      std::size_t end = i;
-      while (end < chunk.size() && ascii_space(chunk[end])) ++end;
-      if (end < chunk.size() && ((chunk[end] >= 'A' && chunk[end] <= 'Z') || chunk[end] == '`')) {
-        sentence = i = end;
-        continue;
+  for (;;) {
+    while (i < n && kSentenceBytes[p[i]] == kPlain) ++i;
+    if (i >= n) return sentence;
+    switch (kSentenceBytes[p[i]]) {
+      case kStop: {
+        // White space after the stop up to a capital or a backtick: a boundary, which the scan
+        // passes whole. Otherwise the white space is scanned as any other (two line feeds in it
+        // still make one).
+        std::size_t end = ++i;
+        while (end < n && ascii_space(chunk[end])) ++end;
+        if (end > i && end < n && ((chunk[end] >= 'A' && chunk[end] <= 'Z') || chunk[end] == '`')) {
+          sentence = i = end;
+        }
+        break;
       }
+      case kLineFeed:
+        if (i + 1 < n && chunk[i + 1] == '\n') {
+          sentence = i = i + 2;
+        } else {
+          ++i;
+        }
+        break;
+      default:
+        if (may_be_wide_space(chunk, i)) {
+          sentence = 0;
+          while (auto m = sentence_boundary().search(chunk, sentence)) sentence = m->end;
+          return sentence;
+        }
+        ++i;
     }
-    if (chunk[i] == '\n' && i + 1 < chunk.size() && chunk[i + 1] == '\n') {
-      sentence = i = i + 2;
-      continue;
-    }
-    ++i;
   }
-  return sentence;
 }
 
 // The next backticked span of 2 to 80 characters without a line feed at or after `at`, as
@@ -218,18 +241,33 @@ std::vector<std::string> claim_identifiers(const Host& host, const Text& text,
 namespace detail {
 
 std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<const Symbol> symbols,
-                                                  Line start, Line end,
+                                                  std::span<const SymbolKey> keys, Line start,
+                                                  Line end,
                                                   std::span<const std::string_view> names) {
-  // A name is preferred by its first mention: the later that is, the nearer the citation. Among
-  // the named declarations, the most preferred one that overlaps the citation wins, else the most
-  // preferred one; ties go to the index's order. Claims name a few identifiers: a linear search.
+  // Claims name a few identifiers: a linear search, by hash first where the keys are given.
+  constexpr std::size_t kHashed = 16;
+  std::array<std::size_t, kHashed> hashes{};
+  const bool hashed = !keys.empty() && names.size() <= kHashed;
+  if (hashed) {
+    for (std::size_t j = 0; j < names.size(); ++j) hashes[j] = name_hash(names[j]);
+  }
+  // Where a declaration's name is first mentioned: the later that is, the nearer the citation
+  // and the more the name is preferred. npos: not named.
+  const auto mention = [&](std::size_t i) {
+    for (std::size_t j = 0; j < names.size(); ++j) {
+      if ((!hashed || hashes[j] == keys[i].name) && symbols[i].name == names[j]) return j;
+    }
+    return std::string_view::npos;
+  };
+  // Among the named declarations, the most preferred one that overlaps the citation wins, else
+  // the most preferred one; ties go to the index's order.
   const Symbol* overlapping = nullptr;
   const Symbol* preferred = nullptr;
   std::size_t overlapping_rank = 0, preferred_rank = 0;
-  for (const Symbol& symbol : symbols) {
-    const auto mention = std::find(names.begin(), names.end(), symbol.name);
-    if (mention == names.end() || host.anchoring.unanchored_kind(symbol.kind)) continue;
-    const auto rank = static_cast<std::size_t>(mention - names.begin());
+  for (std::size_t i = 0; i < symbols.size(); ++i) {
+    const Symbol& symbol = symbols[i];
+    const std::size_t rank = mention(i);
+    if (rank == std::string_view::npos || host.anchoring.unanchored_kind(symbol.kind)) continue;
     if (preferred == nullptr || rank > preferred_rank) preferred = &symbol, preferred_rank = rank;
     if (symbol.start_line <= end && start <= symbol.end_line &&
         (overlapping == nullptr || rank > overlapping_rank)) {
@@ -243,6 +281,12 @@ std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<co
   const WideLine span = std::max<WideLine>(0, static_cast<WideLine>(end) - start);
   const WideLine last = std::min<WideLine>(preferred->end_line, preferred->start_line + span);
   return {preferred, {preferred->start_line, narrow(last)}};
+}
+
+std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<const Symbol> symbols,
+                                                  Line start, Line end,
+                                                  std::span<const std::string_view> names) {
+  return legacy_anchor(host, symbols, {}, start, end, names);
 }
 
 }  // namespace detail

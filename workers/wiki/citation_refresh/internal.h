@@ -32,6 +32,9 @@ const Regex& CLAIM_IDENT_RE();
 // Whether a record value is there: not null, and not an empty text, list or map. false and 0 are
 // there.
 bool present(const Record& value);
+inline const Record* if_present(const Record* value) {
+  return value != nullptr && present(*value) ? value : nullptr;
+}
 // The member `key` of a map when it is there (present()); else null.
 const Record* present_member(const Record& map, std::string_view key);
 
@@ -66,6 +69,23 @@ struct CitationKeyViewHash {
 CitationKeyView stored_key_view(const Record& record, std::string& storage);
 inline CitationKeyView key_view(const CitationKey& key) { return {key.path, key.start, key.end}; }
 
+// The members of a citation record that the refresh reads, found in one pass over the record:
+// each the first member of its name (as a lookup by name finds it), null where the record has
+// none or is no map.
+struct CitationMembers {
+  const Record* path = nullptr;
+  const Record* line_start = nullptr;
+  const Record* line_end = nullptr;
+  const Record* symbol = nullptr;
+  const Record* name = nullptr;
+  const Record* symbol_start = nullptr;
+  const Record* symbol_end = nullptr;
+};
+CitationMembers members_of(const Record& record);
+// The stored key of a record from its members; as stored_key_view, which throws RecordTypeError
+// for a record that is no map.
+CitationKeyView stored_key_view(const Record& record, const CitationMembers& members,
+                                std::string& storage);
 // Line arithmetic is done in 128 bits and brought back by narrow(), which throws
 // RecordValueError when the result is no 64-bit line.
 using WideLine = __int128;
@@ -96,8 +116,12 @@ struct PageRefresh {
 // each allocated on its own, cost a cache and TLB miss apiece).
 class PathNumbers {
  public:
-  // The number of `path`; a path not seen before takes the next one.
-  std::uint32_t number(std::string_view path);
+  // The number of `path`; a path not seen before takes the next one. `hash` is
+  // std::hash<std::string_view> of the path, which the caller may have at hand.
+  std::uint32_t number(std::string_view path, std::size_t hash);
+  std::uint32_t number(std::string_view path) {
+    return number(path, std::hash<std::string_view>()(path));
+  }
   // The text of the path numbered `n` (n < size()), valid until the next new path.
   std::string_view path(std::uint32_t n) const;
   std::size_t size() const { return spans_.size(); }
@@ -114,6 +138,14 @@ class PathNumbers {
   std::vector<std::pair<std::size_t, std::size_t>> spans_;  // where each path is in text_
 };
 
+// What the refresh compares of a declaration, hashed once when its file's symbols arrive: a
+// search for a name compares these first and the texts only where they agree.
+struct SymbolKey {
+  std::size_t fqn = 0;
+  std::size_t name = 0;
+};
+inline std::size_t name_hash(std::string_view name) { return std::hash<std::string_view>()(name); }
+
 // The per-refresh cache of cited files: each path's symbols are asked of the index once.
 class Files {
  public:
@@ -128,33 +160,53 @@ class Files {
   // and the same count afterwards.
   Line line_count(const std::string& path);
 
+  // What is known of one cited path.
+  struct File {
+    std::optional<std::vector<Symbol>> symbols;
+    std::vector<SymbolKey> keys;  // of `symbols`, in their order
+    std::optional<Line> line_count;
+  };
+  // The number of `path` (its hash as PathNumbers takes it), by which the two below find it
+  // without another lookup.
+  std::uint32_t number(const std::string& path, std::size_t hash) {
+    return numbers_.number(path, hash);
+  }
+  // The file numbered `n`, whose path is `path`, with its symbols asked of the index.
+  const File& cited(std::uint32_t n, const std::string& path);
+  Line line_count(std::uint32_t n, const std::string& path);
+
   Repository& repository() const { return repository_; }
   const std::filesystem::path& repo_root() const { return repo_root_; }
 
  private:
+  File& entry(std::uint32_t n);
+
   Repository& repository_;
   std::filesystem::path repo_root_;
-  struct File {
-    std::optional<std::vector<Symbol>> symbols;
-    std::optional<Line> line_count;
-  };
-  // What is known of each cited path: one lookup serves both of a citation's questions in turn.
-  File& file(const std::string& path);
-
   PathNumbers numbers_;
-  std::vector<File> files_;            // by path number
-  std::optional<std::uint32_t> last_;  // the number of the path looked up last
+  std::vector<File> files_;  // by path number
   std::unique_ptr<LineCounts> line_counts_;
 };
 
 // Finds the declaration that an anchored citation cites among the file's current `symbols`: by
 // fully qualified name, else by name, nearest the old start line; null when there is none.
 const Symbol* find_again(std::span<const Symbol> symbols, const Record& citation);
+// The same from the citation's members, comparing the symbols' `keys` first (empty: texts only).
+const Symbol* find_again(std::span<const Symbol> symbols, std::span<const SymbolKey> keys,
+                         const CitationMembers& citation);
+
+// relocated_range() from the citation's members.
+LineRange relocated_range(const CitationMembers& citation, const Symbol& symbol);
 
 // Chooses the declaration that a legacy citation of lines start..end is anchored to, and the
 // range it takes with it, from the identifiers `names` that its claim names (nearest last).
 std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<const Symbol> symbols,
                                                   Line start, Line end,
+                                                  std::span<const std::string_view> names);
+// The same, comparing the symbols' `keys` with the hashes of `names` first (empty: texts only).
+std::pair<const Symbol*, LineRange> legacy_anchor(const Host& host, std::span<const Symbol> symbols,
+                                                  std::span<const SymbolKey> keys, Line start,
+                                                  Line end,
                                                   std::span<const std::string_view> names);
 
 // claim_identifiers() into `out` (cleared first), as views of the text.

@@ -1,8 +1,7 @@
 // One page's refresh: the cited-file cache, working out each citation's move, anchor or loss, and
 // turning that into the page's new citation records.
 #include <algorithm>
-#include <deque>
-#include <unordered_set>
+#include <forward_list>
 
 #include "workers/wiki/citation_refresh/internal.h"
 
@@ -26,9 +25,8 @@ Files::Files(const Host& host, Repository& repository, std::filesystem::path rep
   if (!line_counts_) throw std::logic_error("CitationRanges::line_counts gave no LineCounts");
 }
 
-std::uint32_t PathNumbers::number(std::string_view path) {
+std::uint32_t PathNumbers::number(std::string_view path, std::size_t hash) {
   if (slots_.size() < 2 * (spans_.size() + 1)) grow();
-  const std::size_t hash = std::hash<std::string_view>()(path);
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
     Slot& slot = slots_[at];
@@ -59,88 +57,153 @@ void PathNumbers::grow() {
   }
 }
 
-Files::File& Files::file(const std::string& path) {
-  // A citation asks for its path's symbols and then its line count: the second finds it here.
-  if (last_ && numbers_.path(*last_) == path) return files_[*last_];
-  const std::uint32_t n = numbers_.number(path);
+Files::File& Files::entry(std::uint32_t n) {
   if (n == files_.size()) files_.emplace_back();
-  last_ = n;
   return files_[n];
 }
 
+const Files::File& Files::cited(std::uint32_t n, const std::string& path) {
+  File& file = entry(n);
+  if (!file.symbols) {
+    std::vector<Symbol> symbols = repository_.get_symbols_by_path(path);
+    file.keys.clear();
+    file.keys.reserve(symbols.size());
+    for (const Symbol& symbol : symbols)
+      file.keys.push_back({name_hash(symbol.fqn), name_hash(symbol.name)});
+    file.symbols = std::move(symbols);
+  }
+  return file;
+}
+
+Line Files::line_count(std::uint32_t n, const std::string& path) {
+  File& file = entry(n);
+  if (!file.line_count) file.line_count = line_counts_->count(path);
+  return *file.line_count;
+}
+
 std::span<const Symbol> Files::symbols(const std::string& path) {
-  File& entry = file(path);
-  if (!entry.symbols) entry.symbols = repository_.get_symbols_by_path(path);
-  return *entry.symbols;
+  return *cited(number(path, std::hash<std::string_view>()(path)), path).symbols;
 }
 
 Line Files::line_count(const std::string& path) {
-  File& entry = file(path);
-  if (!entry.line_count) entry.line_count = line_counts_->count(path);
-  return *entry.line_count;
+  return line_count(number(path, std::hash<std::string_view>()(path)), path);
 }
+
+namespace {
+
+// A page's stored records by stored key, and the keys of the citations refreshed on the page.
+// One flat table for both, made anew for each page: a page holds few citations.
+class PageCitations {
+ public:
+  struct Entry {
+    CitationKeyView key;
+    std::size_t hash = 0;
+    const Record* record = nullptr;  // null: a citation of the text with no stored record
+    CitationMembers members;         // of `record`
+    bool seen = false;               // a citation with this key was refreshed
+  };
+
+  explicit PageCitations(std::size_t records) {
+    entries_.reserve(records);
+    std::size_t slots = 16;
+    while (slots < 4 * records) slots *= 2;
+    slots_.assign(slots, 0);
+  }
+
+  Entry* find(const CitationKeyView& key, std::size_t hash) {
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+      const std::uint32_t slot = slots_[at];
+      if (slot == 0) return nullptr;
+      Entry& entry = entries_[slot - 1];
+      if (entry.hash == hash && entry.key == key) return &entry;
+    }
+  }
+  // Adds an entry for `key`, which find() does not know; its path must outlive the table.
+  Entry& add(const CitationKeyView& key, std::size_t hash) {
+    if (slots_.size() < 2 * (entries_.size() + 1)) grow();
+    entries_.push_back({key, hash});
+    place(hash, static_cast<std::uint32_t>(entries_.size()));
+    return entries_.back();
+  }
+
+ private:
+  void place(std::size_t hash, std::uint32_t slot) {
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t at = hash & mask;
+    while (slots_[at] != 0) at = (at + 1) & mask;
+    slots_[at] = slot;
+  }
+  void grow() {
+    slots_.assign(2 * slots_.size(), 0);
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+      place(entries_[i].hash, static_cast<std::uint32_t>(i + 1));
+  }
+
+  std::vector<Entry> entries_;        // add() may move them: callers hold none across it
+  std::vector<std::uint32_t> slots_;  // entry index + 1; 0: empty (a power of two, half full)
+};
+
+}  // namespace
 
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
                          Files& files, bool anchor) {
   // Stored records by stored key, the key's path a view of the record; a later record replaces
-  // an earlier one with the same key. `seen`: a citation with the key was refreshed.
-  struct Stored {
-    const Record* record;
-    bool seen;
-  };
-  std::unordered_map<CitationKeyView, Stored, CitationKeyViewHash> stored;
-  stored.reserve(citations.size());
-  std::deque<std::string> paths;  // paths that are not text, as their JSON text
+  // an earlier one with the same key.
+  PageCitations page(citations.size());
+  std::forward_list<std::string> paths;  // paths of keys that no record holds as text
   std::string path;
   for (const Record& record : citations) {
     path.clear();
-    CitationKeyView key = stored_key_view(record, path);
-    if (!path.empty()) key.path = paths.emplace_back(std::move(path));
-    stored.insert_or_assign(key, Stored{&record, false});
+    const CitationMembers members = members_of(record);
+    CitationKeyView key = stored_key_view(record, members, path);
+    if (!path.empty()) key.path = paths.emplace_front(std::move(path));
+    const std::size_t hash = CitationKeyViewHash()(key);
+    PageCitations::Entry* entry = page.find(key, hash);
+    if (entry == nullptr) entry = &page.add(key, hash);
+    entry->record = &record;
+    entry->members = members;
   }
 
   PageRefresh result({}, {}, {});
-  std::unordered_set<CitationKey, CitationKeyHash> seen;  // refreshed citations with no record
   std::vector<std::string_view> names;  // the claim of the current legacy citation
 
   host.syntax.find(text, [&](const Citation& citation) {
     const CitationKey& key = citation.key;
-    auto found_stored = stored.find(key_view(key));
-    Stored* entry = found_stored == stored.end() ? nullptr : &found_stored->second;
+    const std::size_t path_hash = std::hash<std::string_view>()(key.path);
+    const std::size_t hash = CitationKeyHash::combine(path_hash, key.start, key.end);
+    PageCitations::Entry* entry = page.find(key_view(key), hash);
     // Skipped citations are not marked seen: a repeat of one is tested again.
-    if ((entry != nullptr ? entry->seen : seen.count(key) != 0) || key.start < 1 ||
-        !files.indexed(key.path)) {
-      return;
+    if ((entry != nullptr && entry->seen) || key.start < 1 || !files.indexed(key.path)) return;
+    if (entry == nullptr) {
+      entry = &page.add({paths.emplace_front(key.path), key.start, key.end}, hash);
     }
-    if (entry != nullptr) {
-      entry->seen = true;
-    } else {
-      seen.insert(key);
-    }
-    const std::span<const Symbol> symbols = files.symbols(key.path);
+    entry->seen = true;
+    const std::uint32_t number = files.number(key.path, path_hash);
+    const Files::File& file = files.cited(number, key.path);
+    const std::span<const Symbol> symbols = *file.symbols;
 
     // A citation without a stored record is placed as a legacy one; it has no record to anchor.
-    const Record* stored_record = entry != nullptr ? entry->record : nullptr;
+    const Record* stored_record = entry->record;
     const Symbol* found = nullptr;
     LineRange proposed;
-    const Record* symbol =
-        stored_record != nullptr ? present_member(*stored_record, "symbol") : nullptr;
+    const Record* symbol = stored_record != nullptr ? if_present(entry->members.symbol) : nullptr;
     if (symbol != nullptr) {
       // An anchored citation follows its declaration, or is lost with it.
-      found = find_again(symbols, *stored_record);
+      found = find_again(symbols, file.keys, entry->members);
       if (found == nullptr) {
-        const Record* name = present_member(*stored_record, "name");
+        const Record* name = if_present(entry->members.name);
         result.lost.emplace_back(key, to_path(name != nullptr ? *name : *symbol));
         return;
       }
-      proposed = relocated_range(*stored_record, *found);
+      proposed = relocated_range(entry->members, *found);
     } else {
       claim_names(host, text, citation.start, names);
-      std::tie(found, proposed) = legacy_anchor(host, symbols, key.start, key.end,
+      std::tie(found, proposed) = legacy_anchor(host, symbols, file.keys, key.start, key.end,
                                                 std::span<const std::string_view>(names));
     }
 
-    const Line line_count = files.line_count(key.path);
+    const Line line_count = files.line_count(number, key.path);
     const auto fitted = host.ranges.fit_range(proposed.first, proposed.last, line_count);
     if (!fitted) {
       result.lost.emplace_back(key, found != nullptr ? found->name : std::string());

@@ -195,23 +195,59 @@ std::string to_path(const Record& value) {
   return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-CitationKeyView stored_key_view(const Record& record, std::string& storage) {
+CitationMembers members_of(const Record& record) {
+  CitationMembers m;
+  if (!record.is_object()) return m;
+  const auto take = [](const Record*& slot, const Record& value) {
+    if (slot == nullptr) slot = &value;
+  };
+  for (const auto& [key, value] : record.get_ref<const Record::object_t&>()) {
+    switch (key.size()) {
+      case 4:
+        if (key == "path") take(m.path, value);
+        if (key == "name") take(m.name, value);
+        break;
+      case 6:
+        if (key == "symbol") take(m.symbol, value);
+        break;
+      case 8:
+        if (key == "line_end") take(m.line_end, value);
+        break;
+      case 10:
+        if (key == "line_start") take(m.line_start, value);
+        if (key == "symbol_end") take(m.symbol_end, value);
+        break;
+      case 12:
+        if (key == "symbol_start") take(m.symbol_start, value);
+        break;
+      default:
+        break;
+    }
+  }
+  return m;
+}
+
+CitationKeyView stored_key_view(const Record& record, const CitationMembers& members,
+                                std::string& storage) {
   if (!record.is_object()) {
     throw RecordTypeError("citation record: expected a map, got " + record.dump());
   }
   CitationKeyView key;
-  if (auto it = record.find("path"); it != record.end()) {
-    if (it->is_string()) {
-      key.path = it->get_ref<const std::string&>();
+  if (const Record* path = members.path) {
+    if (path->is_string()) {
+      key.path = path->get_ref<const std::string&>();
     } else {
-      storage = to_path(*it);
+      storage = to_path(*path);
       key.path = storage;
     }
   }
-  if (auto it = record.find("line_start"); it != record.end())
-    key.start = to_line(*it, "line_start");
-  if (auto it = record.find("line_end"); it != record.end()) key.end = to_line(*it, "line_end");
+  if (members.line_start) key.start = to_line(*members.line_start, "line_start");
+  if (members.line_end) key.end = to_line(*members.line_end, "line_end");
   return key;
+}
+
+CitationKeyView stored_key_view(const Record& record, std::string& storage) {
+  return stored_key_view(record, members_of(record), storage);
 }
 
 CitationKey stored_key(const Record& record) {
