@@ -64,11 +64,12 @@ class BorrowedPageRow : public PageRow {
 };
 
 // The memory host's repository with its pages found by id in constant time (MemoryRepository
-// looks through every page for each update, which makes a writing refresh quadratic in pages).
+// looks through every page for each update, which makes a writing refresh quadratic in pages),
+// and its indexed paths in a flat table, as a store that keeps its index in memory would.
 class IndexedRepository : public Repository {
  public:
   std::unordered_map<std::string, std::vector<Symbol>> symbols;
-  std::unordered_map<std::string, bool> files;
+  cr::detail::PathNumbers files;  // the indexed paths, in one flat table
   std::vector<Record> pages;
   std::unordered_map<std::string, std::size_t> page_index;
   std::int64_t updates = 0;
@@ -77,7 +78,9 @@ class IndexedRepository : public Repository {
     auto it = symbols.find(path);
     return it == symbols.end() ? std::vector<Symbol>{} : it->second;
   }
-  bool is_indexed(const std::string& path) override { return files.count(path) != 0; }
+  bool is_indexed(const std::string& path) override {
+    return files.find(path, std::hash<std::string_view>()(path)).has_value();
+  }
   std::vector<std::unique_ptr<const PageRow>> get_wiki_pages(const std::string&) override {
     std::vector<std::unique_ptr<const PageRow>> rows;
     rows.reserve(pages.size());
@@ -111,7 +114,7 @@ Data load(const fs::path& data_path, MemoryHost& host, IndexedRepository& repo) 
   out.wiki_dir = data.at("wiki_dir").get<std::string>();
   out.repo_root = data.at("repo_root").get<std::string>();
   for (const auto& [path, lines] : data.at("files").items()) {
-    repo.files[path] = true;
+    repo.files.number(path);
     host.line_counts_by_path[path] = lines.get<Line>();
   }
   for (const auto& [path, symbols] : data.at("symbols").items()) {

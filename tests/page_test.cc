@@ -139,6 +139,15 @@ TEST(PathNumbers, NumbersEachTextOnceInOrderOfFirstSight) {
       {"", 0}, {"a", 1}, {"ab", 2}, {"a", 1}, {"b", 3}, {"", 0}, {"src/x.py", 4}, {"ab", 2},
   };
   for (const auto& [path, number] : seen) EXPECT_EQ(numbers.number(path), number) << path;
+  // Paths whose hashes agree are told apart by their texts, past the bytes a slot holds too.
+  const std::string long_a(60, 'a'), long_b = std::string(59, 'a') + "b";
+  EXPECT_EQ(numbers.number(long_a, 7), 5u);
+  EXPECT_EQ(numbers.number(long_b, 7), 6u);
+  EXPECT_EQ(numbers.number("c", 7), 7u);
+  EXPECT_EQ(numbers.find(long_b, 7), 6u);
+  EXPECT_EQ(numbers.find(long_a.substr(1), 7), std::nullopt);
+  numbers = {};
+  for (const auto& [path, number] : seen) EXPECT_EQ(numbers.number(path), number) << path;
   // Enough paths to grow the table many times over; the first ones keep their numbers.
   std::vector<std::string> many;
   for (int i = 0; i < 5000; ++i)

@@ -198,10 +198,10 @@ void MemoryHost::find(const Text& text, const std::function<void(const Citation&
   scanned_.clear();
   find_citations(text, 0, text.length(), [&](Found&& found) {
     scanned_.push_back(
-        {std::move(found.key), found.start, found.end, found.byte_start, found.byte_end});
+        {{std::move(found.key), found.start}, found.end, found.byte_start, found.byte_end});
   });
   scanned_id_ = text.id();
-  for (const Scanned& s : scanned_) each({s.key, s.begin});
+  for (const Scanned& s : scanned_) each(s.citation);
 }
 
 std::optional<std::size_t> MemoryHost::last_end(const Text& text, std::size_t start,
@@ -213,7 +213,7 @@ std::optional<std::size_t> MemoryHost::last_end(const Text& text, std::size_t st
     // [start, end) finds are the scanned ones that lie inside the bounds.
     const auto first =
         std::lower_bound(found->begin(), found->end(), start,
-                         [](const Scanned& s, std::size_t at) { return s.begin < at; });
+                         [](const Scanned& s, std::size_t at) { return s.citation.start < at; });
     const auto past = std::upper_bound(first, found->end(), end,
                                        [](std::size_t at, const Scanned& s) { return at < s.end; });
     if (past == first) return std::nullopt;
@@ -239,7 +239,7 @@ std::string MemoryHost::rewrite(const Text& text, const Moves& moves) {
     copied = end;
   };
   if (const auto* found = scanned(text)) {
-    for (const Scanned& s : *found) each(s.key, s.byte_begin, s.byte_end);
+    for (const Scanned& s : *found) each(s.citation.key, s.byte_begin, s.byte_end);
   } else {
     find_citations(text, 0, text.length(),
                    [&](const Found& found) { each(found.key, found.byte_start, found.byte_end); });

@@ -110,10 +110,11 @@ struct PageRefresh {
   friend bool operator==(const PageRefresh&, const PageRefresh&);
 };
 
-// Paths numbered 0, 1, 2... in the order they are first seen, for one refresh. One flat table of
-// hashes and one block holding every path's text: finding a path reads a few cache lines however
-// many paths there are and wherever the rest of the refresh put its memory (a hash map's nodes,
-// each allocated on its own, cost a cache and TLB miss apiece).
+// Paths numbered 0, 1, 2... in the order they are first seen, for one refresh. One flat table
+// whose slot is one cache line holding the path's hash, number and text (its first bytes when it
+// is long): finding a path reads one line however many paths there are and wherever the rest of
+// the refresh put its memory (a hash map's nodes, each allocated on its own, and a text kept
+// apart from its hash, cost a cache miss apiece).
 class PathNumbers {
  public:
   // The number of `path`; a path not seen before takes the next one. `hash` is
@@ -122,18 +123,25 @@ class PathNumbers {
   std::uint32_t number(std::string_view path) {
     return number(path, std::hash<std::string_view>()(path));
   }
+  // The number of `path` when it has one.
+  std::optional<std::uint32_t> find(std::string_view path, std::size_t hash) const;
   // The text of the path numbered `n` (n < size()), valid until the next new path.
   std::string_view path(std::uint32_t n) const;
   std::size_t size() const { return spans_.size(); }
 
  private:
-  struct Slot {
+  static constexpr std::size_t kInline = 48;  // bytes of a path held in its slot
+  struct alignas(64) Slot {
     std::size_t hash = 0;
     std::uint32_t number = 0;  // the path's number + 1; 0: an empty slot
+    std::uint32_t size = 0;    // the path's length in bytes
+    char text[kInline];        // the path, or its first kInline bytes
   };
+  // The slot of `path`, or the empty slot where it would go.
+  const Slot& slot(std::string_view path, std::size_t hash) const;
   void grow();
 
-  std::vector<Slot> slots_;  // open addressing: a power of two, at most half full
+  std::vector<Slot> slots_;  // open addressing: a power of two, at most three quarters full
   std::string text_;         // every path's text, one after another
   std::vector<std::pair<std::size_t, std::size_t>> spans_;  // where each path is in text_
 };
@@ -171,6 +179,11 @@ class Files {
   std::uint32_t number(const std::string& path, std::size_t hash) {
     return numbers_.number(path, hash);
   }
+  // The number of `path` when it has one, having started to bring what a citation of it reads
+  // (its declarations' keys and the declarations) into the processor's cache: a page readies
+  // the files its stored records cite before it refreshes them, so that the loads of several
+  // files overlap instead of each waiting on the last.
+  std::optional<std::uint32_t> ready(std::string_view path, std::size_t hash);
   // The file numbered `n`, whose path is `path`, with its symbols asked of the index.
   const File& cited(std::uint32_t n, const std::string& path);
   Line line_count(std::uint32_t n, const std::string& path);

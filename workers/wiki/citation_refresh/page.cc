@@ -1,6 +1,7 @@
 // One page's refresh: the cited-file cache, working out each citation's move, anchor or loss, and
 // turning that into the page's new citation records.
 #include <algorithm>
+#include <cstring>
 #include <forward_list>
 
 #include "workers/wiki/citation_refresh/internal.h"
@@ -25,19 +26,38 @@ Files::Files(const Host& host, Repository& repository, std::filesystem::path rep
   if (!line_counts_) throw std::logic_error("CitationRanges::line_counts gave no LineCounts");
 }
 
-std::uint32_t PathNumbers::number(std::string_view path, std::size_t hash) {
-  if (slots_.size() < 2 * (spans_.size() + 1)) grow();
+const PathNumbers::Slot& PathNumbers::slot(std::string_view path, std::size_t hash) const {
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
-    Slot& slot = slots_[at];
-    if (slot.number == 0) {
-      slot = {hash, static_cast<std::uint32_t>(spans_.size() + 1)};
-      spans_.emplace_back(text_.size(), path.size());
-      text_.append(path);
-      return slot.number - 1;
+    const Slot& slot = slots_[at];
+    if (slot.number == 0) return slot;
+    if (slot.hash == hash && slot.size == path.size() &&
+        std::memcmp(slot.text, path.data(), std::min(path.size(), kInline)) == 0 &&
+        (path.size() <= kInline || this->path(slot.number - 1) == path)) {
+      return slot;
     }
-    if (slot.hash == hash && this->path(slot.number - 1) == path) return slot.number - 1;
   }
+}
+
+std::uint32_t PathNumbers::number(std::string_view path, std::size_t hash) {
+  if (4 * (spans_.size() + 1) > 3 * slots_.size()) grow();
+  Slot& found = const_cast<Slot&>(slot(path, hash));
+  if (found.number == 0) {
+    found.hash = hash;
+    found.number = static_cast<std::uint32_t>(spans_.size() + 1);
+    found.size = static_cast<std::uint32_t>(path.size());
+    std::memcpy(found.text, path.data(), std::min(path.size(), kInline));
+    spans_.emplace_back(text_.size(), path.size());
+    text_.append(path);
+  }
+  return found.number - 1;
+}
+
+std::optional<std::uint32_t> PathNumbers::find(std::string_view path, std::size_t hash) const {
+  if (slots_.empty()) return std::nullopt;
+  const Slot& found = slot(path, hash);
+  if (found.number == 0) return std::nullopt;
+  return found.number - 1;
 }
 
 std::string_view PathNumbers::path(std::uint32_t n) const {
@@ -60,6 +80,17 @@ void PathNumbers::grow() {
 Files::File& Files::entry(std::uint32_t n) {
   if (n == files_.size()) files_.emplace_back();
   return files_[n];
+}
+
+std::optional<std::uint32_t> Files::ready(std::string_view path, std::size_t hash) {
+  const std::optional<std::uint32_t> n = numbers_.find(path, hash);
+  if (n && *n < files_.size() && files_[*n].symbols) {
+    const File& file = files_[*n];
+    __builtin_prefetch(file.keys.data());
+    __builtin_prefetch(file.keys.data() + 4);
+    __builtin_prefetch(file.symbols->data());
+  }
+  return n;
 }
 
 const Files::File& Files::cited(std::uint32_t n, const std::string& path) {
@@ -95,12 +126,14 @@ namespace {
 // One flat table for both, made anew for each page: a page holds few citations.
 class PageCitations {
  public:
+  static constexpr std::uint32_t kNoNumber = static_cast<std::uint32_t>(-1);
   struct Entry {
     CitationKeyView key;
     std::size_t hash = 0;
-    const Record* record = nullptr;  // null: a citation of the text with no stored record
-    CitationMembers members;         // of `record`
-    bool seen = false;               // a citation with this key was refreshed
+    const Record* record = nullptr;    // null: a citation of the text with no stored record
+    CitationMembers members;           // of `record`
+    std::uint32_t number = kNoNumber;  // the number of the key's path in the refresh's Files
+    bool seen = false;                 // a citation with this key was refreshed
   };
 
   explicit PageCitations(std::size_t records) {
@@ -158,11 +191,16 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
     const CitationMembers members = members_of(record);
     CitationKeyView key = stored_key_view(record, members, path);
     if (!path.empty()) key.path = paths.emplace_front(std::move(path));
-    const std::size_t hash = CitationKeyViewHash()(key);
+    const std::size_t path_hash = std::hash<std::string_view>()(key.path);
+    const std::size_t hash = CitationKeyHash::combine(path_hash, key.start, key.end);
     PageCitations::Entry* entry = page.find(key, hash);
     if (entry == nullptr) entry = &page.add(key, hash);
     entry->record = &record;
     entry->members = members;
+    if (const auto number = files.ready(key.path, path_hash)) entry->number = *number;
+    if (const Record* symbol = members.symbol; symbol != nullptr && symbol->is_string()) {
+      __builtin_prefetch(symbol->get_ref<const std::string&>().data());
+    }
   }
 
   PageRefresh result({}, {}, {});
@@ -179,7 +217,9 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
       entry = &page.add({paths.emplace_front(key.path), key.start, key.end}, hash);
     }
     entry->seen = true;
-    const std::uint32_t number = files.number(key.path, path_hash);
+    if (entry->number == PageCitations::kNoNumber)
+      entry->number = files.number(key.path, path_hash);
+    const std::uint32_t number = entry->number;
     const Files::File& file = files.cited(number, key.path);
     const std::span<const Symbol> symbols = *file.symbols;
 
