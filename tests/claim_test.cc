@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
+
 #include "hosts/memory/memory_host.h"
 #include "workers/wiki/citation_refresh/internal.h"
 
@@ -83,6 +85,106 @@ TEST_F(ClaimIdentifiers, WindowCountsCodePoints) {
   EXPECT_EQ(claim("`ab`" + filler), Names{"ab"});
   EXPECT_EQ(claim("`ab`" + filler + "\xC3\xA9"), Names{});
   EXPECT_THROW(cr::claim_identifiers(services, Text("ab"), 3), std::out_of_range);
+}
+
+// claim_identifiers as the patterns themselves read a claim, for comparison: the host's search
+// for the last earlier citation, the sentence split, the span pattern, and the cut pattern.
+Names claim_by_patterns(const cr::Host& host, const Text& text, std::size_t position) {
+  static const Regex boundary("(?<=[.!?])\\s+(?=[A-Z`])|\\n\\n"), cut("[(\\s=:]");
+  const std::size_t start =
+      position > cr::detail::CLAIM_WINDOW ? position - cr::detail::CLAIM_WINDOW : 0;
+  const std::size_t claim_start = host.syntax.last_end(text, start, position).value_or(start);
+  std::string_view chunk = text.slice(claim_start, position);
+  std::size_t sentence = 0;
+  while (auto m = boundary.search(chunk, sentence)) sentence = m->end;
+  chunk = chunk.substr(sentence);
+  Names out;
+  std::size_t at = 0;
+  while (auto m = cr::detail::CLAIM_IDENT_RE().search(chunk, at)) {
+    at = m->end;
+    std::string token(chunk.substr(m->group_begin, m->group_end - m->group_begin));
+    if (token.find('/') != std::string::npos) continue;
+    std::string lowered = token;  // the generated spans are ASCII, but for É
+    for (char& c : lowered) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    bool file = false;
+    for (const std::string& ext : host.anchoring.file_name_endings()) {
+      file = file || (lowered.size() >= ext.size() &&
+                      lowered.compare(lowered.size() - ext.size(), ext.size(), ext) == 0);
+    }
+    if (file) continue;
+    if (auto c = cut.search(token)) token.resize(c->begin);
+    if (auto dot = token.rfind('.'); dot != std::string::npos) token.erase(0, dot + 1);
+    if (count_points(token) >= 2) out.push_back(token);
+  }
+  return out;
+}
+
+// Generated prose, read both ways at every citation and at other places: sentence ends of every
+// kind, blank lines, white space outside ASCII, spans with paths, calls, file names, line feeds
+// and too few or too many characters, citations inside the window and cut by it.
+TEST_F(ClaimIdentifiers, ReadsClaimsAsThePatternsDo) {
+  const std::vector<std::string> pieces = {"`",
+                                           "``",
+                                           "`load`",
+                                           "`a`",
+                                           "`Config.load(x)`",
+                                           "`key=v`",
+                                           "`x.py`",
+                                           "`M.PY`",
+                                           "`a/b`",
+                                           "`" + std::string(79, 'q') + "`",
+                                           "`" + std::string(81, 'q') + "`",
+                                           "`lo\nad`",
+                                           ".",
+                                           "!",
+                                           "?",
+                                           " ",
+                                           "  ",
+                                           "\n",
+                                           "\n\n",
+                                           "\t",
+                                           "\r\n",
+                                           "Then",
+                                           "then",
+                                           "A",
+                                           "word",
+                                           "caf\xC3\xA9",
+                                           "\xC2\xA0",
+                                           "\xE2\x80\x83",
+                                           "\xE2\x80\x94",
+                                           "\xE3\x80\x80",
+                                           "\xE3\x81\x82",
+                                           "\xF0\x9D\x84\x9E",
+                                           "(",
+                                           ")",
+                                           ":",
+                                           "=",
+                                           cite("b.py", 3, 4),
+                                           cite("a.py", 1, 2)};
+  std::uint64_t seed = 12345;
+  const auto next = [&] {
+    seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
+    return static_cast<std::size_t>(seed >> 33);
+  };
+  int compared = 0;
+  for (int round = 0; round < 400; ++round) {
+    std::string prose;
+    const std::size_t length = 1 + next() % 120;
+    for (std::size_t i = 0; i < length; ++i) prose += pieces[next() % pieces.size()];
+    const Text text(prose);
+    std::vector<std::size_t> positions;
+    host.find(text, [&](const Citation& c) { positions.push_back(c.start); });
+    for (int i = 0; i < 8; ++i) positions.push_back(next() % (text.length() + 1));
+    // Half the rounds read the text the host has just scanned, half one it has not.
+    if (round % 2 == 1) host.find(Text("other"), [](const Citation&) {});
+    for (const std::size_t position : positions) {
+      ASSERT_EQ(cr::claim_identifiers(services, text, position),
+                claim_by_patterns(services, text, position))
+          << "position " << position << " of: " << prose;
+      ++compared;
+    }
+  }
+  EXPECT_GT(compared, 3200);
 }
 
 TEST(LegacyAnchor, ChoosesTheNamedDeclaration) {

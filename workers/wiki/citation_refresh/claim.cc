@@ -53,11 +53,6 @@ bool ends_with(std::string_view s, std::string_view suffix) {
   return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
 }
 
-bool is_ascii(std::string_view s) {
-  return std::all_of(s.begin(), s.end(),
-                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
 bool ascii_space(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
@@ -85,99 +80,135 @@ bool may_be_wide_space(std::string_view s, std::size_t i) {
   }
 }
 
-// What last_sentence() stops at: ". ! ?" (a boundary may follow), a line feed (two make one),
-// and the first bytes of the non-ASCII white space (C2, E1, E2, E3). Everything else is passed
-// over without a look.
-enum : unsigned char { kPlain = 0, kStop = 1, kLineFeed = 2, kWideLead = 3 };
-constexpr auto kSentenceBytes = [] {
+// What a claim's scan stops at: ". ! ?" (a sentence boundary may follow), a line feed (two make a
+// boundary; none may stand inside a span), a backtick (spans), and the first bytes of the
+// non-ASCII white space (C2, E1, E2, E3). Everything else is passed over without a look.
+enum : unsigned char { kPlain = 0, kStop, kLineFeed, kTick, kWideLead };
+constexpr auto kClaimBytes = [] {
   std::array<unsigned char, 256> table{};
   table['.'] = table['!'] = table['?'] = kStop;
   table['\n'] = kLineFeed;
+  table['`'] = kTick;
   table[0xC2] = table[0xE1] = table[0xE2] = table[0xE3] = kWideLead;
   return table;
 }();
 
-// Where the last sentence of `chunk` begins: the end of the last sentence boundary, found left
-// to right as sentence_boundary() finds them. Scans by hand when the chunk's only white space is
-// ASCII (the common case), else with the pattern.
-std::size_t last_sentence(std::string_view chunk) {
+// Where the scan below stops: a span's inside ends at the first of them.
+constexpr auto kCutBytes = [] {
+  std::array<bool, 256> table{};
+  for (const unsigned char c : std::string_view("( \t\n\v\f\r=:")) table[c] = true;
+  return table;
+}();
+
+// What one pass over a claim finds: where its last sentence begins, and its backticks and line
+// feeds (byte offsets in the claim). A claim holds at most CLAIM_WINDOW characters, so at most
+// that many of either.
+struct ClaimScan {
+  std::size_t sentence = 0;
+  std::array<std::uint16_t, detail::CLAIM_WINDOW> ticks, line_feeds;
+  std::size_t tick_count = 0, line_feed_count = 0;
+};
+
+// Scans `chunk` (at most CLAIM_WINDOW characters) once. The last sentence begins at the end of
+// the last sentence boundary, found left to right as sentence_boundary() finds them: by hand while
+// the chunk's white space is ASCII (the common case), else with the pattern.
+void scan_claim(std::string_view chunk, ClaimScan& scan) {
   const auto* p = reinterpret_cast<const unsigned char*>(chunk.data());
   const std::size_t n = chunk.size();
-  std::size_t sentence = 0;
+  const auto line_feed = [&](std::size_t at) {
+    scan.line_feeds[scan.line_feed_count++] = static_cast<std::uint16_t>(at);
+  };
+  bool wide = false;  // white space outside ASCII: the pattern finds the sentence
   std::size_t i = 0;
   for (;;) {
-    while (i < n && kSentenceBytes[p[i]] == kPlain) ++i;
-    if (i >= n) return sentence;
-    switch (kSentenceBytes[p[i]]) {
+    while (i < n && kClaimBytes[p[i]] == kPlain) ++i;
+    if (i >= n) break;
+    switch (kClaimBytes[p[i]]) {
       case kStop: {
         // White space after the stop up to a capital or a backtick: a boundary, which the scan
-        // passes whole. Otherwise the white space is scanned as any other (two line feeds in it
-        // still make one).
+        // passes whole (two line feeds in it make no boundary of their own). Its line feeds stand
+        // before the last sentence, where no span is read, whoever finds the sentence: the
+        // pattern finds this boundary too.
         std::size_t end = ++i;
         while (end < n && ascii_space(chunk[end])) ++end;
-        if (end > i && end < n && ((chunk[end] >= 'A' && chunk[end] <= 'Z') || chunk[end] == '`')) {
-          sentence = i = end;
+        if (!wide && end > i && end < n &&
+            ((chunk[end] >= 'A' && chunk[end] <= 'Z') || chunk[end] == '`')) {
+          scan.sentence = i = end;
         }
         break;
       }
       case kLineFeed:
-        if (i + 1 < n && chunk[i + 1] == '\n') {
-          sentence = i = i + 2;
+        // Two line feeds: a boundary, before the last sentence like the stop's.
+        if (!wide && i + 1 < n && chunk[i + 1] == '\n') {
+          scan.sentence = i += 2;
         } else {
-          ++i;
+          line_feed(i++);
         }
         break;
+      case kTick:
+        scan.ticks[scan.tick_count++] = static_cast<std::uint16_t>(i++);
+        break;
       default:
-        if (may_be_wide_space(chunk, i)) {
-          sentence = 0;
-          while (auto m = sentence_boundary().search(chunk, sentence)) sentence = m->end;
-          return sentence;
-        }
+        wide = wide || may_be_wide_space(chunk, i);
         ++i;
     }
   }
-}
-
-// The next backticked span of 2 to 80 characters without a line feed at or after `at`, as
-// CLAIM_IDENT_RE finds it: its inside, and where the search goes on (npos: no more).
-std::optional<std::pair<std::string_view, std::size_t>> next_span(std::string_view chunk,
-                                                                  std::size_t at) {
-  for (std::size_t open = chunk.find('`', at); open != std::string_view::npos;) {
-    const std::size_t close = chunk.find('`', open + 1);
-    if (close == std::string_view::npos) return std::nullopt;
-    const std::string_view inside = chunk.substr(open + 1, close - open - 1);
-    if (inside.find('\n') == std::string_view::npos) {
-      const std::size_t points = count_points(inside);
-      if (points >= 2 && points <= 80) return std::pair{inside, close + 1};
-    }
-    open = close;  // the closing backtick may open the next span
+  if (wide) {
+    scan.sentence = 0;
+    while (auto m = sentence_boundary().search(chunk, scan.sentence)) scan.sentence = m->end;
   }
-  return std::nullopt;
 }
 
-// Whether `token` ends with one of the file-name endings `skip`, compared in lower case.
-bool file_name(std::string_view token, const std::vector<std::string>& skip) {
-  if (is_ascii(token)) {
-    char buffer[80];  // a span holds at most 80 characters, here bytes
-    const std::size_t n = std::min(token.size(), sizeof buffer);
-    for (std::size_t i = 0; i < n; ++i) {
-      const char c = token[i];
-      buffer[i] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    }
-    const std::string_view lowered(buffer, n);
-    return std::any_of(skip.begin(), skip.end(),
-                       [&](const std::string& ext) { return ends_with(lowered, ext); });
+// Whether `bytes` (valid UTF-8) holds 2 to 80 characters; counted only where the length in bytes
+// does not tell (a character takes 1 to 4 bytes).
+bool span_length(std::string_view bytes) {
+  if (bytes.size() < 2 || bytes.size() > 4 * 80) return false;
+  if (bytes.size() >= 5 && bytes.size() <= 80) return true;
+  const std::size_t points = count_points(bytes);
+  return points >= 2 && points <= 80;
+}
+
+// Whether an ASCII `token` ends with `ending`, compared in lower case.
+bool ends_with_lowered(std::string_view token, std::string_view ending) {
+  if (token.size() < ending.size()) return false;
+  const std::string_view tail = token.substr(token.size() - ending.size());
+  for (std::size_t i = 0; i < tail.size(); ++i) {
+    const char c = tail[i];
+    if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != ending[i]) return false;
   }
-  const std::string lowered = lower(token);
-  return std::any_of(skip.begin(), skip.end(),
-                     [&](const std::string& ext) { return ends_with(lowered, ext); });
+  return true;
 }
 
-// Where a span stops being a name (cut_point()), or npos.
-std::size_t cut_at(std::string_view token) {
-  if (is_ascii(token)) return token.find_first_of("( \t\n\v\f\r=:");
-  const auto cut = cut_point().search(token);
-  return cut ? cut->begin : std::string_view::npos;
+// The name a backticked span names, or nothing: a path or a file name names none; a call or
+// assignment names what comes before it, a dotted name its last name.
+std::optional<std::string_view> span_name(std::string_view token,
+                                          const std::vector<std::string>& skip) {
+  bool ascii = true, path = false;
+  std::size_t cut = std::string_view::npos;
+  for (std::size_t i = 0; i < token.size(); ++i) {
+    const auto c = static_cast<unsigned char>(token[i]);
+    ascii = ascii && c < 0x80;
+    path = path || c == '/';
+    if (cut == std::string_view::npos && kCutBytes[c]) cut = i;
+  }
+  if (path) return std::nullopt;
+  if (ascii) {
+    for (const std::string& ending : skip) {
+      if (ends_with_lowered(token, ending)) return std::nullopt;
+    }
+  } else {
+    const std::string lowered = lower(token);
+    for (const std::string& ending : skip) {
+      if (ends_with(lowered, ending)) return std::nullopt;
+    }
+    // Unicode white space cuts too.
+    const auto wide_cut = cut_point().search(token);
+    cut = wide_cut ? wide_cut->begin : std::string_view::npos;
+  }
+  if (cut != std::string_view::npos) token = token.substr(0, cut);
+  if (auto dot = token.rfind('.'); dot != std::string_view::npos) token = token.substr(dot + 1);
+  if (token.size() < 2 || (!ascii && count_points(token) < 2)) return std::nullopt;
+  return token;
 }
 
 }  // namespace
@@ -211,21 +242,26 @@ void claim_names(const Host& host, const Text& text, std::size_t position,
 
   // Only the last sentence of the claim counts. The chunk is searched as a string of its own.
   const std::size_t chunk_begin = text.byte_at(claim_start);
-  std::string_view chunk =
+  const std::string_view chunk =
       std::string_view(text.str()).substr(chunk_begin, text.byte_at(position) - chunk_begin);
-  chunk = chunk.substr(last_sentence(chunk));
+  ClaimScan scan;
+  scan_claim(chunk, scan);
 
+  // The spans of the last sentence, as CLAIM_IDENT_RE finds them left to right: from each
+  // backtick not yet used, the text up to the next backtick is a span when it holds no line feed
+  // and 2 to 80 characters (both backticks are then used); otherwise the next backtick may open
+  // one.
   const auto& skip = host.anchoring.file_name_endings();
-  std::size_t at = 0;
-  while (const auto span = next_span(chunk, at)) {
-    std::string_view token = span->first;
-    at = span->second;
-    if (token.find('/') != std::string_view::npos) continue;  // a path
-    if (file_name(token, skip)) continue;
-    // A call or assignment counts by what comes before it, a dotted name by its last name.
-    if (const auto cut = cut_at(token); cut != std::string_view::npos) token = token.substr(0, cut);
-    if (auto dot = token.rfind('.'); dot != std::string_view::npos) token = token.substr(dot + 1);
-    if (count_points(token) >= 2) out.push_back(token);
+  std::size_t tick = 0, line_feed = 0;
+  while (tick < scan.tick_count && scan.ticks[tick] < scan.sentence) ++tick;
+  for (; tick + 1 < scan.tick_count; ++tick) {
+    const std::size_t open = scan.ticks[tick], close = scan.ticks[tick + 1];
+    while (line_feed < scan.line_feed_count && scan.line_feeds[line_feed] < open) ++line_feed;
+    const bool broken = line_feed < scan.line_feed_count && scan.line_feeds[line_feed] < close;
+    const std::string_view inside = chunk.substr(open + 1, close - open - 1);
+    if (broken || !span_length(inside)) continue;
+    ++tick;  // the closing backtick is used
+    if (const auto name = span_name(inside, skip)) out.push_back(*name);
   }
 }
 
