@@ -103,7 +103,7 @@ class IndexedRepository : public Repository {
 struct Data {
   fs::path wiki_dir, repo_root;
   std::vector<Record> pages;
-  std::map<fs::path, std::string> wiki_files;  // page files and digests.json
+  MemoryFileSystem::Files wiki_files;  // page files and digests.json
   std::int64_t citations = 0;
 };
 
@@ -336,9 +336,10 @@ int run_outputs(const fs::path& data_path) {
     const cr::CitationRefresh result = cr::refresh_citations(services, repo, "main", data.wiki_dir,
                                                              data.repo_root, {.write = write});
     std::string files, pages;
-    for (const auto& [path, content] : host.file_system.files) {
-      files += path.string() + '\0' + content + '\0';
-    }
+    // In the order of paths as paths, whatever order the file system double keeps them in.
+    std::map<fs::path, const std::string*> ordered;
+    for (const auto& [path, content] : host.file_system.files) ordered.emplace(path, &content);
+    for (const auto& [path, content] : ordered) files += path.string() + '\0' + *content + '\0';
     for (const Record& page : repo.pages) pages += page.dump() + '\n';
     std::string calls;
     for (const auto& call : host.calls) calls += call + '\n';

@@ -35,7 +35,7 @@ struct Wiki {
   cr::CitationRefresh refresh() {
     return cr::refresh_citations(host.host(), repo, "main", wiki, "/repo");
   }
-  std::map<fs::path, std::string>& files() { return host.file_system.files; }
+  MemoryFileSystem::Files& files() { return host.file_system.files; }
   fs::path page(const std::string& id) const { return wiki / (id + ".md"); }
   // Fails the `nth` operation `operation` on a file named `name` with an I/O error.
   void fail(std::string operation, std::string name, int nth = 1) {

@@ -31,7 +31,7 @@ class RefreshCitations : public ::testing::Test {
   cr::CitationRefresh refresh(bool write = true) {
     return cr::refresh_citations(host.host(), repo, "main", wiki, "/repo", {.write = write});
   }
-  std::map<fs::path, std::string>& files() { return host.file_system.files; }
+  MemoryFileSystem::Files& files() { return host.file_system.files; }
   // What the refresh wrote: each write, append and removal.
   std::vector<std::string> writes() const {
     std::vector<std::string> out;
