@@ -79,7 +79,7 @@ class IndexedRepository : public Repository {
     return it == symbols.end() ? std::vector<Symbol>{} : it->second;
   }
   bool is_indexed(const std::string& path) override {
-    return files.find(path, std::hash<std::string_view>()(path)).has_value();
+    return files.find(path, cr::detail::hash_text(path)).has_value();
   }
   std::vector<std::unique_ptr<const PageRow>> get_wiki_pages(const std::string&) override {
     std::vector<std::unique_ptr<const PageRow>> rows;

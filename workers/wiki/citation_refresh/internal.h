@@ -27,6 +27,9 @@ inline constexpr std::string_view CLAIM_IDENT_PATTERN = "`([^`\\n]{2,80})`";
 // The prepared span pattern (compiled once, on first use).
 const Regex& CLAIM_IDENT_RE();
 
+// A fast 64-bit hash of a text (XXH3), for the refresh's own tables of paths, keys and names.
+std::size_t hash_text(std::string_view text);
+
 // ---- Record values ----------------------------------------------------------------------------
 
 // Whether a record value is there: not null, and not an empty text, list or map. false and 0 are
@@ -63,7 +66,7 @@ struct CitationKeyView {
 };
 struct CitationKeyViewHash {
   std::size_t operator()(const CitationKeyView& k) const noexcept {
-    return CitationKeyHash::combine(std::hash<std::string_view>()(k.path), k.start, k.end);
+    return CitationKeyHash::combine(hash_text(k.path), k.start, k.end);
   }
 };
 CitationKeyView stored_key_view(const Record& record, std::string& storage);
@@ -117,12 +120,10 @@ struct PageRefresh {
 // apart from its hash, cost a cache miss apiece).
 class PathNumbers {
  public:
-  // The number of `path`; a path not seen before takes the next one. `hash` is
-  // std::hash<std::string_view> of the path, which the caller may have at hand.
+  // The number of `path`; a path not seen before takes the next one. `hash` is hash_text() of
+  // the path, which the caller may have at hand.
   std::uint32_t number(std::string_view path, std::size_t hash);
-  std::uint32_t number(std::string_view path) {
-    return number(path, std::hash<std::string_view>()(path));
-  }
+  std::uint32_t number(std::string_view path) { return number(path, hash_text(path)); }
   // The number of `path` when it has one.
   std::optional<std::uint32_t> find(std::string_view path, std::size_t hash) const;
   // The text of the path numbered `n` (n < size()), valid until the next new path.
@@ -152,7 +153,7 @@ struct SymbolKey {
   std::size_t fqn = 0;
   std::size_t name = 0;
 };
-inline std::size_t name_hash(std::string_view name) { return std::hash<std::string_view>()(name); }
+inline std::size_t name_hash(std::string_view name) { return hash_text(name); }
 
 // The per-refresh cache of cited files: each path's symbols are asked of the index once.
 class Files {

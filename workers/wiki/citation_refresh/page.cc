@@ -113,11 +113,11 @@ Line Files::line_count(std::uint32_t n, const std::string& path) {
 }
 
 std::span<const Symbol> Files::symbols(const std::string& path) {
-  return *cited(number(path, std::hash<std::string_view>()(path)), path).symbols;
+  return *cited(number(path, hash_text(path)), path).symbols;
 }
 
 Line Files::line_count(const std::string& path) {
-  return line_count(number(path, std::hash<std::string_view>()(path)), path);
+  return line_count(number(path, hash_text(path)), path);
 }
 
 namespace {
@@ -191,7 +191,7 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
     const CitationMembers members = members_of(record);
     CitationKeyView key = stored_key_view(record, members, path);
     if (!path.empty()) key.path = paths.emplace_front(std::move(path));
-    const std::size_t path_hash = std::hash<std::string_view>()(key.path);
+    const std::size_t path_hash = hash_text(key.path);
     const std::size_t hash = CitationKeyHash::combine(path_hash, key.start, key.end);
     PageCitations::Entry* entry = page.find(key, hash);
     if (entry == nullptr) entry = &page.add(key, hash);
@@ -208,7 +208,7 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
 
   host.syntax.find(text, [&](const Citation& citation) {
     const CitationKey& key = citation.key;
-    const std::size_t path_hash = std::hash<std::string_view>()(key.path);
+    const std::size_t path_hash = hash_text(key.path);
     const std::size_t hash = CitationKeyHash::combine(path_hash, key.start, key.end);
     PageCitations::Entry* entry = page.find(key_view(key), hash);
     // Skipped citations are not marked seen: a repeat of one is tested again.

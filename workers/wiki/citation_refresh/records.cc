@@ -9,6 +9,9 @@
 
 #include "workers/wiki/citation_refresh/internal.h"
 
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
 namespace tolbarrow::workers::wiki {
 namespace detail = citation_refresh::detail;
 using citation_refresh::RecordTypeError;
@@ -92,6 +95,11 @@ std::optional<Record> RecordPageRow::field(std::string_view key) const {
 
 namespace tolbarrow::workers::wiki::citation_refresh {
 namespace detail {
+
+std::size_t hash_text(std::string_view text) {
+  return static_cast<std::size_t>(XXH3_64bits(text.data(), text.size()));
+}
+
 namespace {
 
 bool is_ascii_space(char c) {
