@@ -173,16 +173,16 @@ Line narrow(WideLine value) {
 Line to_line(const Record& value, std::string_view what) {
   switch (value.type()) {
     case Record::value_t::number_integer:
-      return value.get<std::int64_t>();
+      return *value.get_ptr<const Record::number_integer_t*>();
     case Record::value_t::number_unsigned: {
-      const auto u = value.get<std::uint64_t>();
+      const auto u = *value.get_ptr<const Record::number_unsigned_t*>();
       if (u > static_cast<std::uint64_t>(std::numeric_limits<Line>::max())) {
         throw RecordValueError(std::string(what) + ": integer out of range: " + value.dump());
       }
       return static_cast<Line>(u);
     }
     case Record::value_t::number_float: {
-      const double d = std::trunc(value.get<double>());
+      const double d = std::trunc(*value.get_ptr<const Record::number_float_t*>());
       // [-2^63, 2^63) is exactly representable at both ends as a double.
       if (!std::isfinite(d) || d < -9223372036854775808.0 || d >= 9223372036854775808.0) {
         throw RecordValueError(std::string(what) + ": number out of range: " + value.dump());
@@ -190,7 +190,7 @@ Line to_line(const Record& value, std::string_view what) {
       return static_cast<Line>(d);
     }
     case Record::value_t::boolean:
-      return value.get<bool>() ? 1 : 0;
+      return *value.get_ptr<const Record::boolean_t*>() ? 1 : 0;
     case Record::value_t::string:
       return parse_line(value.get_ref<const std::string&>(), what);
     default:
