@@ -117,6 +117,11 @@ TEST(RecordsEqual, IgnoresKeyOrderAtEveryDepth) {
   EXPECT_TRUE(cr::records_equal(a, b));
   EXPECT_FALSE(cr::records_equal(a, {{"x", 1}}));
   EXPECT_FALSE(cr::records_equal({{"q", {1, 2}}}, {{"q", {2, 1}}}));
+  // Keys in one order, told apart by a value or by a key past the first ones.
+  const Record c = {{"a", 1}, {"b", {{"p", 1}}}};
+  EXPECT_TRUE(cr::records_equal(c, {{"a", 1}, {"b", {{"p", 1.0}}}}));
+  EXPECT_FALSE(cr::records_equal(c, {{"a", 1}, {"b", {{"p", 2}}}}));
+  EXPECT_FALSE(cr::records_equal(c, {{"a", 1}, {"c", {{"p", 1}}}}));
 }
 
 TEST(JsonText, OneLineAndIndentedForms) {

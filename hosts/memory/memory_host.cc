@@ -257,16 +257,7 @@ const Symbol* MemoryHost::anchor_symbol(std::span<const Symbol> symbols, Line fi
 }
 
 Record MemoryHost::anchored(const Record& citation, LineRange lines, const Symbol* symbol) {
-  Record record = citation;
-  record["line_start"] = lines.first;
-  record["line_end"] = lines.last;
-  if (symbol != nullptr) {
-    record["symbol"] = symbol->fqn;
-    record["name"] = symbol->name;
-    record["symbol_start"] = symbol->start_line;
-    record["symbol_end"] = symbol->end_line;
-  }
-  return record;
+  return anchored_record(citation, lines, symbol);
 }
 
 std::unique_ptr<LineCounts> MemoryHost::line_counts(const fs::path&) {
@@ -305,7 +296,7 @@ std::vector<std::unique_ptr<const PageRow>> MemoryRepository::get_wiki_pages(con
 }
 
 void MemoryRepository::update_wiki_page_citations(const std::string& branch, const PageRow& row,
-                                                  const PageUpdate& update) {
+                                                  PageUpdate update) {
   if (fault) fault("update_wiki_page_citations");
   const std::string page_id = row.page_id();
   if (page_id == fail_update) throw std::runtime_error("store failed for " + page_id);
@@ -315,7 +306,7 @@ void MemoryRepository::update_wiki_page_citations(const std::string& branch, con
     page["build_cache"] = update.build_cache ? *update.build_cache : Record();
     if (update.content_hash) page["content_hash"] = *update.content_hash;
   }
-  updates.push_back({branch, page_id, update});
+  updates.push_back({branch, page_id, std::move(update)});
 }
 
 std::string MemoryRepository::text_hash(const std::string& text) {

@@ -81,15 +81,7 @@ const wiki::Symbol* CtagsAnchoring::anchor_symbol(std::span<const wiki::Symbol> 
 
 wiki::Record CtagsAnchoring::anchored(const wiki::Record& citation, wiki::LineRange lines,
                                       const wiki::Symbol* symbol) {
-  wiki::Record record = citation;
-  record["line_start"] = lines.first;
-  record["line_end"] = lines.last;
-  if (symbol == nullptr) return record;
-  record["symbol"] = symbol->fqn;
-  record["name"] = symbol->name;
-  record["symbol_start"] = symbol->start_line;
-  record["symbol_end"] = symbol->end_line;
-  return record;
+  return wiki::anchored_record(citation, lines, symbol);
 }
 
 std::unique_ptr<wiki::LineCounts> IndexCitationRanges::line_counts(const fs::path& repo_root) {

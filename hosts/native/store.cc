@@ -438,7 +438,7 @@ std::vector<std::unique_ptr<const wiki::PageRow>> SqliteStore::get_wiki_pages(
 }
 
 void SqliteStore::update_wiki_page_citations(const std::string& branch, const wiki::PageRow& row,
-                                             const wiki::PageUpdate& update) {
+                                             wiki::PageUpdate update) {
   const std::optional<wiki::Record> id = row.field("page_id");
   if (!id) throw wiki::MissingKey("page_id");
   const std::string page_id = id->is_string() ? id->get<std::string>() : id->dump();

@@ -120,7 +120,7 @@ class SqliteStore : public wiki::Repository {
   // rewrote), so the moves have nothing more to change. Throws StoreError when the page is not
   // in the store.
   void update_wiki_page_citations(const std::string& branch, const wiki::PageRow& row,
-                                  const wiki::PageUpdate& update) override;
+                                  wiki::PageUpdate update) override;
   // SHA-256 of the text, lower-case hex.
   std::string text_hash(const std::string& text) override;
 

@@ -252,7 +252,7 @@ class PyRepository final : public Repository {
   bool is_indexed(const std::string& path) override;
   std::vector<std::unique_ptr<const PageRow>> get_wiki_pages(const std::string& branch) override;
   void update_wiki_page_citations(const std::string& branch, const PageRow& row,
-                                  const PageUpdate& update) override;
+                                  PageUpdate update) override;
   std::string text_hash(const std::string& text) override;
 
  private:

@@ -500,7 +500,7 @@ std::vector<std::unique_ptr<const PageRow>> PyRepository::get_wiki_pages(
 }
 
 void PyRepository::update_wiki_page_citations(const std::string& branch, const PageRow& row,
-                                              const PageUpdate& update) {
+                                              PageUpdate update) {
   const Bridge& b = host_.bridge();
   const std::string page_id = row.page_id();
   host_call(b, [&] {

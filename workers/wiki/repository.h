@@ -97,9 +97,10 @@ class Repository {
   // The branch's wiki page rows, in the store's order.
   virtual std::vector<std::unique_ptr<const PageRow>> get_wiki_pages(const std::string& branch) = 0;
   // Stores the new state of `row`'s page. A later get_wiki_pages yields the row with the given
-  // citations and build cache.
+  // citations and build cache. The update is the store's to keep: a store that holds records
+  // may take them out of it instead of copying them.
   virtual void update_wiki_page_citations(const std::string& branch, const PageRow& row,
-                                          const PageUpdate& update) = 0;
+                                          PageUpdate update) = 0;
   // A page text's content hash, in the form the store keeps.
   virtual std::string text_hash(const std::string& text) = 0;
 };

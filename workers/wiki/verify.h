@@ -64,4 +64,9 @@ class Anchoring {
   virtual Record anchored(const Record& citation, LineRange lines, const Symbol* symbol) = 0;
 };
 
+// What anchored() gives for a host that adds nothing of its own: `citation` with `line_start`
+// and `line_end` set to `lines` and, with a symbol, `symbol`, `name`, `symbol_start` and
+// `symbol_end` set from it; the keys it has keep their places, the others follow in that order.
+Record anchored_record(const Record& citation, LineRange lines, const Symbol* symbol);
+
 }  // namespace tolbarrow::workers::wiki

@@ -211,9 +211,9 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
     return store_.get_wiki_pages(branch);
   }
   void update_wiki_page_citations(const std::string& branch, const wiki::PageRow& row,
-                                  const wiki::PageUpdate& update) override {
+                                  wiki::PageUpdate update) override {
     wrote_ = true;
-    store_.update_wiki_page_citations(branch, row, update);
+    store_.update_wiki_page_citations(branch, row, std::move(update));
     flush();
   }
   std::string text_hash(const std::string& text) override { return store_.text_hash(text); }

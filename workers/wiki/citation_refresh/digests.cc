@@ -311,16 +311,22 @@ void DigestFile::move(const std::string& page_id, const fs::path& rel_path,
   move_digest_citations(entry == digest_at_.end() ? nullptr : entry->second, moves, &changed);
   if (changed.empty()) return;
 
-  Record citations = Record::array();
-  for (const auto& [index, from, to] : changed) {
-    citations.push_back({index, from.path, from.start, from.end, to.first, to.last});
+  // The line as the library would write the record {"page_id", "page", "old_text_hash",
+  // "citations": [[index, path, first, last, new first, new last], ...]} on one line, put
+  // together directly: only its texts need the library's escaping.
+  const auto text = [](const std::string& value) { return Record(value).dump(); };
+  std::string line = "{\"page_id\":" + text(page_id) + ",\"page\":" + text(rel_path.string()) +
+                     ",\"old_text_hash\":" +
+                     (old_text ? text(repository_.text_hash(*old_text)) : std::string("null")) +
+                     ",\"citations\":[";
+  for (std::size_t i = 0; i < changed.size(); ++i) {
+    const auto& [index, from, to] = changed[i];
+    line += (i == 0 ? "[" : ",[") + std::to_string(index) + "," + text(from.path) + "," +
+            std::to_string(from.start) + "," + std::to_string(from.end) + "," +
+            std::to_string(to.first) + "," + std::to_string(to.last) + "]";
   }
-  const Record line = {
-      {"page_id", page_id},
-      {"page", rel_path.string()},
-      {"old_text_hash", old_text ? Record(repository_.text_hash(*old_text)) : Record()},
-      {"citations", std::move(citations)}};
-  file_system_.append(journal_path_, line.dump() + "\n");
+  line += "]}\n";
+  file_system_.append(journal_path_, line);
   journaled_ = true;
 }
 

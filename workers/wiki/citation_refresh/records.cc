@@ -16,6 +16,58 @@ namespace tolbarrow::workers::wiki {
 namespace detail = citation_refresh::detail;
 using citation_refresh::RecordTypeError;
 
+Record anchored_record(const Record& citation, LineRange lines, const Symbol* symbol) {
+  const std::size_t count = symbol != nullptr ? 6 : 2;
+  if (!citation.is_object()) {  // as a copy set member by member would: null becomes a map
+    Record record = citation;
+    record["line_start"] = lines.first;
+    record["line_end"] = lines.last;
+    if (symbol == nullptr) return record;
+    record["symbol"] = symbol->fqn;
+    record["name"] = symbol->name;
+    record["symbol_start"] = symbol->start_line;
+    record["symbol_end"] = symbol->end_line;
+    return record;
+  }
+  static constexpr std::string_view kKeys[] = {"line_start", "line_end",     "symbol",
+                                               "name",       "symbol_start", "symbol_end"};
+  const auto value = [&](std::size_t which) -> Record {
+    switch (which) {
+      case 0:
+        return lines.first;
+      case 1:
+        return lines.last;
+      case 2:
+        return symbol->fqn;
+      case 3:
+        return symbol->name;
+      case 4:
+        return symbol->start_line;
+      default:
+        return symbol->end_line;
+    }
+  };
+  // One pass over the citation's members, each set one given its new value in its place.
+  Record record = Record::object();
+  auto& members = static_cast<Record::object_t::Container&>(record.get_ref<Record::object_t&>());
+  members.reserve(citation.size() + count);
+  bool set[6] = {};
+  for (const auto& [key, old] : citation.get_ref<const Record::object_t&>()) {
+    std::size_t which = 0;
+    while (which < count && kKeys[which] != key) ++which;
+    if (which < count) {
+      members.emplace_back(key, value(which));
+      set[which] = true;
+    } else {
+      members.emplace_back(key, old);
+    }
+  }
+  for (std::size_t which = 0; which < count; ++which) {
+    if (!set[which]) members.emplace_back(kKeys[which], value(which));
+  }
+  return record;
+}
+
 // ---- Page rows --------------------------------------------------------------------------------
 
 namespace {
@@ -269,6 +321,18 @@ CitationKey stored_key(const Record& record) {
 bool records_equal(const Record& a, const Record& b) {
   if (a.is_object() && b.is_object()) {
     if (a.size() != b.size()) return false;
+    // Records made from one another keep their keys in one order: compared pair by pair while
+    // the keys agree, by lookup of each key otherwise.
+    const auto& pairs_a =
+        static_cast<const Record::object_t::Container&>(a.get_ref<const Record::object_t&>());
+    const auto& pairs_b =
+        static_cast<const Record::object_t::Container&>(b.get_ref<const Record::object_t&>());
+    std::size_t same = 0;
+    while (same < pairs_a.size() && pairs_a[same].first == pairs_b[same].first) {
+      if (!records_equal(pairs_a[same].second, pairs_b[same].second)) return false;
+      ++same;
+    }
+    if (same == pairs_a.size()) return true;
     for (auto it = a.begin(); it != a.end(); ++it) {
       auto other = b.find(it.key());
       if (other == b.end() || !records_equal(*it, *other)) return false;

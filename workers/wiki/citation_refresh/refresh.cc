@@ -125,8 +125,8 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     update.citations = detail::apply(citations, std::move(page.anchors));
     if (changed) update.content_hash = repository.text_hash(new_text);
     if (!cache.empty()) update.build_cache = std::move(cache);
-    update.moves = page.moves;
-    repository.update_wiki_page_citations(branch, *row, update);
+    update.moves = std::move(page.moves);
+    repository.update_wiki_page_citations(branch, *row, std::move(update));
   }
 
   if (options.write) digest_file.finish();
