@@ -185,6 +185,10 @@ class Files {
   // the files its stored records cite before it refreshes them, so that the loads of several
   // files overlap instead of each waiting on the last.
   std::optional<std::uint32_t> ready(std::string_view path, std::size_t hash);
+  // The declaration of the file numbered `n` whose fully qualified name hashes as `fqn` does,
+  // when the file's symbols are in: a hint of where a citation's declaration is, to start
+  // loading it; find_again() decides.
+  const Symbol* likely(std::uint32_t n, std::string_view fqn) const;
   // The file numbered `n`, whose path is `path`, with its symbols asked of the index.
   const File& cited(std::uint32_t n, const std::string& path);
   Line line_count(std::uint32_t n, const std::string& path);

@@ -93,6 +93,16 @@ std::optional<std::uint32_t> Files::ready(std::string_view path, std::size_t has
   return n;
 }
 
+const Symbol* Files::likely(std::uint32_t n, std::string_view fqn) const {
+  if (n >= files_.size() || !files_[n].symbols) return nullptr;
+  const File& file = files_[n];
+  const std::size_t hash = name_hash(fqn);
+  for (std::size_t i = 0; i < file.keys.size(); ++i) {
+    if (file.keys[i].fqn == hash) return &(*file.symbols)[i];
+  }
+  return nullptr;
+}
+
 const Files::File& Files::cited(std::uint32_t n, const std::string& path) {
   File& file = entry(n);
   if (!file.symbols) {
@@ -152,6 +162,7 @@ class PageCitations {
       if (entry.hash == hash && entry.key == key) return &entry;
     }
   }
+  std::span<const Entry> entries() const { return entries_; }
   // Adds an entry for `key`, which find() does not know; its path must outlive the table.
   Entry& add(const CitationKeyView& key, std::size_t hash) {
     if (slots_.size() < 2 * (entries_.size() + 1)) grow();
@@ -200,6 +211,18 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
     if (const auto number = files.ready(key.path, path_hash)) entry->number = *number;
     if (const Record* symbol = members.symbol; symbol != nullptr && symbol->is_string()) {
       __builtin_prefetch(symbol->get_ref<const std::string&>().data());
+    }
+  }
+  // The declarations the anchored records most likely cite, by their keys (on their way to the
+  // cache since the loop above), so that those loads overlap too.
+  for (const PageCitations::Entry& entry : page.entries()) {
+    const Record* symbol = entry.members.symbol;
+    if (entry.number == PageCitations::kNoNumber || symbol == nullptr || !symbol->is_string()) {
+      continue;
+    }
+    if (const Symbol* likely = files.likely(entry.number, symbol->get_ref<const std::string&>())) {
+      __builtin_prefetch(likely);
+      __builtin_prefetch(reinterpret_cast<const char*>(likely) + 64);
     }
   }
 
