@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
+#include <random>
 
 #include "hosts/memory/memory_host.h"
 #include "workers/wiki/citation_refresh/internal.h"
@@ -233,6 +235,36 @@ TEST(LegacyAnchor, ChoosesTheNamedDeclaration) {
     EXPECT_EQ(symbol, &symbols[0]);
     EXPECT_EQ(range, (LineRange{15, 16}));
     EXPECT_EQ(host.anchor_calls, Names{"15-16"});
+  }
+}
+
+// The host reads the last citation before a place from the citations of the page it scanned
+// last, searching outward from its previous answer: asked in any order, it answers as a search
+// of a text it has not scanned does.
+TEST(MemoryHostLastEnd, ScannedCitationsAnswerAsTheSearchDoes) {
+  MemoryHost host;
+  std::string page;
+  for (int i = 0; i < 40; ++i) {
+    page += std::string(static_cast<std::size_t>(i * 7 % 23), i % 3 ? 'x' : ' ');
+    page += i % 4 ? "\xC3\xA9 " : "";
+    page += cite("src/m" + std::to_string(i) + ".py", i + 1, i + 1 + i % 3);
+  }
+  const Text scanned(page), unscanned(page);
+  std::size_t citations = 0;
+  host.find(scanned, [&](const Citation&) { ++citations; });
+  ASSERT_EQ(citations, 40u);
+  std::vector<std::pair<std::size_t, std::size_t>> bounds;
+  for (std::size_t start = 0; start <= scanned.length(); start += 7) {
+    for (std::size_t end = start; end <= scanned.length() + 1; end += 5)
+      bounds.emplace_back(start, end);
+  }
+  std::mt19937 shuffle(7);
+  std::shuffle(bounds.begin(), bounds.end(), shuffle);
+  // Ascending runs, as a refresh asks, then every order.
+  std::sort(bounds.begin(), bounds.begin() + static_cast<std::ptrdiff_t>(bounds.size() / 2));
+  for (const auto& [start, end] : bounds) {
+    ASSERT_EQ(host.last_end(scanned, start, end), host.last_end(unscanned, start, end))
+        << start << ".." << end;
   }
 }
 

@@ -40,7 +40,8 @@ TEST(ToLine, RejectsNonNumbersAndAbsurdValuesWithClearErrors) {
       Record("0x10"),
       Record("1\u30002"),
       Record("\u3000"),
-      Record("\xff1"),
+      Record("\xff"
+             "1"),
       Record(1e30),
       Record(-1e30),
       Record(9223372036854775808.0),

@@ -189,6 +189,45 @@ cr::Host MemoryHost::host() {
                   .logger = logger};
 }
 
+namespace {
+
+// The first index at or after `from` whose item fails `before` (which holds for a prefix of
+// `items`), searched outward from `hint` in doubling steps: O(log distance) from the hint.
+template <typename T, typename Before>
+std::size_t gallop(const std::vector<T>& items, std::size_t from, std::size_t hint, Before before) {
+  std::size_t low = from, high = items.size();
+  hint = std::clamp(hint, from, high);
+  if (hint < high && before(items[hint])) {
+    // Forward: every index below `low` holds, `probe` is the next one tried.
+    low = hint + 1;
+    for (std::size_t step = 1, probe = low; probe < high; probe = low + step, step *= 2) {
+      if (!before(items[probe])) {
+        high = probe;
+        break;
+      }
+      low = probe + 1;
+    }
+  } else {
+    // Backward: the answer is at or below `high`.
+    high = hint;
+    for (std::size_t step = 1; high > from; step *= 2) {
+      const std::size_t probe = high - from > step ? high - step : from;
+      if (before(items[probe])) {
+        low = probe + 1;
+        break;
+      }
+      high = probe;
+    }
+  }
+  const auto begin = items.begin();
+  return static_cast<std::size_t>(std::partition_point(begin + static_cast<std::ptrdiff_t>(low),
+                                                       begin + static_cast<std::ptrdiff_t>(high),
+                                                       before) -
+                                  begin);
+}
+
+}  // namespace
+
 const std::vector<MemoryHost::Scanned>* MemoryHost::scanned(const Text& text) const {
   return scanned_id_ != 0 && text.id() == scanned_id_ ? &scanned_ : nullptr;
 }
@@ -196,7 +235,10 @@ const std::vector<MemoryHost::Scanned>* MemoryHost::scanned(const Text& text) co
 void MemoryHost::find(const Text& text, const std::function<void(const Citation&)>& each) {
   scanned_id_ = 0;
   scanned_.clear();
+  spans_.clear();
+  last_hit_ = 0;
   find_citations(text, 0, text.length(), [&](Found&& found) {
+    spans_.emplace_back(found.start, found.end);
     scanned_.push_back(
         {{std::move(found.key), found.start}, found.end, found.byte_start, found.byte_end});
   });
@@ -207,17 +249,18 @@ void MemoryHost::find(const Text& text, const std::function<void(const Citation&
 std::optional<std::size_t> MemoryHost::last_end(const Text& text, std::size_t start,
                                                 std::size_t end) {
   ++pattern_searches;
-  if (const auto* found = scanned(text)) {
+  if (scanned(text) != nullptr) {
     // A citation holds no "(" after its first character, so no search finds one starting inside
     // another, nor a shorter one where the bound cuts one off: the citations a search bounded by
-    // [start, end) finds are the scanned ones that lie inside the bounds.
-    const auto first =
-        std::lower_bound(found->begin(), found->end(), start,
-                         [](const Scanned& s, std::size_t at) { return s.citation.start < at; });
-    const auto past = std::upper_bound(first, found->end(), end,
-                                       [](std::size_t at, const Scanned& s) { return at < s.end; });
+    // [start, end) finds are the scanned ones that lie inside the bounds. Spans neither overlap
+    // nor nest, so both their starts and their ends ascend.
+    const std::size_t first =
+        gallop(spans_, 0, last_hit_, [&](const auto& s) { return s.first < start; });
+    const std::size_t past =
+        gallop(spans_, first, first, [&](const auto& s) { return s.second <= end; });
+    last_hit_ = first;
     if (past == first) return std::nullopt;
-    return std::prev(past)->end;
+    return spans_[past - 1].second;
   }
   const std::string_view subject = std::string_view(text.str()).substr(0, text.byte_at(end));
   std::optional<std::size_t> last;

@@ -116,6 +116,10 @@ class MemoryHost : public CitationSyntax,
   const std::vector<Scanned>* scanned(const Text& text) const;
   std::uint64_t scanned_id_ = 0;
   std::vector<Scanned> scanned_;
+  // The same citations' spans in code points, packed apart so that last_end() searches a small
+  // table; it gallops from where it last stopped, since a refresh asks in the page's order.
+  std::vector<std::pair<std::size_t, std::size_t>> spans_;
+  std::size_t last_hit_ = 0;
 };
 
 // A Repository that keeps what it is given, as a page store does.
