@@ -469,9 +469,10 @@ IndexStats Indexer::update() {
   ContainedPaths contained(root);  // each directory's links followed once
   for (const std::string& path : repository_files(root)) {
     if (path.find('\n') != std::string::npos || own.count(path)) continue;
-    const auto file = contained(path);
     struct stat st;
-    if (!file || ::stat(file->c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    bool stated = false;
+    const auto file = contained(path, st, stated);
+    if (!file || (!stated && ::stat(file->c_str(), &st) != 0) || !S_ISREG(st.st_mode)) continue;
     present.insert(path);
     FileFacts facts{path, "", st.st_size,
                     static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,

@@ -59,6 +59,14 @@ std::optional<fs::path> contained_path(const fs::path& root, std::string_view re
 }
 
 std::optional<fs::path> ContainedPaths::operator()(std::string_view rel) {
+  struct stat status;
+  bool stated = false;
+  return (*this)(rel, status, stated);
+}
+
+std::optional<fs::path> ContainedPaths::operator()(std::string_view rel, struct stat& status,
+                                                   bool& stated) {
+  stated = false;
   if (!relative_inside(rel)) return std::nullopt;
   if (!plain_names(rel)) return contained_path(root_, rel);
   const std::size_t slash = rel.rfind('/');
@@ -75,11 +83,11 @@ std::optional<fs::path> ContainedPaths::operator()(std::string_view rel) {
   // The directory as weakly_canonical leaves it, then the name: what weakly_canonical gives for
   // the whole path unless the name is itself a link (or cannot be looked at).
   fs::path candidate = *entry->second / fs::path(std::string(name));
-  struct stat st;
-  if (::lstat(candidate.c_str(), &st) == 0 ? S_ISLNK(st.st_mode) : errno != ENOENT) {
-    return contained_path(root_, rel);
-  }
-  return inside_root(root_, std::move(candidate));
+  const bool found = ::lstat(candidate.c_str(), &status) == 0;
+  if (found ? S_ISLNK(status.st_mode) : errno != ENOENT) return contained_path(root_, rel);
+  std::optional<fs::path> file = inside_root(root_, std::move(candidate));
+  stated = found && file.has_value();
+  return file;
 }
 
 namespace {

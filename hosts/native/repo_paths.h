@@ -1,6 +1,8 @@
 // Paths that citations and the index name inside a repository, and what they may lead to.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -32,6 +34,11 @@ class ContainedPaths {
   // `root` should be canonical (see canonical_root).
   explicit ContainedPaths(std::filesystem::path root) : root_(std::move(root)) {}
   std::optional<std::filesystem::path> operator()(std::string_view rel);
+  // As above; when the lstat taken on the way found the file and no symbolic link there, that
+  // status (which is then the file's stat) is put in `status` and `stated` is set, so that a
+  // caller needs no stat of its own.
+  std::optional<std::filesystem::path> operator()(std::string_view rel, struct stat& status,
+                                                  bool& stated);
   const std::filesystem::path& root() const { return root_; }
 
  private:

@@ -141,8 +141,20 @@ TEST(Store, ContainedPathsAnswersAsContainedPath) {
   for (int pass = 0; pass < 2; ++pass) {  // the second from the kept directories
     for (const std::string& path : paths) {
       EXPECT_EQ(contained(path), contained_path(root, path)) << path << " pass " << pass;
+      // A status learnt on the way is the file's own stat: never a link's, nor a missing one's.
+      struct stat status, own;
+      bool stated = false;
+      const auto file = contained(path, status, stated);
+      if (!stated) continue;
+      ASSERT_TRUE(file && ::stat(file->c_str(), &own) == 0) << path;
+      EXPECT_EQ(std::pair(status.st_ino, status.st_mode), std::pair(own.st_ino, own.st_mode))
+          << path;
     }
   }
+  struct stat status;
+  bool stated = false;
+  EXPECT_TRUE(contained("src/a.py", status, stated) && stated);
+  EXPECT_TRUE(contained("src/inlink.py", status, stated) && !stated);
   EXPECT_TRUE(contained("in/a.py"));
   EXPECT_FALSE(contained("src/link.py"));
 }

@@ -501,9 +501,10 @@ std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::st
     if (!in_wiki.empty()) status({in_wiki.begin(), in_wiki.end()});
   }
   std::vector<std::string> dirty;
+  ContainedPaths contained(root);  // each directory's links followed once
   for (const std::string& path : std::set<std::string>(paths.begin(), paths.end())) {
     if (!changed.count(path) || path.find('\n') != std::string::npos) continue;
-    const auto file = contained_path(root, path);
+    const auto file = contained(path);
     if (file && fs::is_regular_file(*file)) {
       dirty.push_back(path);
     } else {
