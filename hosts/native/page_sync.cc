@@ -67,14 +67,15 @@ std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::p
   auto it = fs::recursive_directory_iterator(wiki_dir);
   for (; it != fs::recursive_directory_iterator(); ++it) {
     const std::string name = it->path().filename().string();
-    // lstat: following a link here would stop the walk at the first loop.
-    const fs::file_status own = it->symlink_status();
-    if (fs::is_directory(own)) {
+    // The entry's own type (a link is not followed: that would stop the walk at the first
+    // loop), as the directory listing gave it where it could: no stat per file.
+    const bool link = it->is_symlink();
+    if (!link && it->is_directory()) {
       if (!name.empty() && name[0] == '.') it.disable_recursion_pending();
       continue;
     }
     if (it->path().extension() != ".md") continue;
-    if (fs::is_symlink(own)) {
+    if (link) {
       const fs::path target = fs::canonical(it->path(), error);
       if (error) {
         skipped.push_back(it->path().string() + ": " + error.message());
@@ -86,11 +87,11 @@ std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::p
         continue;
       }
       if (!fs::is_regular_file(target, error)) continue;
-    } else if (!fs::is_regular_file(own)) {
+    } else if (!it->is_regular_file()) {
       continue;
     }
     out.emplace(it->path().lexically_relative(wiki_dir).generic_string(),
-                PageFile{it->path(), fs::is_symlink(own)});
+                PageFile{it->path(), link});
   }
   return out;
 }
@@ -140,9 +141,18 @@ SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std
                                       before.st_ctim.tv_nsec});
     }
     const wiki::Text text(std::move(bytes), file.string());
+    // Each key once: a page's few are compared in place, a long page's hashed.
+    constexpr std::size_t kCompared = 32;
     std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> in_text;
     syntax.find(text, [&](const wiki::Citation& citation) {
-      if (in_text.insert(citation.key).second) found.cited.push_back(citation.key);
+      if (found.cited.size() < kCompared) {
+        if (std::find(found.cited.begin(), found.cited.end(), citation.key) != found.cited.end())
+          return;
+      } else {
+        if (in_text.empty()) in_text.insert(found.cited.begin(), found.cited.end());
+        if (!in_text.insert(citation.key).second) return;
+      }
+      found.cited.push_back(citation.key);
     });
     ++stats.pages;
     auto head = heads.find(found.page_id);

@@ -69,6 +69,28 @@ TEST(PageSync, MakesPageFilesThePagesOfTheBranch) {
   EXPECT_EQ(again.citations_added + again.citations_dropped + again.pages_removed, 0u);
 }
 
+// A page cites each key once however often its text repeats it, on short pages and long ones.
+TEST(PageSync, EachKeyIsCitedOnceInTextOrder) {
+  for (const int distinct : {3, 31, 32, 33, 80}) {
+    TempDir repo;
+    std::string text;
+    std::vector<wiki::CitationKey> keys;
+    for (int i = 0; i < distinct; ++i) {
+      keys.push_back({"src/a.py", i + 1, i + 1});
+      text += "[f](/src/a.py#L" + std::to_string(i + 1) + ") ";
+      if (i % 3 == 0) text += "[f](/src/a.py#L1) ";
+    }
+    text += "[f](/src/a.py#L" + std::to_string(distinct) + ")\n";
+    repo.write("wiki/a.md", text);
+    SqliteStore store(repo.path());
+    MarkdownCitationSyntax syntax;
+    const SyncStats stats = sync_pages(store, syntax, "main", repo.path() / "wiki");
+    EXPECT_EQ(stats.citations_added, keys.size()) << distinct;
+    ASSERT_EQ(stats.cited.size(), 1u);
+    EXPECT_EQ(stats.cited[0].second, keys) << distinct;
+  }
+}
+
 // Symbolic links in the wiki: a loop anywhere must not stop the walk, and no page is read through
 // a link that leads outside the repository.
 TEST(PageSync, FollowsOnlyLinksToFilesInsideTheRepository) {
