@@ -155,6 +155,9 @@ std::size_t paragraph_end(std::string_view text, std::size_t pos, std::size_t en
 void add_code_spans(std::string_view text, std::size_t begin, std::size_t end,
                     std::vector<ByteRange>& out) {
   std::size_t i = begin;
+  // Where the paragraph of the last run looked at ends: the runs after it in the same paragraph
+  // share it (each starts later, and the lines between it and the blank line stay non-blank).
+  std::size_t limit = begin;
   while (i < end) {
     const std::size_t open = text.find('`', i);
     if (open == std::string_view::npos || open >= end) return;
@@ -164,7 +167,7 @@ void add_code_spans(std::string_view text, std::size_t begin, std::size_t end,
       continue;
     }
     // The closer is the next run of exactly n backticks before the paragraph ends.
-    const std::size_t limit = paragraph_end(text, open, end);
+    if (open >= limit) limit = paragraph_end(text, open, end);
     std::size_t close = std::string_view::npos;
     for (std::size_t j = open + n; j < limit;) {
       const std::size_t tick = text.find('`', j);
