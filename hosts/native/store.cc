@@ -243,6 +243,7 @@ class Digest {
     }
   }
   std::string hex() {
+    flush();
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     if (EVP_DigestFinal_ex(ctx_, digest, &length) != 1) throw std::runtime_error("SHA-256 failed");
@@ -257,10 +258,21 @@ class Digest {
 
  private:
   void add_length(std::uint64_t length) { update(&length, sizeof length); }
+  // The bytes are gathered and handed over in large pieces: a table's digest is made of millions
+  // of small values, and each call into the library has a cost of its own.
   void update(const void* data, std::size_t size) {
-    if (EVP_DigestUpdate(ctx_, data, size) != 1) throw std::runtime_error("SHA-256 failed");
+    pending_.append(static_cast<const char*>(data), size);
+    if (pending_.size() >= kPiece) flush();
   }
+  void flush() {
+    if (EVP_DigestUpdate(ctx_, pending_.data(), pending_.size()) != 1) {
+      throw std::runtime_error("SHA-256 failed");
+    }
+    pending_.clear();
+  }
+  static constexpr std::size_t kPiece = 1 << 16;
   EVP_MD_CTX* ctx_;
+  std::string pending_;
 };
 
 std::string dump(const wiki::Record& value) { return value.dump(); }
