@@ -4,7 +4,8 @@ Generates (once, cached under DATA) a synthetic repository and wiki with bench/s
 
 - the core with the in-memory host (bench/scale_driver): a report-only and a writing refresh of
   the wiki after the code change, against reading and scanning every page (and writing it once);
-  claim_identifiers per citation on pages of 100, 1,000 and 10,000 legacy citations;
+  claim_identifiers per citation on pages of 100, 1,000 and 10,000 legacy citations (every size
+  claims the same 10,000 citations of prose, the sizes alternating);
 - the command (hosts/native/command/citation-refresh) on a copy of the generated git repository:
   the first run (index and anchor), a run after the code change, the run after that (the pages
   the writing run rewrote are new to the index) and a run with nothing changed (best of REPEAT),
