@@ -88,6 +88,50 @@ constexpr const char* kKeptRefreshes =
     "CREATE TABLE IF NOT EXISTS kept_refreshes(branch TEXT PRIMARY KEY, inputs TEXT NOT NULL, "
     "result TEXT NOT NULL) WITHOUT ROWID";
 
+// Counts of the changes to what a refresh reads, kept by the database itself: every write to a
+// branch's pages counts for that branch, every write to the index (a file's path, content hash
+// or line count, a declaration) for the index; a file put again with the same three (a new size
+// or modification time: INSERT OR REPLACE) does not count. A refresh's inputs are then these
+// counts, read in an instant, instead of a digest of the tables. Added without a schema version
+// change (created with a new store, or with the first result kept in an older one); the
+// triggers count whatever program writes the tables.
+constexpr const char* kRevisions = R"sql(
+CREATE TABLE IF NOT EXISTS page_revisions(branch TEXT PRIMARY KEY, n INTEGER NOT NULL)
+  WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS index_revision(n INTEGER NOT NULL);
+INSERT INTO index_revision SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM index_revision);
+CREATE TRIGGER IF NOT EXISTS pages_added AFTER INSERT ON pages BEGIN
+  INSERT INTO page_revisions VALUES (NEW.branch, 1) ON CONFLICT(branch) DO UPDATE SET n = n + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS pages_changed AFTER UPDATE ON pages BEGIN
+  INSERT INTO page_revisions VALUES (OLD.branch, 1) ON CONFLICT(branch) DO UPDATE SET n = n + 1;
+  INSERT INTO page_revisions VALUES (NEW.branch, 1) ON CONFLICT(branch) DO UPDATE SET n = n + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS pages_removed AFTER DELETE ON pages BEGIN
+  INSERT INTO page_revisions VALUES (OLD.branch, 1) ON CONFLICT(branch) DO UPDATE SET n = n + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS files_added BEFORE INSERT ON files
+WHEN NOT EXISTS (SELECT 1 FROM files WHERE path = NEW.path AND hash = NEW.hash AND
+                 line_count = NEW.line_count) BEGIN
+  UPDATE index_revision SET n = n + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS files_changed AFTER UPDATE OF path, hash, line_count ON files BEGIN
+  UPDATE index_revision SET n = n + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS files_removed AFTER DELETE ON files BEGIN
+  UPDATE index_revision SET n = n + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS symbols_added AFTER INSERT ON symbols BEGIN
+  UPDATE index_revision SET n = n + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS symbols_changed AFTER UPDATE ON symbols BEGIN
+  UPDATE index_revision SET n = n + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS symbols_removed AFTER DELETE ON symbols BEGIN
+  UPDATE index_revision SET n = n + 1;
+END;
+)sql";
+
 [[noreturn]] void fail(sqlite3* db, const fs::path& file, const std::string& what) {
   throw StoreError(file.string() + ": " + what + ": " + sqlite3_errmsg(db));
 }
@@ -358,6 +402,7 @@ SqliteStore::SqliteStore(const fs::path& repo_root, std::optional<fs::path> db_f
       transaction([&] {
         if (version() != 0) return;  // another process created it meanwhile
         exec(kSchema);
+        exec(kRevisions);
         exec(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
       });
     }
@@ -628,7 +673,21 @@ std::optional<StoredPage> SqliteStore::page_origin(const std::string& branch,
 
 std::string SqliteStore::refresh_inputs(const std::string& branch) {
   Digest digest;
-  // Each query's rows, every column, each query's end marked.
+  Statement counted(db_, file_,
+                    "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'index_revision'");
+  if (counted.step()) {
+    // The counts, with the index's format (a setting, not a table the triggers watch).
+    Statement index(db_, file_, "SELECT n FROM index_revision");
+    Statement pages(db_, file_, "SELECT n FROM page_revisions WHERE branch = ?");
+    pages.bind(1, branch);
+    digest.add("counted");
+    digest.add(branch);
+    digest.add(std::int64_t{index_format()});
+    digest.add(index.step() ? index.integer(0) : std::int64_t{-1});
+    digest.add(pages.step() ? pages.integer(0) : std::int64_t{0});
+    return digest.hex();
+  }
+  // Before the counts exist: each query's rows, every column, each query's end marked.
   auto add_rows = [&](const char* sql, const std::string* bind) {
     Statement s(db_, file_, sql);
     if (bind) s.bind(1, *bind);
@@ -667,6 +726,7 @@ void SqliteStore::keep_refresh(const std::string& branch, const std::string& inp
                                const std::string& result) {
   transaction([&] {
     exec(kKeptRefreshes);
+    exec(kRevisions);
     Statement s(db_, file_, "INSERT OR REPLACE INTO kept_refreshes VALUES (?, ?, ?)");
     s.bind(1, branch).bind(2, inputs).bind(3, result);
     s.run();

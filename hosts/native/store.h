@@ -157,9 +157,11 @@ class SqliteStore : public wiki::Repository {
   std::optional<StoredPage> page_origin(const std::string& branch, const std::string& page_id);
 
   // ---- A refresh that changed nothing ----
-  // SHA-256 over all that a refresh of `branch` reads from the store: every column of the
+  // A digest of all that a refresh of `branch` reads from the store: every column of the
   // branch's pages, and the whole index (its format, each file's path, content hash and line
-  // count, each declaration). Equal digests: the refresh reads the same.
+  // count, each declaration). Equal digests: the refresh reads the same. Once a result has been
+  // kept, the database counts every write to those (see kRevisions) and the digest is of the
+  // counts; until then it is of the tables themselves.
   std::string refresh_inputs(const std::string& branch);
   // The result kept with keep_refresh for `branch`, when it was kept for these `inputs`.
   std::optional<std::string> kept_refresh(const std::string& branch, const std::string& inputs);

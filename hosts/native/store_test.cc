@@ -205,23 +205,44 @@ TEST(Store, RefreshInputsChangeWithEverythingARefreshReads) {
       {"file removed", [&](SqliteStore& s) { s.apply({.removed = {"a.py"}}); }},
       {"index format", [&](SqliteStore& s) { s.apply({.index_format = 7}); }},
   };
-  for (const auto& [what, change] : changes) {
-    TempDir repo;
-    SqliteStore store(repo.path());
-    store.replace_pages("main", {page(cited, {}, "h")});
-    store.replace_pages("other", {page(cited, {}, "h")});
-    store.apply({.indexed = {{facts, {symbol}}}, .index_format = 2});
-    const std::string before = store.refresh_inputs("main");
-    store.keep_refresh("main", before, "kept");
-    store.update_pages("other", {}, {"a"});                // another branch's pages are not read
-    store.apply({.touched = {{"a.py", "h", 11, 21, 3}}});  // nor a file's size and mtime
-    EXPECT_EQ(store.refresh_inputs("main"), before) << what;
-    EXPECT_EQ(store.kept_refresh("main", before), "kept") << what;
-    EXPECT_EQ(store.kept_refresh("other", before), std::nullopt) << what;
-    change(store);
-    const std::string after = store.refresh_inputs("main");
-    EXPECT_NE(after, before) << what;
-    EXPECT_EQ(store.kept_refresh("main", after), std::nullopt) << what;
+  // Before any result is kept the digest is of the tables; from then on, of the counts of writes
+  // to them.
+  for (const bool counted : {false, true}) {
+    for (const auto& [what, change] : changes) {
+      TempDir repo;
+      const auto db_file = repo.path() / "x.db";
+      if (!counted) {  // a store made before the counts: none of their tables and triggers
+        { SqliteStore made(repo.path(), db_file); }
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(db_file.c_str(), &db), SQLITE_OK);
+        std::string drop;
+        for (const char* table : {"pages", "files", "symbols"}) {
+          for (const char* what : {"added", "changed", "removed"}) {
+            drop += std::string("DROP TRIGGER ") + table + "_" + what + ";";
+          }
+        }
+        drop += "DROP TABLE page_revisions; DROP TABLE index_revision;";
+        ASSERT_EQ(sqlite3_exec(db, drop.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(db);
+      }
+      SqliteStore store(repo.path(), db_file);
+      store.replace_pages("main", {page(cited, {}, "h")});
+      store.replace_pages("other", {page(cited, {}, "h")});
+      store.apply({.indexed = {{facts, {symbol}}}, .index_format = 2});
+      const std::string before = store.refresh_inputs("main");
+      if (counted) store.keep_refresh("main", before, "kept");
+      store.update_pages("other", {}, {"a"});                // another branch's pages are not read
+      store.apply({.touched = {{"a.py", "h", 11, 21, 3}}});  // nor a file's size and mtime
+      EXPECT_EQ(store.refresh_inputs("main"), before) << what << " counted " << counted;
+      if (counted) {
+        EXPECT_EQ(store.kept_refresh("main", before), "kept") << what;
+        EXPECT_EQ(store.kept_refresh("other", before), std::nullopt) << what;
+      }
+      change(store);
+      const std::string after = store.refresh_inputs("main");
+      EXPECT_NE(after, before) << what << " counted " << counted;
+      EXPECT_EQ(store.kept_refresh("main", after), std::nullopt) << what;
+    }
   }
 }
 
