@@ -239,8 +239,7 @@ void MemoryHost::find(const Text& text, const std::function<void(const Citation&
   last_hit_ = 0;
   find_citations(text, 0, text.length(), [&](Found&& found) {
     spans_.emplace_back(found.start, found.end);
-    scanned_.push_back(
-        {{std::move(found.key), found.start}, found.end, found.byte_start, found.byte_end});
+    scanned_.push_back({{std::move(found.key), found.start}, found.byte_start, found.byte_end});
   });
   scanned_id_ = text.id();
   for (const Scanned& s : scanned_) each(s.citation);

@@ -104,10 +104,9 @@ class MemoryHost : public CitationSyntax,
   std::unique_ptr<WriteLock> open(const fs::path& wiki_dir) override;
 
  private:
-  // One citation that find() found, and where it ends; its span in bytes.
+  // One citation that find() found, and its span in bytes.
   struct Scanned {
     Citation citation;
-    std::size_t end = 0;
     std::size_t byte_begin = 0, byte_end = 0;
   };
   // The citations of the text find() scanned last (by Text::id()): last_end() and rewrite() of

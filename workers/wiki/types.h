@@ -50,10 +50,63 @@ struct CitationKeyHash {
   }
 };
 
+// The index of a table of items kept in insertion order elsewhere (a vector): item numbers by
+// hash, in one flat array of slots (open addressing, a power of two, at most half full). A
+// search compares hashes first and asks `is` about an item only where they agree.
+class HashSlots {
+ public:
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+  // Room for `items` items without growing.
+  void reserve(std::size_t items) {
+    std::size_t size = slots_.empty() ? 16 : slots_.size();
+    while (size < 2 * items) size *= 2;
+    if (size > slots_.size()) resize(size);
+  }
+  // The number of the item under `hash` for which `is(number)` holds, or kNone.
+  template <class Is>
+  std::size_t find(std::size_t hash, Is is) const {
+    if (slots_.empty()) return kNone;
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+      const Slot& slot = slots_[at];
+      if (slot.item == kNone) return kNone;
+      if (slot.hash == hash && is(slot.item)) return slot.item;
+    }
+  }
+  // Files item number `item` (not filed before) under `hash`.
+  void add(std::size_t hash, std::size_t item) {
+    reserve(++count_);
+    place(hash, item);
+  }
+
+ private:
+  struct Slot {
+    std::size_t hash = 0;
+    std::size_t item = kNone;  // kNone: empty
+  };
+  void place(std::size_t hash, std::size_t item) {
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t at = hash & mask;
+    while (slots_[at].item != kNone) at = (at + 1) & mask;
+    slots_[at] = {hash, item};
+  }
+  void resize(std::size_t size) {
+    std::vector<Slot> old(size);
+    old.swap(slots_);
+    for (const Slot& slot : old) {
+      if (slot.item != kNone) place(slot.hash, slot.item);
+    }
+  }
+
+  std::vector<Slot> slots_;
+  std::size_t count_ = 0;
+};
+
 // A map keyed by CitationKey that keeps the order in which keys were first inserted (results of
 // a page's refresh list their entries in text order, and hosts see them in that order). Each key
-// is held once, beside its value; a flat table of hashes finds it (a refresh fills such maps for
-// every page, so they make no allocation per key).
+// is held once, beside its value; HashSlots finds it (a refresh fills such maps for every page,
+// so they make no allocation per key).
 template <class V>
 class KeyedMap {
  public:
@@ -66,22 +119,21 @@ class KeyedMap {
 
   const V* find(const CitationKey& key) const {
     const std::size_t at = position(key, CitationKeyHash()(key));
-    return at == kNone ? nullptr : &items_[at].second;
+    return at == HashSlots::kNone ? nullptr : &items_[at].second;
   }
   V* find(const CitationKey& key) {
     const std::size_t at = position(key, CitationKeyHash()(key));
-    return at == kNone ? nullptr : &items_[at].second;
+    return at == HashSlots::kNone ? nullptr : &items_[at].second;
   }
   bool contains(const CitationKey& key) const { return find(key) != nullptr; }
   // Sets the value under `key`; a new key goes last, an existing key keeps its place.
   void set(CitationKey key, V value) {
     const std::size_t hash = CitationKeyHash()(key);
-    if (const std::size_t at = position(key, hash); at != kNone) {
+    if (const std::size_t at = position(key, hash); at != HashSlots::kNone) {
       items_[at].second = std::move(value);
       return;
     }
-    if (slots_.size() < 2 * (items_.size() + 1)) grow();
-    place(hash, items_.size());
+    index_.add(hash, items_.size());
     items_.emplace_back(std::move(key), std::move(value));
   }
 
@@ -95,37 +147,12 @@ class KeyedMap {
   }
 
  private:
-  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
-  struct Slot {
-    std::size_t hash = 0;
-    std::size_t item = kNone;  // index into items_; kNone: empty
-  };
-
   std::size_t position(const CitationKey& key, std::size_t hash) const {
-    if (slots_.empty()) return kNone;
-    const std::size_t mask = slots_.size() - 1;
-    for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
-      const Slot& slot = slots_[at];
-      if (slot.item == kNone) return kNone;
-      if (slot.hash == hash && items_[slot.item].first == key) return slot.item;
-    }
-  }
-  void place(std::size_t hash, std::size_t item) {
-    const std::size_t mask = slots_.size() - 1;
-    std::size_t at = hash & mask;
-    while (slots_[at].item != kNone) at = (at + 1) & mask;
-    slots_[at] = {hash, item};
-  }
-  void grow() {  // a power of two, at most half full
-    std::vector<Slot> old(slots_.empty() ? 16 : 2 * slots_.size());
-    old.swap(slots_);
-    for (const Slot& slot : old) {
-      if (slot.item != kNone) place(slot.hash, slot.item);
-    }
+    return index_.find(hash, [&](std::size_t item) { return items_[item].first == key; });
   }
 
   std::vector<value_type> items_;
-  std::vector<Slot> slots_;
+  HashSlots index_;
 };
 
 // The new line range of each citation whose lines change, keyed by its CitationKey.

@@ -139,7 +139,6 @@ class PageCitations {
   static constexpr std::uint32_t kNoNumber = static_cast<std::uint32_t>(-1);
   struct Entry {
     CitationKeyView key;
-    std::size_t hash = 0;
     const Record* record = nullptr;    // null: a citation of the text with no stored record
     CitationMembers members;           // of `record`
     std::uint32_t number = kNoNumber;  // the number of the key's path in the refresh's Files
@@ -148,44 +147,25 @@ class PageCitations {
 
   explicit PageCitations(std::size_t records) {
     entries_.reserve(records);
-    std::size_t slots = 16;
-    while (slots < 4 * records) slots *= 2;
-    slots_.assign(slots, 0);
+    index_.reserve(records);
   }
 
   Entry* find(const CitationKeyView& key, std::size_t hash) {
-    const std::size_t mask = slots_.size() - 1;
-    for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
-      const std::uint32_t slot = slots_[at];
-      if (slot == 0) return nullptr;
-      Entry& entry = entries_[slot - 1];
-      if (entry.hash == hash && entry.key == key) return &entry;
-    }
+    const std::size_t at =
+        index_.find(hash, [&](std::size_t entry) { return entries_[entry].key == key; });
+    return at == HashSlots::kNone ? nullptr : &entries_[at];
   }
   std::span<const Entry> entries() const { return entries_; }
   // Adds an entry for `key`, which find() does not know; its path must outlive the table.
   Entry& add(const CitationKeyView& key, std::size_t hash) {
-    if (slots_.size() < 2 * (entries_.size() + 1)) grow();
-    entries_.push_back({key, hash});
-    place(hash, static_cast<std::uint32_t>(entries_.size()));
+    index_.add(hash, entries_.size());
+    entries_.push_back({key});
     return entries_.back();
   }
 
  private:
-  void place(std::size_t hash, std::uint32_t slot) {
-    const std::size_t mask = slots_.size() - 1;
-    std::size_t at = hash & mask;
-    while (slots_[at] != 0) at = (at + 1) & mask;
-    slots_[at] = slot;
-  }
-  void grow() {
-    slots_.assign(2 * slots_.size(), 0);
-    for (std::size_t i = 0; i < entries_.size(); ++i)
-      place(entries_[i].hash, static_cast<std::uint32_t>(i + 1));
-  }
-
-  std::vector<Entry> entries_;        // add() may move them: callers hold none across it
-  std::vector<std::uint32_t> slots_;  // entry index + 1; 0: empty (a power of two, half full)
+  std::vector<Entry> entries_;  // add() may move them: callers hold none across it
+  HashSlots index_;
 };
 
 }  // namespace

@@ -17,36 +17,23 @@ namespace detail = citation_refresh::detail;
 using citation_refresh::RecordTypeError;
 
 Record anchored_record(const Record& citation, LineRange lines, const Symbol* symbol) {
-  const std::size_t count = symbol != nullptr ? 6 : 2;
-  if (!citation.is_object()) {  // as a copy set member by member would: null becomes a map
-    Record record = citation;
-    record["line_start"] = lines.first;
-    record["line_end"] = lines.last;
-    if (symbol == nullptr) return record;
-    record["symbol"] = symbol->fqn;
-    record["name"] = symbol->name;
-    record["symbol_start"] = symbol->start_line;
-    record["symbol_end"] = symbol->end_line;
-    return record;
-  }
   static constexpr std::string_view kKeys[] = {"line_start", "line_end",     "symbol",
                                                "name",       "symbol_start", "symbol_end"};
-  const auto value = [&](std::size_t which) -> Record {
-    switch (which) {
-      case 0:
-        return lines.first;
-      case 1:
-        return lines.last;
-      case 2:
-        return symbol->fqn;
-      case 3:
-        return symbol->name;
-      case 4:
-        return symbol->start_line;
-      default:
-        return symbol->end_line;
+  const std::size_t count = symbol != nullptr ? 6 : 2;
+  Record values[6] = {lines.first, lines.last};
+  if (symbol != nullptr) {
+    values[2] = symbol->fqn;
+    values[3] = symbol->name;
+    values[4] = symbol->start_line;
+    values[5] = symbol->end_line;
+  }
+  if (!citation.is_object()) {  // as a copy set member by member would: null becomes a map
+    Record record = citation;
+    for (std::size_t which = 0; which < count; ++which) {
+      record[std::string(kKeys[which])] = std::move(values[which]);
     }
-  };
+    return record;
+  }
   // One pass over the citation's members, each set one given its new value in its place.
   Record record = Record::object();
   auto& members = static_cast<Record::object_t::Container&>(record.get_ref<Record::object_t&>());
@@ -56,14 +43,14 @@ Record anchored_record(const Record& citation, LineRange lines, const Symbol* sy
     std::size_t which = 0;
     while (which < count && kKeys[which] != key) ++which;
     if (which < count) {
-      members.emplace_back(key, value(which));
+      members.emplace_back(key, std::move(values[which]));
       set[which] = true;
     } else {
       members.emplace_back(key, old);
     }
   }
   for (std::size_t which = 0; which < count; ++which) {
-    if (!set[which]) members.emplace_back(kKeys[which], value(which));
+    if (!set[which]) members.emplace_back(kKeys[which], std::move(values[which]));
   }
   return record;
 }
