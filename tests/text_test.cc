@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 namespace tolbarrow::workers::wiki {
 namespace {
 
@@ -22,6 +24,30 @@ TEST(Text, OffsetsCountCodePointsAcrossIndexBlocks) {
     ASSERT_EQ(text.point_at(bytes_of_point[p]), p) << p;
   }
   EXPECT_EQ(text.slice(1, 4), "\xC3\xA9\xE6\xBC\xA2\xF0\x9D\x84\x9E");
+}
+
+// Offsets of texts of every length up to a few words, of characters of random widths: the
+// conversions pass whole words of eight bytes, so every place a character may straddle one.
+TEST(Text, OffsetsAgreeWithACountByteByByte) {
+  const char* pieces[] = {"a", "\xC3\xA9", "\xE6\xBC\xA2", "\xF0\x9D\x84\x9E"};
+  std::mt19937 random(11);
+  for (int round = 0; round < 400; ++round) {
+    std::string s;
+    std::vector<std::size_t> starts;  // byte offset of each code point
+    const int points = round % 150;
+    for (int i = 0; i < points; ++i) {
+      starts.push_back(s.size());
+      s += pieces[round % 5 == 0 ? 0 : random() % 4];
+    }
+    starts.push_back(s.size());
+    const Text text(s);
+    ASSERT_EQ(count_points(s), static_cast<std::size_t>(points)) << s;
+    ASSERT_EQ(text.length(), static_cast<std::size_t>(points));
+    for (std::size_t p = 0; p < starts.size(); ++p) {
+      ASSERT_EQ(text.byte_at(p), starts[p]) << "round " << round << " point " << p;
+      ASSERT_EQ(text.point_at(starts[p]), p) << "round " << round << " point " << p;
+    }
+  }
 }
 
 TEST(Text, RejectsWhatStrictUtf8Rejects) {
