@@ -18,7 +18,8 @@
 //   with the host's citation pattern;
 // - write: the read floor plus every page written once through the host's atomic write.
 // Beside them, the read floor plus the claim of every legacy citation (read_floor_legacy_claims):
-// how much of the refresh's margin over the read floor the claims alone take.
+// how much of the refresh's margin over the read floor the claims alone take; and the work that
+// any refresh does on top of each floor (required_work, required_write_work): a lower bound.
 #include <malloc.h>
 #include <openssl/evp.h>
 #include <time.h>
@@ -198,18 +199,95 @@ std::int64_t legacy_claims(const cr::Host& services, MemoryHost& host, const Dat
   return names;
 }
 
+// The work that any refresh of the wiki does besides the read floor, whatever its own layout, as
+// cheaply as it can be had: every stored record's key read, one is_indexed() per citation of the
+// text, each cited file's declarations and line count asked of the index once, one fit_range()
+// per citation, and the claim of every legacy citation. No citation is matched with its record
+// and no declaration is searched for: a lower bound for the report-only refresh, not a model of it.
+// With `write`, also what a writing refresh cannot do without: the host's anchored record for
+// every stored record, every page written once, and "digests.json" read, checked as JSON (the
+// library's cheapest check, no tree built) and written back once.
+//
+// `legacy` tells, page by page in the text's order, which citations are legacy ones; `refreshed`,
+// page by page in the store's order, which stored records a citation of the text to an indexed
+// file refreshes (the others are never anchored).
+std::int64_t required_work(const cr::Host& services, MemoryHost& host, IndexedRepository& repo,
+                           const Data& data, const std::vector<std::vector<bool>>& legacy,
+                           const std::vector<std::vector<bool>>& refreshed, bool write) {
+  std::int64_t work = 0;
+  cr::detail::PathNumbers asked;  // the files whose declarations and line count were asked for
+  const std::unique_ptr<LineCounts> line_counts = host.line_counts(data.repo_root);
+  std::vector<std::string_view> found;
+  std::string storage;
+  for (std::size_t p = 0; p < data.pages.size(); ++p) {
+    const Record& page = data.pages[p];
+    std::size_t r = 0;
+    for (const Record& record : page.at("citations")) {
+      storage.clear();
+      const cr::detail::CitationMembers members = cr::detail::members_of(record);
+      const cr::detail::CitationKeyView key = cr::detail::stored_key_view(record, members, storage);
+      work += key.start;
+      if (write && refreshed[p][r])
+        work += host.anchored(record, {key.start, key.end}, nullptr).size();
+      ++r;
+    }
+    const fs::path path = data.wiki_dir / page.at("rel_path").get<std::string>();
+    const Text text(host.file_system.read_file(path));
+    std::size_t at = 0;
+    host.find(text, [&](const Citation& c) {
+      const bool is_legacy = legacy[p][at++];
+      if (!repo.is_indexed(c.key.path)) return;
+      const std::size_t hash = cr::detail::hash_text(c.key.path);
+      if (!asked.find(c.key.path, hash)) {
+        asked.number(c.key.path, hash);
+        work += static_cast<std::int64_t>(repo.get_symbols_by_path(c.key.path).size());
+        work += line_counts->count(c.key.path);
+      }
+      if (is_legacy) {
+        cr::detail::claim_names(services, text, c.start, found);
+        work += static_cast<std::int64_t>(found.size());
+      }
+      if (host.fit_range(c.key.start, c.key.end, 1000)) ++work;
+    });
+    if (write) host.file_system.atomic_write(path, text.str());
+  }
+  if (write) {
+    const fs::path digests = data.wiki_dir / "digests.json";
+    const std::string bytes = host.file_system.read_file(digests);
+    if (Record::accept(bytes)) host.file_system.atomic_write(digests, bytes);
+  }
+  return work;
+}
+
 int run_refresh(const fs::path& data_path, int repeat) {
   MemoryHost host;
   IndexedRepository repo;
   const Data data = load(data_path, host, repo);
   const cr::Host services = host.host();
   const std::vector<KeySet> legacy = legacy_keys(data);
-  // report, read floor, write, write floor, read floor with legacy claims
-  double best[5] = {1e300, 1e300, 1e300, 1e300, 1e300};
-  double best_cpu[5] = {1e300, 1e300, 1e300, 1e300, 1e300};
+  // For required_work: the same by each page's citations in order, and the stored records that
+  // an indexed citation of the text refreshes.
+  std::vector<std::vector<bool>> legacy_in_order, refreshed;
+  for (std::size_t p = 0; p < data.pages.size(); ++p) {
+    const fs::path path = data.wiki_dir / data.pages[p].at("rel_path").get<std::string>();
+    std::vector<bool>& in_order = legacy_in_order.emplace_back();
+    KeySet cited;
+    host.find(Text(data.wiki_files.at(path)), [&](const Citation& c) {
+      in_order.push_back(legacy[p].count(c.key) > 0);
+      if (c.key.start >= 1 && repo.is_indexed(c.key.path)) cited.insert(c.key);
+    });
+    std::vector<bool>& records = refreshed.emplace_back();
+    for (const Record& citation : data.pages[p].at("citations")) {
+      records.push_back(cited.count(cr::detail::stored_key(citation)) > 0);
+    }
+  }
+  // report, read floor, write, write floor, read floor with legacy claims, required work (report,
+  // write)
+  double best[7] = {1e300, 1e300, 1e300, 1e300, 1e300, 1e300, 1e300};
+  double best_cpu[7] = {1e300, 1e300, 1e300, 1e300, 1e300, 1e300, 1e300};
   cr::CitationRefresh report_result, write_result;
   for (int i = 0; i < repeat; ++i) {
-    for (int which = 0; which < 5; ++which) {
+    for (int which = 0; which < 7; ++which) {
       restore(data, host, repo);
       const double began_cpu = cpu_seconds();
       const auto began = Clock::now();
@@ -221,6 +299,8 @@ int run_refresh(const fs::path& data_path, int repeat) {
                                              {.write = true});
       } else if (which == 4) {
         legacy_claims(services, host, data, legacy);
+      } else if (which >= 5) {
+        required_work(services, host, repo, data, legacy_in_order, refreshed, which == 6);
       } else {
         read_floor(host, data, which == 3);
       }
@@ -237,12 +317,16 @@ int run_refresh(const fs::path& data_path, int repeat) {
                       {"write", best[2]},
                       {"write_floor", best[3]},
                       {"read_floor_legacy_claims", best[4]},
+                      {"required_work", best[5]},
+                      {"required_write_work", best[6]},
                       {"cpu",
                        {{"report", best_cpu[0]},
                         {"read_floor", best_cpu[1]},
                         {"write", best_cpu[2]},
                         {"write_floor", best_cpu[3]},
-                        {"read_floor_legacy_claims", best_cpu[4]}}},
+                        {"read_floor_legacy_claims", best_cpu[4]},
+                        {"required_work", best_cpu[5]},
+                        {"required_write_work", best_cpu[6]}}},
                       {"moved", moved},
                       {"repaired", write_result.repaired},
                       {"lost", write_result.unrepairable},
