@@ -34,7 +34,7 @@ for target in "${targets[@]}"; do
     status=$?
   elapsed=$(($(date +%s) - start))
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$dir/log" | tail -1)
-  cov=$(grep -o 'cov: [0-9]*' "$dir/log" | tail -1 | cut -d' ' -f2)
+  cov=$(grep -o 'cov: [0-9]*' "$dir/log" | tail -1 | cut -d' ' -f2 || true)
   # Slow units (written when one input took over 10 s, as on a loaded machine) are not findings.
   crashes=$(find "$dir/crashes" -type f -not -name 'slow-unit-*' | wc -l)
   printf '%-10s %12s %8s %6s %8s\n' "$target" "${runs:-?}" "$elapsed" "${cov:-?}" "$crashes"
