@@ -4,8 +4,10 @@
 //
 // Checked: reading never throws; moving throws only the documented RecordTypeError or
 // RecordValueError for a digest whose citations are not a list of maps or whose lines are no
-// 64-bit lines; the moved map, written and read back, equals the moved map; and writing what was
-// read back gives the same text.
+// 64-bit lines; the moved map, written and read back, equals the moved map; writing what was read
+// back gives the same text; and a file taken to be moved in its text (DigestText) is one that the
+// map writes back unchanged, each page of it throws in the text as in the map, and it ends as the
+// moved map is written.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -63,16 +65,33 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::optional<wiki::Record> map = read(files);
   if (!map) return 0;
   if (!map->is_object()) __builtin_trap();
+  // The same file moved in its text, when it is taken as text: only a file that the map writes
+  // back unchanged may be.
+  std::string body = fuzz.body;
+  std::optional<cr::detail::DigestText> text = cr::detail::DigestText::read(body);
+  if (text && cr::detail::dump_digests(*map) != fuzz.body) __builtin_trap();
   const wiki::Moves moves = pick_moves(*map, input);
-  for (auto& [page, digest] : map->items()) {
-    try {
-      cr::detail::move_digest_citations(&digest, moves);
-    } catch (const cr::RecordTypeError&) {
-    } catch (const cr::RecordValueError&) {
-    }
+  bool threw = false;
+  std::vector<cr::detail::DigestChange> changed;
+  for (auto item = map->begin(); item != map->end(); ++item) {
+    const std::string& page = item.key();
+    wiki::Record& digest = item.value();
+    const auto move = [&](auto&& how) {
+      try {
+        how();
+        return false;
+      } catch (const cr::RecordTypeError&) {
+      } catch (const cr::RecordValueError&) {
+      }
+      return true;
+    };
+    const bool by_map = move([&] { cr::detail::move_digest_citations(&digest, moves); });
+    if (text && move([&] { text->move(page, moves, changed); }) != by_map) __builtin_trap();
+    threw = threw || by_map;
   }
 
   const std::string written = cr::detail::dump_digests(*map);
+  if (text && !threw && text->text() != written) __builtin_trap();  // moved otherwise
   files.files[kPath] = written;
   const std::optional<wiki::Record> reread = read(files);
   if (!reread || *reread != *map) __builtin_trap();  // lost or changed on the way through the file

@@ -138,17 +138,22 @@ class DigestParser {
 
 }  // namespace
 
-std::optional<Record> read_digests_to_rewrite(FileSystem& file_system, const fs::path& path,
-                                              std::string& why) {
-  std::string bytes;
+namespace {
+
+// The bytes of the digest file at `path`; none when there is no such file. Only an absent file
+// means no digests: any other failure would have the refresh replace every digest with an empty
+// map, and ends the refresh instead.
+std::optional<std::string> read_digest_bytes(FileSystem& file_system, const fs::path& path) {
   try {
-    bytes = file_system.read_file(path);
+    return file_system.read_file(path);
   } catch (const fs::filesystem_error& error) {
-    // Only an absent file means no digests. Any other failure would have the refresh replace
-    // every digest with an empty map: it ends the refresh instead.
-    if (error.code() == std::errc::no_such_file_or_directory) return Record::object();
+    if (error.code() == std::errc::no_such_file_or_directory) return std::nullopt;
     throw;
   }
+}
+
+// read_digests_to_rewrite() of the file's bytes.
+std::optional<Record> parse_digests_to_rewrite(const std::string& bytes, std::string& why) {
   if (bytes.rfind("\xEF\xBB\xBF", 0) == 0 || first_invalid_utf8(bytes) != std::string_view::npos) {
     return Record::object();
   }
@@ -160,6 +165,14 @@ std::optional<Record> read_digests_to_rewrite(FileSystem& file_system, const fs:
     return std::nullopt;
   }
   return parsed_ok && parsed.is_object() ? parsed : Record::object();
+}
+
+}  // namespace
+
+std::optional<Record> read_digests_to_rewrite(FileSystem& file_system, const fs::path& path,
+                                              std::string& why) {
+  const std::optional<std::string> bytes = read_digest_bytes(file_system, path);
+  return bytes ? parse_digests_to_rewrite(*bytes, why) : Record::object();
 }
 
 Record read_digests(FileSystem& file_system, const fs::path& path) {
@@ -233,27 +246,33 @@ DigestFile::DigestFile(FileSystem& file_system, Repository& repository, const fs
       read_page_(std::move(read_page)),
       warn_(std::move(warn)) {}
 
-bool DigestFile::load() {
-  if (!read_) {
-    read_ = true;
-    std::string why;
-    digests_ = read_digests_to_rewrite(file_system_, digests_path_, why);
-    if (!digests_) {
-      warn_("wiki citation refresh: " + digests_path_.string() + " left as it is: " + why);
-      return false;
-    }
-    // Where each page's digest stands: a search of its own for every page would grow with the
-    // square of the wiki.
-    for (auto& [id, digest] : digests_->items()) digest_at_.emplace(id, &digest);
+bool DigestFile::load(bool as_map) {
+  if (read_) return text_ || digests_;
+  read_ = true;
+  std::optional<std::string> bytes = read_digest_bytes(file_system_, digests_path_);
+  if (!bytes) {
+    digests_ = Record::object();
+    return true;
   }
-  return digests_.has_value();
+  // As dump_digests() writes it (so as every writing refresh leaves it): moved in its text.
+  if (!as_map && (text_ = DigestText::read(*bytes))) return true;
+  std::string why;
+  digests_ = parse_digests_to_rewrite(*bytes, why);
+  if (!digests_) {
+    warn_("wiki citation refresh: " + digests_path_.string() + " left as it is: " + why);
+    return false;
+  }
+  // Where each page's digest stands: a search of its own for every page would grow with the
+  // square of the wiki.
+  for (auto& [id, digest] : digests_->items()) digest_at_.emplace(id, &digest);
+  return true;
 }
 
 void DigestFile::recover() {
   if (!file_system_.is_file(journal_path_)) return;
   const std::string journal = file_system_.read_file(journal_path_);
   // Left as it is with the digest file, for a refresh that can rewrite the file to apply.
-  if (!load()) return;
+  if (!load(/*as_map=*/true)) return;
   std::size_t line = 0;
   try {
     // Whole lines only: a last line without its line feed is a torn append.
@@ -306,9 +325,13 @@ void DigestFile::move(const std::string& page_id, const fs::path& rel_path,
   if (moves.empty()) return;
   moved_ = true;
   if (!load()) return;
-  auto entry = digest_at_.find(page_id);
   std::vector<DigestChange> changed;
-  move_digest_citations(entry == digest_at_.end() ? nullptr : entry->second, moves, &changed);
+  if (text_) {
+    text_->move(page_id, moves, changed);
+  } else {
+    auto entry = digest_at_.find(page_id);
+    move_digest_citations(entry == digest_at_.end() ? nullptr : entry->second, moves, &changed);
+  }
   if (changed.empty()) return;
 
   // The line as the library would write the record {"page_id", "page", "old_text_hash",
@@ -331,6 +354,7 @@ void DigestFile::move(const std::string& page_id, const fs::path& rel_path,
 }
 
 void DigestFile::finish() {
+  if (moved_ && text_) file_system_.atomic_write(digests_path_, text_->text());
   if (moved_ && digests_) file_system_.atomic_write(digests_path_, dump_digests(*digests_));
   if (journaled_) file_system_.remove_file(journal_path_);
 }

@@ -278,6 +278,31 @@ void move_digest_citations(Record* digest, const Moves& moves,
 // UTF-8, no line feed at the end.
 std::string dump_digests(const Record& digests);
 
+// "digests.json" as dump_digests() writes it, its digests moved in the text: the members of the
+// outer map are found once, and a moved digest's two lines are replaced in its text. See
+// digest_text.cc.
+class DigestText {
+ public:
+  // The file's text (moved from `text`) when it is exactly what dump_digests() writes for the map
+  // it holds, and reading and writing it back could change nothing: no float, no escape that the
+  // writer would spell otherwise, no key given twice; none otherwise, `text` left as it was.
+  static std::optional<DigestText> read(std::string& text);
+  // As move_digest_citations() on the digest of page `page_id` (nothing when the map has none),
+  // noting each citation changed in `changed`. Throws as it does. False when the digest was moved
+  // through the map (a line that is no integer, a moved citation without one of its lines).
+  bool move(const std::string& page_id, const Moves& moves, std::vector<DigestChange>& changed);
+  // What dump_digests() writes for the map with every move made.
+  std::string text() const;
+
+ private:
+  std::string_view value(std::size_t member) const;  // the member's value text as it is now
+
+  std::string text_;
+  std::vector<std::pair<std::size_t, std::size_t>> spans_;  // each member's value in text_
+  std::unordered_map<std::string, std::size_t> at_;         // members by key
+  std::vector<std::optional<std::string>> values_;          // the moved members' new text
+};
+
 // "digests.json" of one writing refresh, kept in step with the page files. The refresh writes
 // each page as it goes and the digest file once at the end, so a refresh that stops part way
 // (an error, a full disk, a kill) has written pages whose digest changes are not in the file, and
@@ -304,7 +329,9 @@ class DigestFile {
   void finish();
 
  private:
-  bool load();  // reads the digest map once; false when the file is left as it is
+  // Reads the digest file once: as text (DigestText) when it can be moved in its text, unless
+  // `as_map`, else as the digest map. False when the file is left as it is.
+  bool load(bool as_map = false);
   void apply(const Record& page);
 
   FileSystem& file_system_;
@@ -314,7 +341,8 @@ class DigestFile {
   std::function<void(const std::string&)> warn_;
   bool read_ = false;              // the digest file was read (or found unfit to rewrite)
   bool moved_ = false;             // some page had moves
-  std::optional<Record> digests_;  // none when the file is left as it is
+  std::optional<DigestText> text_;  // the file as text, when it is moved in its text
+  std::optional<Record> digests_;   // else the map; none when the file is left as it is
   std::unordered_map<std::string, Record*> digest_at_;
   bool journaled_ = false;  // this refresh added to the journal
 };
