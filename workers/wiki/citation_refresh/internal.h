@@ -339,8 +339,8 @@ class DigestFile {
   std::filesystem::path wiki_dir_, digests_path_, journal_path_;
   std::function<std::string(const std::filesystem::path&)> read_page_;
   std::function<void(const std::string&)> warn_;
-  bool read_ = false;              // the digest file was read (or found unfit to rewrite)
-  bool moved_ = false;             // some page had moves
+  bool read_ = false;               // the digest file was read (or found unfit to rewrite)
+  bool moved_ = false;              // some page had moves
   std::optional<DigestText> text_;  // the file as text, when it is moved in its text
   std::optional<Record> digests_;   // else the map; none when the file is left as it is
   std::unordered_map<std::string, Record*> digest_at_;
