@@ -81,7 +81,16 @@ const wiki::Symbol* CtagsAnchoring::anchor_symbol(std::span<const wiki::Symbol> 
 
 wiki::Record CtagsAnchoring::anchored(const wiki::Record& citation, wiki::LineRange lines,
                                       const wiki::Symbol* symbol) {
-  return wiki::anchored_record(citation, lines, symbol);
+  wiki::Record out = wiki::anchored_record(citation, lines, symbol);
+  // What the record was placed against (the command's "blob" and "text") holds only for the lines
+  // it was placed on: a record given other lines is placed anew when the anchors file is written.
+  const auto start = citation.find("line_start"), end = citation.find("line_end");
+  if (start == citation.end() || end == citation.end() || *start != lines.first ||
+      *end != lines.last) {
+    out.erase("blob");
+    out.erase("text");
+  }
+  return out;
 }
 
 std::unique_ptr<wiki::LineCounts> IndexCitationRanges::line_counts(const fs::path& repo_root) {

@@ -41,7 +41,7 @@ std::string one_line(const wiki::Record& value) {
 
 }  // namespace
 
-Anchors parse_anchors(const std::string& bytes, const fs::path& file) {
+Anchors parse_anchors(const std::string& bytes, const fs::path& file, OlderAnchors* older) {
   const std::size_t bad = wiki::first_invalid_utf8(bytes);
   if (bad != std::string::npos) {
     throw AnchorsError(file.string() + ": not valid UTF-8 at byte " + std::to_string(bad));
@@ -61,6 +61,14 @@ Anchors parse_anchors(const std::string& bytes, const fs::path& file) {
       fail("anchors file version " + std::to_string(v->get<int>()) + " is newer than version " +
            std::to_string(kAnchorsVersion) + " that this program knows");
     }
+  }
+  if (older != nullptr) {
+    const auto version = json.find("version");
+    const int number = version != json.end() ? version->get<int>() : 1;
+    const auto marks = json.find("refreshed");
+    *older = number < kAnchorsVersion || marks != json.end()
+                 ? OlderAnchors{number, marks != json.end() ? *marks : wiki::Record()}
+                 : OlderAnchors{};
   }
   Anchors anchors;
   auto pages = json.find("pages");
@@ -137,15 +145,7 @@ void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& an
   for (StoredPage& page : pages) {
     known.insert(page.page_id);
     auto recorded = anchors.find(page.page_id);
-    if (recorded == anchors.end()) continue;
-    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> keys;
-    for (const wiki::Record& record : recorded->second) keys.insert(*key_of(record));
-    std::vector<wiki::Record> citations = recorded->second;
-    for (wiki::Record& record : page.citations) {
-      const auto key = key_of(record);
-      if (!key || !keys.count(*key)) citations.push_back(std::move(record));
-    }
-    page.citations = std::move(citations);
+    page.citations = recorded != anchors.end() ? recorded->second : std::vector<wiki::Record>();
     page.content_hash.reset();  // its records are no longer known to be its text's
   }
   for (const auto& [id, records] : anchors) {

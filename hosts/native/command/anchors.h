@@ -16,7 +16,10 @@
 namespace tolbarrow::hosts::native::command {
 
 inline constexpr const char* kAnchorsFileName = ".citation-anchors.json";
-inline constexpr int kAnchorsVersion = 1;
+// Version 2 keeps with each record what it was placed against (history.h); version 1 kept, per
+// branch, the state of the work tree under "refreshed" instead. A file of version 1 is read, and
+// the next writing run writes it anew.
+inline constexpr int kAnchorsVersion = 2;
 
 // A malformed anchors file; the message names the file and the problem.
 class AnchorsError : public std::runtime_error {
@@ -31,8 +34,15 @@ std::optional<wiki::CitationKey> key_of(const wiki::Record& record);
 using Anchors = std::map<std::string, std::vector<wiki::Record>>;
 
 // The records of the anchors file `file` whose content is `bytes`. Throws AnchorsError for a
-// file that is not UTF-8 JSON of the expected shape (a merge conflict left in it, say).
-Anchors parse_anchors(const std::string& bytes, const std::filesystem::path& file);
+// file that is not UTF-8 JSON of the expected shape (a merge conflict left in it, say). For a file
+// of an earlier version, `older` (when given) is set to its version and `marks` to its
+// "refreshed" member (null when it has none).
+struct OlderAnchors {
+  int version = 0;  // 0: the file is of the current version
+  wiki::Record marks;
+};
+Anchors parse_anchors(const std::string& bytes, const std::filesystem::path& file,
+                      OlderAnchors* older = nullptr);
 
 // The file's text for `pages`: pretty-printed JSON, pages in page id order, one citation record
 // per line in the store's order, so that concurrent edits of different pages merge cleanly. The
@@ -59,12 +69,12 @@ class AnchorsText {
   bool empty_ = true;
 };
 
-// Puts the anchors file's records into the branch's stored pages: a citation (path and lines)
-// that the file records takes the file's record, other stored records stay, and a page only the
-// file knows is added; a page that takes records loses its content hash, so that page_sync
-// drops whatever its text no longer cites. Records `hash`,
-// the file's SHA-256, as the anchors file the pages took, in the same transaction: seeding the
-// same file again would give pages that a refresh rewrote since their records from before it.
+// Makes the anchors file's records the branch's stored records: each page takes exactly the
+// records the file holds for it (none when the file has no such page), whatever the store held,
+// and a page only the file knows is added. Every page loses its content hash, so that page_sync
+// drops the records its text no longer cites and adds those it cites anew. Records `hash`, the
+// file's SHA-256, as the anchors file the pages took, in the same transaction: seeding the same
+// file again would give pages that a refresh rewrote since their records from before it.
 void seed_pages(SqliteStore& store, const std::string& branch, const Anchors& anchors,
                 const std::string& hash);
 

@@ -196,6 +196,37 @@ std::map<std::string, std::string> renames(const fs::path& root, const std::stri
       with_index({"diff", "-M", "--name-status", "-z", "--diff-filter=R", commit, "--"}));
 }
 
+// Old path -> new path for the cited files `gone` from the work tree that git's rename detection
+// says were renamed: each diffed from the last commit that has it (HEAD, or the parent of the last
+// commit that touched it), so that a rename committed on any branch, or not committed at all, is
+// followed. Paths whose history this clone does not have stay unfollowed.
+std::map<std::string, std::string> renames_of(const fs::path& root,
+                                              const std::vector<std::string>& gone) {
+  std::map<std::string, std::vector<std::string>> by_base;  // commit -> paths it has
+  for (const std::string& path : gone) {
+    if (run_process({"git", "cat-file", "-e", "HEAD:" + path}, root).exit_code == 0) {
+      by_base["HEAD"].push_back(path);
+      continue;
+    }
+    const ProcessResult last =
+        run_process({"git", "log", "-1", "--format=%H", "--", ":(literal)" + path}, root);
+    const std::vector<std::string> lines = split(last.out, '\n');
+    if (last.exit_code != 0 || lines.empty()) continue;
+    const std::string parent = lines[0] + "^";
+    if (run_process({"git", "cat-file", "-e", parent + ":" + path}, root).exit_code == 0) {
+      by_base[parent].push_back(path);
+    }
+  }
+  std::map<std::string, std::string> out;
+  for (const auto& [base, paths] : by_base) {
+    const std::map<std::string, std::string> found = renames(root, base);
+    for (const std::string& path : paths) {
+      if (auto it = found.find(path); it != found.end()) out.insert(*it);
+    }
+  }
+  return out;
+}
+
 wiki::Line as_line(const wiki::Record& value) {
   return value.is_number_integer() ? value.get<wiki::Line>() : 0;
 }
@@ -309,19 +340,6 @@ std::optional<wiki::Record> within_declaration(const wiki::Record& record, const
 
 namespace {
 
-// Whether the work tree is in the state `then` for every cited path of `cited` (cited path ->
-// where it is now): the same commit, and each cited file's content the same.
-bool same_state(const Mark& then, const Mark& now,
-                const std::map<std::string, std::optional<std::string>>& cited) {
-  if (then.commit != now.commit) return false;
-  for (const auto& [path, where] : cited) {
-    auto a = then.dirty.find(path), b = now.dirty.find(path);
-    if ((a == then.dirty.end()) != (b == now.dirty.end())) return false;
-    if (a != then.dirty.end() && a->second != b->second) return false;
-  }
-  return true;
-}
-
 // A page's text as the refresh reads it (CR LF and lone CR as LF), for the digest journal's
 // hashes of page texts.
 std::string as_refreshed(std::string bytes) {
@@ -386,81 +404,45 @@ void add_digest_changes(SqliteStore& store, const fs::path& wiki_dir,
   }
 }
 
-wiki::Record mark_json(const Mark& mark) {
-  wiki::Record dirty = wiki::Record::object();
-  for (const auto& [path, blob] : mark.dirty) dirty[path] = blob;
-  wiki::Record out{{"commit", mark.commit}, {"clean", mark.clean}};
-  if (!mark.dirty.empty()) out["dirty"] = dirty;
-  return out;
-}
-
-// The "refreshed" member of an anchors file whose bytes are `bytes`; an empty object when it has
-// none or is no JSON object. Only that member is built: the other members (the pages, nearly all
-// of the file) are checked as JSON and passed over, so that reading the marks costs no more than
-// the file's size.
-wiki::Record refreshed_in(const std::string& bytes) {
-  using Event = wiki::Record::parse_event_t;
-  bool keep = false;  // whether the top-level member being read is "refreshed"
-  const wiki::Record json = wiki::Record::parse(
-      bytes,
-      [&](int depth, Event event, wiki::Record& parsed) {
-        if (depth != 1) return true;
-        if (event == Event::key) keep = parsed == kRefreshedKey;
-        return keep;
-      },
-      /*allow_exceptions=*/false);
-  if (!json.is_object()) return wiki::Record::object();
-  auto it = json.find(kRefreshedKey);
-  return it != json.end() && it->is_object() ? *it : wiki::Record::object();
-}
-
-// The anchors file's "refreshed" member; an empty object when it has none or cannot be read.
-wiki::Record refreshed_of(const fs::path& file) {
-  std::error_code error;
-  if (!fs::exists(file, error)) return wiki::Record::object();
-  return refreshed_in(read_bytes(file));
-}
-
 }  // namespace
 
-Mark parse_mark(const wiki::Record& json, const std::function<void(const std::string&)>& fail) {
-  if (!json.is_object()) fail("not an object");
-  Mark mark;
-  auto commit = json.find("commit");
-  if (commit == json.end() || !commit->is_string() || commit->get<std::string>().empty() ||
-      commit->get<std::string>().find_first_not_of("0123456789abcdef") != std::string::npos) {
-    fail("\"commit\" is not a commit id");
-    return mark;
-  }
-  mark.commit = commit->get<std::string>();
-  if (auto clean = json.find("clean"); clean != json.end() && clean->is_boolean()) {
-    mark.clean = clean->get<bool>();
-  }
-  if (auto dirty = json.find("dirty"); dirty != json.end()) {
-    if (!dirty->is_object()) {
-      fail("\"dirty\" is not an object");
-      return mark;
-    }
-    for (auto entry = dirty->begin(); entry != dirty->end(); ++entry) {
-      if (!entry->is_string()) {
-        fail("\"dirty\": \"" + entry.key() + "\" is not a blob id");
-        continue;
+std::string cited_text_hash(std::string_view content, wiki::Line first, wiki::Line last) {
+  if (first < 1 || last < first) return {};
+  std::string joined;
+  std::size_t at = 0;
+  for (wiki::Line n = 1; n <= last; ++n) {
+    if (at >= content.size()) return {};  // the file ends before the cited lines do
+    const std::size_t eol = std::min(content.find('\n', at), content.size());
+    if (n >= first) {
+      std::string_view line = content.substr(at, eol - at);
+      while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r')) {
+        line.remove_suffix(1);
       }
-      mark.dirty[entry.key()] = entry->get<std::string>();
+      if (n > first) joined += '\n';
+      joined += line;
     }
+    at = eol + 1;
   }
-  return mark;
+  return sha256_hex(joined).substr(0, 16);
 }
 
-std::optional<Mark> read_mark(const fs::path& file, const std::string& branch) {
-  const wiki::Record refreshed = refreshed_of(file);
-  auto it = refreshed.find(branch);
-  if (it == refreshed.end()) return std::nullopt;
-  return parse_mark(*it, [&](const std::string& what) {
-    throw AnchorsError(file.string() + ": \"" + kRefreshedKey + "\" of branch \"" + branch +
-                       "\": " + what);
-  });
+namespace detail {
+
+std::optional<wiki::LineRange> find_text(std::string_view content, const std::string& text,
+                                         wiki::Line count, wiki::LineRange within,
+                                         wiki::Line near) {
+  if (text.empty() || count < 1) return std::nullopt;
+  std::optional<wiki::LineRange> best;
+  for (wiki::Line first = std::max<wiki::Line>(within.first, 1);
+       first + count - 1 <= within.last; ++first) {
+    const wiki::Line last = first + count - 1;
+    if (cited_text_hash(content, first, last) != text) continue;
+    if (!best || std::llabs(first - near) < std::llabs(best->first - near)) best = {first, last};
+  }
+  return best;
 }
+
+}  // namespace detail
 
 std::string wiki_in(const fs::path& root, const fs::path& wiki_dir) {
   std::error_code error;
@@ -471,13 +453,13 @@ std::string wiki_in(const fs::path& root, const fs::path& wiki_dir) {
   return rel.ends_with('/') ? rel.substr(0, rel.size() - 1) : rel;
 }
 
-std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::string>& paths,
-                                 bool keep_blobs, const std::string& wiki) {
-  const ProcessResult head = run_process({"git", "rev-parse", "--verify", "--quiet", "HEAD"}, root);
-  if (head.exit_code != 0) return std::nullopt;  // no commit yet, or not a git work tree
-  Mark mark;
-  mark.commit = split(head.out, '\n').at(0);
-  // Files that differ from the commit, and untracked ones: unlike `git diff`, `git status` keeps
+std::map<std::string, std::string> work_tree_blobs(const fs::path& root,
+                                                   const std::vector<std::string>& paths,
+                                                   bool keep_blobs, const std::string& wiki) {
+  std::map<std::string, std::string> blobs;
+  const ProcessResult inside = run_process({"git", "rev-parse", "--is-inside-work-tree"}, root);
+  if (inside.exit_code != 0) return blobs;  // no git work tree: nothing to carry from
+  // Files that differ from git's index or its commit, and untracked ones: `git status` keeps
   // what it learns of the work tree in git's index (when it can take its lock), so that the next
   // run does not read again files that changed once. The wiki's pages, which a refresh has just
   // rewritten (too recently for git to trust their times), are left out, but for cited ones.
@@ -490,77 +472,180 @@ std::optional<Mark> current_mark(const fs::path& root, const std::vector<std::st
       if (entry.size() > 3) changed.emplace(entry.substr(3));  // "XY path"
     }
   };
+  const std::set<std::string> wanted(paths.begin(), paths.end());
   if (wiki.empty()) {
     status({});
   } else {
     status({".", ":(exclude,literal)" + wiki});
     std::set<std::string> in_wiki;
-    for (const std::string& path : paths) {
+    for (const std::string& path : wanted) {
       if (path.starts_with(wiki + "/")) in_wiki.insert(":(literal)" + path);
     }
     if (!in_wiki.empty()) status({in_wiki.begin(), in_wiki.end()});
   }
-  std::vector<std::string> dirty;
+  // The index's blob of each file git says is as the index holds it ("mode blob stage\tpath").
+  std::map<std::string, std::string> indexed;
+  for (std::string_view entry : split(git(root, {"ls-files", "-s", "-z"}), '\0')) {
+    const std::size_t tab = entry.find('\t');
+    if (tab == std::string_view::npos || tab < 48) continue;
+    indexed.emplace(entry.substr(tab + 1), entry.substr(7, 40));
+  }
+  std::vector<std::string> to_hash;
   ContainedPaths contained(root);  // each directory's links followed once
-  for (const std::string& path : std::set<std::string>(paths.begin(), paths.end())) {
-    if (!changed.count(path) || path.find('\n') != std::string::npos) continue;
+  for (const std::string& path : wanted) {
+    if (path.find('\n') != std::string::npos) continue;
+    auto in_index = indexed.find(path);
+    if (!changed.count(path) && in_index != indexed.end()) {
+      blobs[path] = in_index->second;
+      continue;
+    }
     const auto file = contained(path);
-    if (file && fs::is_regular_file(*file)) {
-      dirty.push_back(path);
+    std::error_code error;
+    if (file && fs::is_regular_file(*file, error)) {
+      to_hash.push_back(path);
     } else {
-      // Changed and gone from the work tree (deleted, or moved and not yet added): git's null
-      // object id, so that a mark tells this state from the committed file.
-      mark.dirty[path] = std::string(40, '0');
+      blobs[path] = std::string(40, '0');  // gone from the work tree
     }
   }
-  if (!dirty.empty()) {
+  if (!to_hash.empty()) {
     std::string input;
-    for (const std::string& path : dirty) input += path + "\n";
+    for (const std::string& path : to_hash) input += path + "\n";
     std::vector<std::string> args{"hash-object"};
     if (keep_blobs) args.push_back("-w");
     args.push_back("--stdin-paths");
-    const std::vector<std::string> blobs = split(git(root, args, input), '\n');
-    for (std::size_t i = 0; i < dirty.size() && i < blobs.size(); ++i) {
-      mark.dirty[dirty[i]] = blobs[i];
-    }
+    const std::vector<std::string> ids = split(git(root, args, input), '\n');
+    for (std::size_t i = 0; i < to_hash.size() && i < ids.size(); ++i) blobs[to_hash[i]] = ids[i];
   }
-  mark.clean = mark.dirty.empty();
-  return mark;
+  return blobs;
 }
 
-std::optional<std::string> write_anchors_marked(
-    SqliteStore& store, const std::string& branch, const fs::path& file,
-    const std::function<std::optional<Mark>(const std::vector<std::string>&)>& mark) {
+std::string state_of(const std::map<std::string, std::string>& blobs) {
+  std::string text;
+  for (const auto& [path, blob] : blobs) text += path + '\0' + blob + '\n';
+  return "blobs " + sha256_hex(text);
+}
+
+void place_from_marks(const fs::path& root, const wiki::Record& marks, const std::string& branch,
+                      std::map<std::string, std::vector<wiki::Record>>& pages) {
+  if (!marks.is_object() || marks.empty()) return;
+  auto mark = marks.find(branch);
+  if (mark == marks.end()) {
+    if (marks.size() != 1) return;
+    mark = marks.begin();
+  }
+  if (!mark->is_object()) return;
+  const std::string commit = mark->value("commit", "");
+  if (commit.empty() || commit.find_first_not_of("0123456789abcdef") != std::string::npos) return;
+  const wiki::Record dirty = mark->value("dirty", wiki::Record::object());
+  // The commit's blob of each cited file that the mark does not list as changed.
+  std::vector<std::string> paths;
+  std::set<std::string> seen;
+  for (auto& [page, records] : pages) {
+    for (const wiki::Record& record : records) {
+      const auto key = key_of(record);
+      if (key && !record.contains(kBlobMember) && !dirty.contains(key->path) &&
+          key->path.find('\n') == std::string::npos && seen.insert(key->path).second) {
+        paths.push_back(key->path);
+      }
+    }
+  }
+  std::map<std::string, std::string> at_commit;
+  if (!paths.empty()) {
+    std::string input;
+    for (const std::string& path : paths) input += commit + ":" + path + "\n";
+    const ProcessResult ids =
+        run_process({"git", "cat-file", "--batch-check=%(objectname) %(objecttype)"}, root, input);
+    const std::vector<std::string> lines = split(ids.out, '\n');
+    for (std::size_t i = 0; ids.exit_code == 0 && i < paths.size() && i < lines.size(); ++i) {
+      const std::vector<std::string> words = split(lines[i], ' ');
+      if (words.size() == 2 && words[1] == "blob") at_commit[paths[i]] = words[0];
+    }
+  }
+  for (auto& [page, records] : pages) {
+    for (wiki::Record& record : records) {
+      const auto key = key_of(record);
+      if (!key || record.contains(kBlobMember)) continue;
+      if (auto blob = dirty.find(key->path); blob != dirty.end() && blob->is_string()) {
+        record[kBlobMember] = *blob;
+      } else if (auto blob = at_commit.find(key->path); blob != at_commit.end()) {
+        record[kBlobMember] = blob->second;
+      }
+    }
+  }
+}
+
+std::optional<std::string> write_anchors_placed(SqliteStore& store, const std::string& branch,
+                                                const fs::path& file,
+                                                const std::vector<std::string>& cited) {
+  const fs::path& root = store.repo_root();
+  // Records that have not been placed since their lines last changed: the work tree's blob and
+  // text of their lines now.
+  std::set<std::string> to_place(cited.begin(), cited.end());
+  std::vector<StoredPage> unplaced;
+  store.each_page(branch, [&](StoredPage&& page) {
+    bool any = false;
+    for (const wiki::Record& record : page.citations) {
+      const auto key = key_of(record);
+      if (key && key->start >= 1 &&
+          (!record.contains(kBlobMember) || !record.contains(kTextMember))) {
+        to_place.insert(key->path);
+        any = true;
+      }
+    }
+    if (any) unplaced.push_back(std::move(page));
+  });
+  const std::map<std::string, std::string> blobs =
+      work_tree_blobs(root, {to_place.begin(), to_place.end()}, /*keep_blobs=*/true,
+                      wiki_in(root, file.parent_path()));
+  if (!unplaced.empty()) {
+    std::map<std::string, std::optional<std::string>> contents;
+    auto content_of = [&](const std::string& path) -> const std::optional<std::string>& {
+      auto [it, added] = contents.try_emplace(path);
+      if (added) {
+        const auto real = contained_path(root, path);
+        std::error_code error;
+        if (real && fs::is_regular_file(*real, error)) it->second = read_bytes(*real);
+      }
+      return it->second;
+    };
+    for (StoredPage& page : unplaced) {
+      for (wiki::Record& record : page.citations) {
+        const auto key = key_of(record);
+        if (!key || key->start < 1 || (record.contains(kBlobMember) && record.contains(kTextMember))) {
+          continue;
+        }
+        auto blob = blobs.find(key->path);
+        const std::optional<std::string>& content = content_of(key->path);
+        const std::string text =
+            content ? cited_text_hash(*content, key->start, key->end) : std::string();
+        if (blob == blobs.end() || text.empty()) continue;  // nothing there to place it on
+        record[kBlobMember] = blob->second;
+        record[kTextMember] = text;
+      }
+    }
+    store.update_pages(branch, unplaced, {});
+  }
+
   std::error_code error;
   const bool exists = fs::exists(file, error);
   const std::string old_text = exists ? read_bytes(file) : std::string();
-  wiki::Record refreshed = exists ? refreshed_in(old_text) : wiki::Record::object();
-  // One page's records at a time: the text and the cited paths are all that is kept of them. The
-  // new text is about as long as the old one.
+  // One page's records at a time: the text is all that is kept of them. The new text is about as
+  // long as the old one.
   AnchorsText pages;
   pages.reserve(old_text.size() + old_text.size() / 8);
-  std::set<std::string> cited;
-  store.each_page(branch, [&](StoredPage&& page) {
-    pages.add(page);
-    for (const wiki::Record& record : page.citations) {
-      if (auto path = record.find("path"); path != record.end() && path->is_string()) {
-        cited.insert(path->get<std::string>());
-      }
-    }
-  });
-  auto extra = [](const wiki::Record& marks) {
-    return marks.empty() ? wiki::Record() : wiki::Record{{kRefreshedKey, marks}};
-  };
-  if (exists && refreshed.contains(branch) && pages.is(old_text, extra(refreshed))) {
+  store.each_page(branch, [&](StoredPage&& page) { pages.add(page); });
+  std::map<std::string, std::string> cited_blobs;
+  for (const std::string& path : cited) {
+    if (auto blob = blobs.find(path); blob != blobs.end()) cited_blobs.insert(*blob);
+  }
+  if (exists && pages.is(old_text)) {
+    store.carry_pages(branch, {}, {}, state_of(cited_blobs), sha256_hex(old_text));
     return std::nullopt;
   }
-  const std::optional<Mark> now = mark(std::vector<std::string>(cited.begin(), cited.end()));
-  if (now) refreshed[branch] = mark_json(*now);
-  if (exists && pages.is(old_text, extra(refreshed))) return std::nullopt;
-  const std::string text = std::move(pages).take(extra(refreshed));
+  const std::string text = std::move(pages).take();
   wiki::RealFileSystem().atomic_write(file, text);
   std::string hash = sha256_hex(text);
-  if (now) store.carry_pages(branch, {}, {}, refreshed[branch].dump(), hash);
+  store.carry_pages(branch, {}, {}, state_of(cited_blobs), hash);
   return hash;
 }
 
@@ -621,130 +706,115 @@ void finish_carried(SqliteStore& store, const std::string& branch, const fs::pat
   store.pending_done(branch);
 }
 
-std::optional<Mark> carried_from(SqliteStore& store, const std::string& branch,
-                                 const fs::path& anchors_file, const std::string& anchors_hash) {
-  if (auto kept = store.history_mark(branch, anchors_hash)) {
-    return parse_mark(wiki::Record::parse(*kept, nullptr, false), [&](const std::string& what) {
-      throw StoreError(store.file().string() + ": the history mark of branch \"" + branch +
-                       "\": " + what);
-    });
-  }
-  return read_mark(anchors_file, branch);
-}
-
 Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wiki_dir,
-              const Mark& mark, const std::function<void(const std::string&)>& note, bool write,
+              const std::function<void(const std::string&)>& note, bool write,
               const std::string& anchors_hash, const std::vector<std::string>* cited_now) {
   const fs::path& root = store.repo_root();
   const std::string wiki = wiki_in(root, wiki_dir);
   Carried carried;
-  // Nothing changed since the mark (the same commit, and each cited file as it was then; a file
-  // gone from the work tree since is marked as such, so a move not yet added is still followed):
-  // nothing to carry, told from the pages' cited paths alone when the caller has them.
-  auto where_now = [&](const std::string& path, auto& now) {
-    const bool indexed = store.is_indexed(path);
-    now[path] = indexed ? std::optional(path) : std::nullopt;
-    return indexed;
-  };
-  if (cited_now) {
-    std::map<std::string, std::optional<std::string>> now;
-    for (const std::string& path : *cited_now) where_now(path, now);
-    const std::optional<Mark> to = current_mark(root, *cited_now, /*keep_blobs=*/false, wiki);
-    if (to && same_state(mark, *to, now)) return carried;
+  // The cited files as they were when the records were last carried or written: nothing to carry,
+  // told from the pages' cited paths alone when the caller has them.
+  const std::optional<std::string> last = store.history_mark(branch, anchors_hash);
+  if (cited_now && last && *last == state_of(work_tree_blobs(root, *cited_now, false, wiki))) {
+    if (cited_now) carried.cited = *cited_now;
+    return carried;
   }
   std::vector<StoredPage> pages = store.pages(branch);
-  auto cited_paths = [&] {
-    std::vector<std::string> paths;
-    for (const StoredPage& page : pages) {
-      for (const wiki::Record& record : page.citations) {
-        if (auto path = record.find("path"); path != record.end() && path->is_string()) {
-          paths.push_back(path->get<std::string>());
-        }
-      }
-    }
-    return paths;
-  };
-  // The work tree's state now, which a writing run keeps as the records' mark with them.
-  std::optional<Mark> to = current_mark(root, cited_paths(), /*keep_blobs=*/write, wiki);
-  auto keep_mark = [&](const std::vector<StoredPage>& changed,
-                       const std::vector<PendingPage>& pending) {
-    if (!write) {
-      store.carry_pages(branch, changed, {}, std::nullopt, "");
-      return;
-    }
-    store.carry_pages(branch, changed, pending,
-                      to ? std::optional(mark_json(*to).dump()) : std::nullopt, anchors_hash);
-    finish_carried(store, branch, wiki_dir);
-  };
 
   // Where each cited path is now: itself when indexed, else where git says it went.
   std::map<std::string, std::optional<std::string>> now;
-  bool any_missing = false;
+  std::vector<std::string> gone;
   for (const StoredPage& page : pages) {
     for (const wiki::Record& record : page.citations) {
       const auto key = key_of(record);
       if (!key || now.count(key->path)) continue;
-      any_missing = !where_now(key->path, now) || any_missing;
+      const bool indexed = store.is_indexed(key->path);
+      now[key->path] = indexed ? std::optional(key->path) : std::nullopt;
+      if (!indexed && key->path.find('\n') == std::string::npos) gone.push_back(key->path);
     }
   }
-  if (to && same_state(mark, *to, now)) return carried;
-
-  const ProcessResult has_commit =
-      run_process({"git", "cat-file", "-e", mark.commit + "^{commit}"}, root);
-  if (has_commit.exit_code != 0) {
-    note("commit " + mark.commit.substr(0, 12) +
-         ", at which the wiki was last refreshed, is not in this repository (a shallow clone?): "
-         "renamed files are not followed and lines not carried across the diff; fetch more "
-         "history (git fetch --deepen) to have them");
-    keep_mark({}, {});
-    return carried;
-  }
-  if (any_missing) {
-    for (const auto& [from, to_path] : renames(root, mark.commit)) {
+  if (!gone.empty()) {
+    for (const auto& [from, to_path] : renames_of(root, gone)) {
       auto it = now.find(from);
       if (it != now.end() && !it->second && store.is_indexed(to_path)) it->second = to_path;
     }
   }
+  std::vector<std::string> paths_now;
+  for (const auto& [path, where] : now) paths_now.push_back(where.value_or(path));
+  const std::map<std::string, std::string> blobs =
+      work_tree_blobs(root, paths_now, /*keep_blobs=*/write, wiki);
+  auto blob_now = [&](const std::string& path) {
+    auto it = blobs.find(path);
+    return it != blobs.end() ? it->second : std::string();
+  };
 
-  // Each anchored citation's file as it was at the mark, and its line map to the work tree.
-  std::vector<std::string> cited, names;
-  std::unordered_set<std::string> seen;
-  for (const StoredPage& page : pages) {
-    for (const wiki::Record& record : page.citations) {
-      const auto key = key_of(record);
-      if (!key || !anchored(record) || !now[key->path] ||
-          key->path.find('\n') != std::string::npos) {
-        continue;
+  // The contents the anchored records were placed against, where that is not the file now.
+  auto blob_of = [](const wiki::Record& record) {
+    auto blob = record.find(kBlobMember);
+    return blob != record.end() && blob->is_string() ? blob->get<std::string>() : std::string();
+  };
+  std::vector<std::pair<std::string, std::string>> placed;  // (blob, path now), each once
+  {
+    std::set<std::pair<std::string, std::string>> seen;
+    for (const StoredPage& page : pages) {
+      for (const wiki::Record& record : page.citations) {
+        const auto key = key_of(record);
+        if (!key || !anchored(record) || !now[key->path]) continue;
+        const std::string blob = blob_of(record);
+        if (blob.empty() || blob == blob_now(*now[key->path])) continue;
+        if (seen.emplace(blob, *now[key->path]).second) placed.emplace_back(blob, *now[key->path]);
       }
-      if (!seen.insert(key->path).second) continue;
-      cited.push_back(key->path);
-      auto dirty = mark.dirty.find(key->path);
-      names.push_back(dirty != mark.dirty.end() ? dirty->second : mark.commit + ":" + key->path);
     }
   }
+  std::vector<std::string> names;
+  for (const auto& [blob, path] : placed) names.push_back(blob);
   auto old_texts = cat_files(root, names);
+  std::map<std::string, std::optional<std::string>> contents;  // path now -> its content
+  auto content_of = [&](const std::string& path) -> const std::optional<std::string>& {
+    auto [it, added] = contents.try_emplace(path);
+    if (added) {
+      const auto real = contained_path(root, path);
+      std::error_code error;
+      if (real && fs::is_regular_file(*real, error)) it->second = read_bytes(*real);
+    }
+    return it->second;
+  };
   struct Diffed {
     LineMap map;
-    std::string old_text, new_text;
-    std::optional<std::vector<wiki::Symbol>> symbols;  // the file's now, when asked for
+    std::string old_text;
   };
-  std::map<std::string, Diffed> maps;
+  std::map<std::pair<std::string, std::string>, Diffed> maps;
+  std::size_t absent = 0;
   {
-    std::vector<std::string> diffed;
+    std::vector<std::pair<std::string, std::string>> diffed;
     std::vector<std::pair<std::string, std::string>> pairs;
-    for (std::size_t i = 0; i < cited.size(); ++i) {
-      if (!old_texts[i]) continue;  // not in the commit: nothing to diff from
-      const auto file = contained_path(root, *now[cited[i]]);
-      if (!file || !fs::is_regular_file(*file)) continue;
-      diffed.push_back(cited[i]);
-      pairs.emplace_back(std::move(*old_texts[i]), read_bytes(*file));
+    for (std::size_t i = 0; i < placed.size(); ++i) {
+      if (!old_texts[i]) {
+        ++absent;
+        continue;
+      }
+      const std::optional<std::string>& content = content_of(placed[i].second);
+      if (!content) continue;
+      diffed.push_back(placed[i]);
+      pairs.emplace_back(std::move(*old_texts[i]), *content);
     }
     std::vector<LineMap> line_maps = diff_lines(root, pairs);
     for (std::size_t i = 0; i < diffed.size(); ++i) {
-      maps.emplace(diffed[i], Diffed{std::move(line_maps[i]), std::move(pairs[i].first),
-                                     std::move(pairs[i].second), std::nullopt});
+      maps.emplace(diffed[i], Diffed{std::move(line_maps[i]), std::move(pairs[i].first)});
     }
   }
+  if (absent) {
+    note(std::to_string(absent) + " cited file content" + (absent == 1 ? " is" : "s are") +
+         " not in this repository (a shallow clone, or placed in another clone before a commit): "
+         "those citations are checked by their text, not carried across git's diff; fetch more "
+         "history (git fetch --deepen) to have them carried");
+  }
+  std::map<std::string, std::vector<wiki::Symbol>> symbols_of;
+  auto symbols = [&](const std::string& path) -> const std::vector<wiki::Symbol>& {
+    auto [it, added] = symbols_of.try_emplace(path);
+    if (added) it->second = store.get_symbols_by_path(path);
+    return it->second;
+  };
 
   // Citations inside a declaration whose lines git says changed: diffed within the declaration
   // the refresh finds again, all in one more git process.
@@ -753,13 +823,11 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     for (std::size_t r = 0; r < pages[p].citations.size(); ++r) {
       const wiki::Record& record = pages[p].citations[r];
       const auto key = key_of(record);
-      auto diffed = key && anchored(record) ? maps.find(key->path) : maps.end();
+      if (!key || !anchored(record) || !now[key->path]) continue;
+      auto diffed = maps.find({blob_of(record), *now[key->path]});
       if (diffed == maps.end() || translated(record, diffed->second.map)) continue;
-      if (!diffed->second.symbols) {
-        diffed->second.symbols = store.get_symbols_by_path(*now[key->path]);
-      }
-      if (auto found = declaration_texts(record, *diffed->second.symbols, diffed->second.old_text,
-                                         diffed->second.new_text)) {
+      if (auto found = declaration_texts(record, symbols(*now[key->path]),
+                                         diffed->second.old_text, *content_of(*now[key->path]))) {
         found->page = p, found->record = r;
         inside.push_back(std::move(*found));
       }
@@ -778,10 +846,40 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     }
   }
 
+  // A record that git's diff did not carry, inside its declaration, whose cited text is not where
+  // the refresh would put it: the place within the declaration found again that holds that text.
+  auto by_text = [&](const wiki::Record& record, const std::string& path) {
+    std::optional<wiki::Record> out;
+    auto text = record.find(kTextMember);
+    if (text == record.end() || !text->is_string() || !carried_within(record)) return out;
+    const std::optional<std::string>& content = content_of(path);
+    const wiki::Symbol* found =
+        content ? cr::detail::find_again(symbols(path), record) : nullptr;
+    if (found == nullptr) return out;
+    wiki::LineRange landing;
+    try {
+      landing = cr::relocated_range(record, *found);
+    } catch (const std::exception&) {
+      return out;
+    }
+    if (cited_text_hash(*content, landing.first, landing.last) == *text) return out;
+    const wiki::Line count = as_line(record["line_end"]) - as_line(record["line_start"]) + 1;
+    const auto place = find_text(*content, text->get<std::string>(), count,
+                                 {found->start_line, found->end_line}, landing.first);
+    if (!place) return out;
+    out = record;
+    (*out)["line_start"] = place->first;
+    (*out)["line_end"] = place->last;
+    (*out)["symbol_start"] = found->start_line;
+    (*out)["symbol_end"] = found->end_line;
+    return out;
+  };
+
   MarkdownCitationSyntax syntax;
   std::vector<StoredPage> changed;
   std::vector<PendingPage> pending;
   std::map<std::string, KeyMap> targets_of;  // page id -> its citations' new keys
+  std::set<std::string> cited_after;
   for (std::size_t p = 0; p < pages.size(); ++p) {
     StoredPage& page = pages[p];
     const fs::path page_file = wiki_dir / page.rel_path;
@@ -796,18 +894,36 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       const wiki::Record& record = page.citations[i];
       const auto key = key_of(record);
       if (!key || !in_text.count(*key) || !now[key->path]) continue;
+      const std::string& path = *now[key->path];
       std::optional<wiki::Record> next;
-      if (auto diffed = maps.find(key->path); diffed != maps.end() && anchored(record)) {
-        next = translated(record, diffed->second.map);
-        if (auto in = carried_inside.find({p, i}); !next && in != carried_inside.end()) {
-          next = in->second;
+      if (anchored(record)) {
+        if (auto diffed = maps.find({blob_of(record), path}); diffed != maps.end()) {
+          next = translated(record, diffed->second.map);
+          if (auto in = carried_inside.find({p, i}); !next && in != carried_inside.end()) {
+            next = in->second;
+          }
         }
+        if (!next) next = by_text(record, path);
       }
-      if (*now[key->path] != key->path) {
+      if (path != key->path) {
         if (!next) next = record;
-        (*next)["path"] = *now[key->path];
+        (*next)["path"] = path;
       }
-      if (next && *next != record) proposed[i] = std::move(next);
+      if (next && *next != record) {
+        // Placed anew: against the file now, with the text of its lines now.
+        const auto to_key = key_of(*next);
+        const std::optional<std::string>& content = content_of(path);
+        const std::string hash =
+            content && to_key ? cited_text_hash(*content, to_key->start, to_key->end) : "";
+        if (!hash.empty() && !blob_now(path).empty()) {
+          (*next)[kBlobMember] = blob_now(path);
+          (*next)[kTextMember] = hash;
+        } else {
+          next->erase(kBlobMember);
+          next->erase(kTextMember);
+        }
+        proposed[i] = std::move(next);
+      }
     }
     for (bool undone = true; undone;) {
       undone = false;
@@ -835,9 +951,19 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
             {page.page_id, from.path, to_key.path,
              "L" + std::to_string(to_key.start) + "-L" + std::to_string(to_key.end)});
       }
-      if (from.start != to_key.start || from.end != to_key.end) ++moved;
+      if (from.start != to_key.start || from.end != to_key.end) {
+        ++moved;
+        carried.lines.push_back(
+            {page.page_id, to_key.path,
+             "L" + std::to_string(from.start) + "-L" + std::to_string(from.end),
+             "L" + std::to_string(to_key.start) + "-L" + std::to_string(to_key.end)});
+      }
       page.citations[i] = std::move(*proposed[i]);
       records_changed = true;
+    }
+    for (const wiki::CitationKey& key : in_text) {
+      auto target = targets.find(key);
+      cited_after.insert(target != targets.end() ? target->second.path : key.path);
     }
     if (moved) carried.translated[page.page_id] = moved;
     std::string new_text = retarget(text.str(), targets);
@@ -866,16 +992,35 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     changed.push_back(std::move(page));
   }
   if (write && !pending.empty()) add_digest_changes(store, wiki_dir, targets_of, pending, note);
-  // A renamed file's new path is cited now: the mark keeps its content too when it differs from
-  // the commit's.
-  if (write && !carried.renamed.empty()) {
-    std::vector<std::string> paths;
-    for (const auto& [path, where] : now) paths.push_back(where.value_or(path));
-    to = current_mark(root, paths, /*keep_blobs=*/true, wiki);
+  carried.cited.assign(cited_after.begin(), cited_after.end());
+
+  // The state the records now stand at: the cited files' blobs, as the next run will tell them.
+  std::map<std::string, std::string> state;
+  const std::vector<std::string> extra = [&] {
+    std::vector<std::string> out;
+    for (const std::string& path : carried.cited) {
+      if (!blobs.count(path)) out.push_back(path);
+    }
+    return out;
+  }();
+  const std::map<std::string, std::string> more =
+      extra.empty() ? std::map<std::string, std::string>() : work_tree_blobs(root, extra, false, wiki);
+  for (const std::string& path : carried.cited) {
+    if (auto blob = blobs.find(path); blob != blobs.end()) {
+      state.insert(*blob);
+    } else if (auto other = more.find(path); other != more.end()) {
+      state.insert(*other);
+    }
   }
-  keep_mark(changed, pending);
+  if (!write) {
+    store.carry_pages(branch, changed, {}, std::nullopt, "");
+  } else {
+    store.carry_pages(branch, changed, pending, state_of(state), anchors_hash);
+    finish_carried(store, branch, wiki_dir);
+  }
   return carried;
 }
+
 
 bool OverlayFileSystem::is_file(const fs::path& path) {
   return texts_.count(path) || base_.is_file(path);

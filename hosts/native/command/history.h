@@ -19,55 +19,54 @@ namespace tolbarrow::hosts::native::command {
 
 namespace wiki = tolbarrow::workers::wiki;
 
-// The anchors file's member that keeps, per branch, the state the records were refreshed at.
-inline constexpr const char* kRefreshedKey = "refreshed";
+// What a citation was placed against travels with its record, so that any run, on any branch and
+// in any clone, can carry it from there to the work tree: `blob`, the git blob id of the cited
+// file's content when the record's lines were last placed, and `text`, a hash of the cited lines'
+// text then (cited_text_hash). A record whose path or lines change loses both; the anchors file's
+// writer gives them anew from the work tree (place_records).
+inline constexpr const char* kBlobMember = "blob";
+inline constexpr const char* kTextMember = "text";
 
-// The state of the work tree when a branch's wiki was last refreshed: the commit checked out,
-// whether every cited file matched it, and for each cited file that did not, the git blob of the
-// content the citations were placed in.
-struct Mark {
-  std::string commit;
-  bool clean = true;
-  std::map<std::string, std::string> dirty;  // cited path -> blob id
-  friend bool operator==(const Mark&, const Mark&) = default;
-};
+// The hash kept in `text` for lines first..last (1-based) of a file's content: SHA-256 of the
+// lines, each without its line end and trailing white space, joined by line feeds, as 16 hex
+// digits. "" when the lines are not all in the content.
+std::string cited_text_hash(std::string_view content, wiki::Line first, wiki::Line last);
 
-// A mark from its JSON object; `fail` (which throws) is told what is wrong with it.
-Mark parse_mark(const wiki::Record& json, const std::function<void(const std::string&)>& fail);
+// The git blob id of each of `paths` as the work tree holds it now (git's null id, forty zeros,
+// for one that is gone); one `git status`, one `git ls-files` and, for the files that differ
+// from git's index, one `git hash-object`. With `keep_blobs`, those contents are written to git's
+// object store, so that a later run can diff from them. `wiki`, the wiki directory relative to
+// the root (wiki_in), is left out of the status but for the cited files in it. Empty when the
+// root is no git work tree.
+std::map<std::string, std::string> work_tree_blobs(const std::filesystem::path& root,
+                                                   const std::vector<std::string>& paths,
+                                                   bool keep_blobs, const std::string& wiki = {});
 
-// The mark the anchors file `file` keeps for `branch`; nullopt when it has none (a file written
-// before marks were kept, or no file). The caller has read the file once already, so it parses.
-std::optional<Mark> read_mark(const std::filesystem::path& file, const std::string& branch);
+// One text for the work tree's state of the cited files: equal texts, the same content of every
+// one of them. A run that finds the state its records were last carried to has nothing to carry.
+std::string state_of(const std::map<std::string, std::string>& blobs);
 
-// The mark to carry the branch's records from: the one the store keeps with the records it last
-// carried (SqliteStore::history_mark), while the anchors file `anchors_file` is the file of that
-// time (its SHA-256 `anchors_hash`, "" when there is none); else the anchors file's own.
-std::optional<Mark> carried_from(SqliteStore& store, const std::string& branch,
-                                 const std::filesystem::path& anchors_file,
-                                 const std::string& anchors_hash);
-
-// The work tree's mark now, for the cited files `paths`; nullopt before the first commit. With
-// `keep_blobs`, the content of each changed cited file is written to git's object store, so that
-// a later run can diff from it. `wiki`, the wiki directory relative to `root` (wiki_in), is not
-// looked at but for the cited files in it.
-std::optional<Mark> current_mark(const std::filesystem::path& root,
-                                 const std::vector<std::string>& paths, bool keep_blobs,
-                                 const std::string& wiki = {});
-
-// The wiki directory `wiki_dir` relative to the repository root `root`, as current_mark takes it:
-// "" when it is not inside the root.
+// The wiki directory `wiki_dir` relative to the repository root `root`, as work_tree_blobs takes
+// it: "" when it is not inside the root.
 std::string wiki_in(const std::filesystem::path& root, const std::filesystem::path& wiki_dir);
 
-// Writes the anchors file for the branch's pages when its records changed, or when it has no
-// mark for the branch: then with `mark(paths)` as the branch's mark, `paths` the paths the pages'
-// records cite (each once, sorted). A file whose records did not change keeps its mark, so that a
-// run after a commit does not rewrite it. Returns the SHA-256 of the text it wrote, nullopt when it
-// wrote nothing. A file written with a new mark has it kept in the store too
-// (SqliteStore::history_mark, with that SHA-256), so that the next run need not read the file for
-// it. Under the wiki's write lock.
-std::optional<std::string> write_anchors_marked(
-    SqliteStore& store, const std::string& branch, const std::filesystem::path& file,
-    const std::function<std::optional<Mark>(const std::vector<std::string>&)>& mark);
+// Gives the records of an anchors file of the first format their `blob` from the work tree's
+// mark that file kept for the branch under "refreshed" (`marks`; the one mark there when none is
+// the branch's): the mark's blob for a file that differed from its commit, else the commit's
+// blob of the file. Records that have a blob, or whose file the commit does not hold, stay.
+void place_from_marks(const std::filesystem::path& root, const wiki::Record& marks,
+                      const std::string& branch, std::map<std::string, std::vector<wiki::Record>>& pages);
+
+// Writes the anchors file from the branch's stored pages when its text would change, after giving
+// every record without `blob` and `text` those of the work tree now (stored with it). `cited`,
+// the paths the pages cite, says which files' state the records now stand at: it is kept in the
+// store as the state they were carried to (SqliteStore::history_mark, with the new file's
+// SHA-256), so that the next run with nothing changed carries nothing at the cost of reading no
+// record. Returns the SHA-256 of the text written, nullopt when nothing was written. Under the
+// wiki's write lock.
+std::optional<std::string> write_anchors_placed(SqliteStore& store, const std::string& branch,
+                                                const std::filesystem::path& file,
+                                                const std::vector<std::string>& cited);
 
 // A citation whose file was renamed, now pointing at the new path.
 struct FollowedRename {
@@ -77,35 +76,48 @@ struct FollowedRename {
   std::string lines;  // "Lx-Ly", after translation
 };
 
+// A citation carried to other lines of its file (or of its file's new path).
+struct CarriedLines {
+  std::string page_id;
+  std::string path;  // the path now
+  std::string from;  // "Lx-Ly" before
+  std::string to;    // "Lx-Ly" now
+};
+
 struct Carried {
   std::vector<FollowedRename> renamed;             // in page order, then record order
+  std::vector<CarriedLines> lines;                 // in page order, then record order
   std::map<std::string, std::int64_t> translated;  // page id -> citations whose lines changed
   // Without writing: page file -> its new text, for each page that changed. The store already
   // holds the records.
   std::map<std::filesystem::path, std::string> texts;
+  // The paths the pages cite after the carrying, each once, sorted.
+  std::vector<std::string> cited;
   bool empty() const { return renamed.empty() && translated.empty(); }
 };
 
-// Carries the branch's stored citations from `mark` to the work tree: renames, then line
-// translation, as the header says. `note` gets one line when the mark's commit is not in the
-// repository (a shallow clone): then nothing is carried.
+// Carries the branch's stored citations from what each was placed against to the work tree: a
+// cited file that git says was renamed is followed; an anchored record's lines are translated
+// through git's diff from its `blob` to the file now where git says they are unchanged (within
+// its declaration found again when they changed); and a record whose cited text (`text`) is no
+// longer where the refresh would put it is moved to the place within its declaration that holds
+// that text, when one does. `note` gets one line when some blobs are not in the repository (a
+// shallow clone): their records are checked by their text alone.
 //
 // A writing run (`write`, under the wiki's write lock) never carries the same diff twice, and
 // never leaves a page file, its records and its digest apart, wherever it stops. One store
 // transaction holds the carried records, the pages' origins, each page still to rewrite (its old
-// and new text's hashes, the citation keys that change, the digest's changes) and the work tree's
-// mark as the one the records now stand at; the mark is kept even when nothing moved, so that a
-// refresh that moves the records later in the run is never followed by a carry from the older
-// mark. Only then are the page files and "digests.json" written (finish_carried). A run stopped
-// before the transaction carried nothing; one stopped after it is finished by the next writing run
-// before it reads any page. Without `write`, the store (a scratch copy) takes the records and the
-// new texts are returned.
+// and new text's hashes, the citation keys that change, the digest's changes) and the state of the
+// cited files the records now stand at. Only then are the page files and "digests.json" written
+// (finish_carried). A run stopped before the transaction carried nothing; one stopped after it is
+// finished by the next writing run before it reads any page. Without `write`, the store (a
+// scratch copy) takes the records and the new texts are returned.
 //
-// `anchors_hash` is the anchors file's SHA-256 now ("" for none), kept with the mark. `cited`, when
-// given, lists the paths the branch's pages cite (as the page sync found them): a work tree in the
-// mark's state for each of them is told without reading the stored records.
+// `anchors_hash` is the anchors file's SHA-256 now ("" for none), kept with the state. `cited`,
+// when given, lists the paths the branch's pages cite (as the page sync found them): a work tree
+// in the state the records were last carried to is told without reading the stored records.
 Carried carry(SqliteStore& store, const std::string& branch, const std::filesystem::path& wiki_dir,
-              const Mark& mark, const std::function<void(const std::string&)>& note, bool write,
+              const std::function<void(const std::string&)>& note, bool write,
               const std::string& anchors_hash, const std::vector<std::string>* cited = nullptr);
 
 // Brings the page files and "digests.json" to the records that the store took for them by
@@ -199,6 +211,12 @@ bool carried_within(const wiki::Record& record);
 // declaration's lines now. nullopt: left to the refresh.
 std::optional<wiki::Record> within_declaration(const wiki::Record& record, const wiki::Symbol* now,
                                                const LineMap& inner);
+
+// Where the `count` lines whose text has the hash `text` (cited_text_hash) are within lines
+// within.first..within.last of `content`: of several places, the one whose first line is nearest
+// `near`, the earlier of two as near; nullopt when there is none.
+std::optional<wiki::LineRange> find_text(std::string_view content, const std::string& text,
+                                         wiki::Line count, wiki::LineRange within, wiki::Line near);
 
 }  // namespace detail
 

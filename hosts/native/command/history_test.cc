@@ -17,63 +17,43 @@ using detail::LineMap;
 using detail::parse_hunks;
 using wiki::Record;
 
-TEST(History, ReadsTheBranchsMark) {
-  struct Case {
-    const char* name;
-    std::optional<std::string> file;  // nullopt: no anchors file
-    std::optional<Mark> mark;
-    const char* error;  // a part of the error message; null: none
-  };
-  const std::string pages = R"({"version": 1, "pages": {})";
-  const Case cases[] = {
-      {"no file", std::nullopt, std::nullopt, nullptr},
-      {"no marks", pages + "}", std::nullopt, nullptr},
-      {"other branch only", pages + R"(, "refreshed": {"dev": {"commit": "ab12"}}})", std::nullopt,
-       nullptr},
-      {"clean", pages + R"(, "refreshed": {"main": {"commit": "ab12", "clean": true}}})",
-       Mark{"ab12", true, {}}, nullptr},
-      {"dirty", pages + R"(, "refreshed": {"main": {"commit": "ab12", "clean": false,
-         "dirty": {"src/a.py": "cd34"}}, "dev": {"commit": "ef"}}})",
-       Mark{"ab12", false, {{"src/a.py", "cd34"}}}, nullptr},
-      {"not an object", pages + R"(, "refreshed": {"main": "ab12"}})", std::nullopt,
-       "\"refreshed\" of branch \"main\": not an object"},
-      {"commit not hex", pages + R"(, "refreshed": {"main": {"commit": "HEAD"}}})", std::nullopt,
-       "\"commit\" is not a commit id"},
-      {"no commit", pages + R"(, "refreshed": {"main": {"clean": true}}})", std::nullopt,
-       "\"commit\" is not a commit id"},
-      {"dirty not an object", pages + R"(, "refreshed": {"main": {"commit": "ab", "dirty": []}}})",
-       std::nullopt, "\"dirty\" is not an object"},
-      {"blob not text", pages + R"(, "refreshed": {"main": {"commit": "ab", "dirty": {"a": 1}}}})",
-       std::nullopt, "\"dirty\": \"a\" is not a blob id"},
-      // Only the top-level member counts: a page or a record member of that name is no mark.
-      {"marks before pages named like them",
-       R"({"version": 1, "refreshed": {"main": {"commit": "ab12"}}, "pages": {"refreshed": [
-         {"path": "a.py", "line_start": 1, "line_end": 2, "refreshed": {"main": {"commit": "ef"}}}
-       ]}})",
-       Mark{"ab12", true, {}}, nullptr},
-      {"a page named like the marks only",
-       R"({"version": 1, "pages": {"refreshed": [{"main": {"commit": "ef"}}]}})", std::nullopt,
-       nullptr},
-      {"not JSON after the marks", pages + R"(, "refreshed": {"main": {"commit": "ab12"}}, })",
-       std::nullopt, nullptr},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    testing::TempDir dir;
-    const auto file = dir.path() / kAnchorsFileName;
-    if (c.file) std::ofstream(file) << *c.file;
-    if (c.error) {
-      try {
-        read_mark(file, "main");
-        ADD_FAILURE() << "no error";
-      } catch (const AnchorsError& e) {
-        EXPECT_NE(std::string(e.what()).find(file.string() + ": "), std::string::npos);
-        EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
-      }
-    } else {
-      EXPECT_EQ(read_mark(file, "main"), c.mark);
-    }
+// The hash of a citation's text: its lines without their ends and trailing white space, so that
+// the same lines hash alike wherever they are and however their ends are written; nothing for
+// lines that are not all in the file.
+TEST(History, HashesTheCitedLinesText) {
+  const std::string file = "def f():\n    a = 1  \n    b = 2\n";
+  const std::string crlf = "def f():\r\n    a = 1\r\n    b = 2";
+  EXPECT_EQ(cited_text_hash(file, 2, 3), cited_text_hash(crlf, 2, 3));
+  EXPECT_EQ(cited_text_hash(file, 2, 2).size(), 16u);
+  EXPECT_NE(cited_text_hash(file, 2, 2), cited_text_hash(file, 3, 3));
+  EXPECT_NE(cited_text_hash(file, 1, 2), cited_text_hash(file, 1, 3));
+  for (const auto& [first, last] : {std::pair(0, 1), std::pair(3, 2), std::pair(3, 4)}) {
+    EXPECT_EQ(cited_text_hash(file, first, last), "") << first << "-" << last;
   }
+}
+
+// Where a cited text is now within its declaration: the place nearest where the refresh would put
+// it, the earlier of two as near; none outside the lines given.
+TEST(History, FindsTheCitedTextNearestItsLanding) {
+  const std::string file = "x\ny\nx\ny\nz\nx\ny\n";  // "x y" at 1, 3 and 6
+  const std::string xy = cited_text_hash(file, 1, 2);
+  const struct {
+    wiki::LineRange within;
+    wiki::Line near;
+    std::optional<wiki::LineRange> want;
+  } cases[] = {
+      {{1, 7}, 1, wiki::LineRange{1, 2}},  {{1, 7}, 4, wiki::LineRange{3, 4}},
+      {{1, 7}, 5, wiki::LineRange{6, 7}},  {{1, 7}, 2, wiki::LineRange{1, 2}},  // 1 and 3 as near
+      {{2, 5}, 1, wiki::LineRange{3, 4}},  {{4, 6}, 5, std::nullopt},  // 6-7 ends past line 6
+      {{1, 100}, 9, wiki::LineRange{6, 7}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(detail::find_text(file, xy, 2, c.within, c.near), c.want)
+        << c.within.first << "-" << c.within.last << " near " << c.near;
+  }
+  EXPECT_EQ(detail::find_text(file, cited_text_hash(file, 5, 5), 1, {1, 7}, 1),
+            (wiki::LineRange{5, 5}));
+  EXPECT_EQ(detail::find_text(file, "", 1, {1, 7}, 1), std::nullopt);
 }
 
 // The anchors file's text made page by page is the one dump_anchors makes of all the pages, and
@@ -86,8 +66,8 @@ TEST(Anchors, TextMadePageByPageIsTheDump) {
        .citations = {Record{{"path", "y.py"}, {"line_start", 3}, {"line_end", 3}},
                      Record{{"path", "z.py"}, {"line_start", 4}, {"line_end", 9}}}},
   };
-  const Record marks = {{kRefreshedKey, {{"main", {{"commit", "ab12"}, {"clean", true}}}}}};
-  const Record other_marks = {{kRefreshedKey, {{"main", {{"commit", "cd34"}, {"clean", true}}}}}};
+  const Record marks = {{"more", {{"main", {{"commit", "ab12"}, {"clean", true}}}}}};
+  const Record other_marks = {{"more", {{"main", {{"commit", "cd34"}, {"clean", true}}}}}};
   struct Case {
     const char* name;
     std::vector<StoredPage> pages;
@@ -252,66 +232,51 @@ class GitRepo {
   fs::path root_ = canonical_root(dir_.path());
 };
 
-// The work tree's mark over a real repository: the cited files that differ from the commit, each
-// with the blob of what it holds now, or git's null id when it is gone from the work tree.
-TEST(History, MarksTheCitedFilesThatDifferFromTheCommit) {
+// The blob of each cited file as the work tree holds it, over a real repository: the index's for
+// a file as it holds it, the content's for one that differs or is untracked, git's null id for one
+// that is gone. Only with keep_blobs are contents written to git's object store.
+TEST(History, TellsTheBlobOfEachCitedFileNow) {
   struct Case {
     const char* name;
     std::function<void(const GitRepo&)> change;
-    std::vector<std::string> cited;
-    std::map<std::string, std::optional<std::string>> dirty;  // path -> its text; nullopt: gone
+    std::map<std::string, std::optional<std::string>> cited;  // path -> its text; nullopt: gone
   };
   const Case cases[] = {
-      {"nothing changed", [](const GitRepo&) {}, {"a.py", "b.py"}, {}},
-      {"a cited file edited",
-       [](const GitRepo& r) { r.write("a.py", "x = 2\n"); },
-       {"a.py", "b.py"},
-       {{"a.py", "x = 2\n"}}},
+      {"nothing changed", [](const GitRepo&) {}, {{"a.py", "x = 1\n"}, {"b.py", "y = 1\n"}}},
+      {"a cited file edited", [](const GitRepo& r) { r.write("a.py", "x = 2\n"); },
+       {{"a.py", "x = 2\n"}, {"b.py", "y = 1\n"}}},
       {"an edit staged",
        [](const GitRepo& r) {
          r.write("a.py", "x = 3\n");
          r.git({"add", "."});
        },
-       {"a.py"},
        {{"a.py", "x = 3\n"}}},
-      {"a file not cited edited",
-       [](const GitRepo& r) { r.write("b.py", "y = 2\n"); },
-       {"a.py"},
-       {}},
-      {"an untracked cited file",
-       [](const GitRepo& r) { r.write("new.py", "z = 1\n"); },
-       {"new.py", "a.py"},
-       {{"new.py", "z = 1\n"}}},
-      {"a cited file deleted",
-       [](const GitRepo& r) { fs::remove(r.root() / "a.py"); },
-       {"a.py", "b.py"},
-       {{"a.py", std::nullopt}}},
+      {"an untracked cited file", [](const GitRepo& r) { r.write("new.py", "z = 1\n"); },
+       {{"new.py", "z = 1\n"}, {"a.py", "x = 1\n"}}},
+      {"a cited file deleted", [](const GitRepo& r) { fs::remove(r.root() / "a.py"); },
+       {{"a.py", std::nullopt}, {"b.py", "y = 1\n"}}},
       {"a cited file moved, the move not added",
        [](const GitRepo& r) { fs::rename(r.root() / "a.py", r.root() / "c.py"); },
-       {"a.py", "c.py"},
        {{"a.py", std::nullopt}, {"c.py", "x = 1\n"}}},
       {"a cited file replaced by a directory",
        [](const GitRepo& r) {
          fs::remove(r.root() / "a.py");
          r.write("a.py/in.py", "w = 1\n");
        },
-       {"a.py"},
        {{"a.py", std::nullopt}}},
       {"an edit committed",
        [](const GitRepo& r) {
          r.write("a.py", "x = 4\n");
          r.commit();
        },
-       {"a.py"},
-       {}},
-      {"a cited path that never was", [](const GitRepo&) {}, {"nowhere.py"}, {}},
+       {{"a.py", "x = 4\n"}}},
+      {"a cited path that never was", [](const GitRepo&) {}, {{"nowhere.py", std::nullopt}}},
       {"a page of the wiki edited, a file in it cited",
        [](const GitRepo& r) {
          r.write("docs/p.md", "edited\n");
          r.write("docs/cited.txt", "c = 1\n");
        },
-       {"a.py", "docs/cited.txt"},
-       {{"docs/cited.txt", "c = 1\n"}}},
+       {{"a.py", "x = 1\n"}, {"docs/cited.txt", "c = 1\n"}}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -320,27 +285,23 @@ TEST(History, MarksTheCitedFilesThatDifferFromTheCommit) {
     repo.write("b.py", "y = 1\n");
     repo.commit();
     c.change(repo);
-    Mark want{repo.head(), c.dirty.empty(), {}};
-    for (const auto& [path, text] : c.dirty) {
-      want.dirty[path] = text ? repo.blob(*text) : std::string(40, '0');
+    std::map<std::string, std::string> want;
+    std::vector<std::string> paths;
+    for (const auto& [path, text] : c.cited) {
+      want[path] = text ? repo.blob(*text) : std::string(40, '0');
+      paths.push_back(path);
     }
-    std::map<std::string, bool> stored;  // blob -> whether git holds it before the marks
-    for (const auto& [path, blob] : want.dirty) stored[blob] = repo.has_object(blob);
-    // Without keep_blobs, nothing is written to git's object store; with it, each blob is.
-    EXPECT_EQ(current_mark(repo.root(), c.cited, false, "docs"), want);
+    std::map<std::string, bool> stored;  // blob -> whether git holds it before
+    for (const auto& [path, blob] : want) stored[blob] = repo.has_object(blob);
+    EXPECT_EQ(work_tree_blobs(repo.root(), paths, false, "docs"), want);
     for (const auto& [blob, held] : stored) EXPECT_EQ(repo.has_object(blob), held) << blob;
-    EXPECT_EQ(current_mark(repo.root(), c.cited, true, "docs"), want);
-    for (const auto& [path, text] : c.dirty) {
-      if (text) {
-        EXPECT_TRUE(repo.has_object(want.dirty[path])) << path;
-      }
+    EXPECT_EQ(work_tree_blobs(repo.root(), paths, true, "docs"), want);
+    for (const auto& [path, text] : c.cited) {
+      if (text) EXPECT_TRUE(repo.has_object(want[path])) << path;
     }
   }
-  GitRepo before_commit;
-  before_commit.write("a.py", "x = 1\n");
-  EXPECT_EQ(current_mark(before_commit.root(), {"a.py"}, true), std::nullopt);
   testing::TempDir no_git;
-  EXPECT_EQ(current_mark(no_git.path(), {"a.py"}, true), std::nullopt);
+  EXPECT_TRUE(work_tree_blobs(no_git.path(), {"a.py"}, true).empty());
 }
 
 // The wiki directory as the work tree's mark leaves it out: only a directory strictly inside the
@@ -374,14 +335,13 @@ TEST(History, TellsTheWikiDirectoryInsideTheRoot) {
 // A run passes the paths its pages cite, which answer an unchanged work tree alone; reporting
 // runs here do so, and writing runs leave the answer to the stored records, so that both ways are
 // held to the same cases.
-Carried carry_docs(SqliteStore& store, const Mark& mark, bool write,
-                   std::vector<std::string>& notes) {
+Carried carry_docs(SqliteStore& store, bool write, std::vector<std::string>& notes) {
   std::vector<std::string> cited;
   for (const StoredPage& page : store.pages("main")) {
     for (const Record& record : page.citations) cited.push_back(record.at("path"));
   }
   return carry(
-      store, "main", store.repo_root() / "docs", mark,
+      store, "main", store.repo_root() / "docs",
       [&](const std::string& line) { notes.push_back(line); }, write, "", write ? nullptr : &cited);
 }
 
@@ -396,10 +356,11 @@ std::string summary(const Carried& carried) {
   return out;
 }
 
-// Carrying from a mark of the work tree: what changed since the mark decides. Nothing is carried
-// (and nothing stored) when the commit and every cited file are as they were, however the cited
-// files stood then; any other change is carried across git's diff.
-TEST(History, CarriesFromTheMarkOnlyWhatChangedSince) {
+// Carrying from what a citation was placed against (its record's blob) to the work tree: nothing
+// when the file holds that content now, however it stood against the commit; git's diff from that
+// content otherwise; a renamed file followed from the last commit that has the old path; and a
+// blob this repository does not have left to the check by text.
+TEST(History, CarriesFromWhatEachCitationWasPlacedAgainst) {
   const std::string code = "def f():\n    return 1\n\n\ndef g():\n    return 2\n";  // g: L5-L6
   const std::string two_more = "# one\n# two\n" + code, three_more = "# zero\n" + two_more;
   const auto page = [](const char* path, int start) {
@@ -408,31 +369,24 @@ TEST(History, CarriesFromTheMarkOnlyWhatChangedSince) {
   };
   struct Case {
     const char* name;
-    std::string at_mark;  // a.py when the mark is taken (committed: `code`)
+    std::string placed;  // a.py when the citation was placed (committed: `code`)
     std::function<void(const GitRepo&)> after;
     std::string page_after;
-    std::string carried;  // summary()
-    bool kept = true;     // whether the store keeps the work tree's mark (a writing run)
-    std::optional<Mark> mark = std::nullopt;  // instead of the work tree's at the mark
-    std::vector<std::string> cited_at_mark = {"a.py"};
+    std::string carried;               // summary()
+    const char* blob = nullptr;        // instead of the placed content's
   };
   const Case cases[] = {
-      {"nothing changed", code, [](const GitRepo&) {}, page("a.py", 5), "", false},
-      {"the same edit then and now", two_more, [](const GitRepo&) {}, page("a.py", 7), "", false},
-      {"a file cited then but no longer edited since",
-       code,
-       [](const GitRepo& r) { r.write("b.py", "y = 2\n"); },
-       page("a.py", 5),
-       "",
-       false,
-       std::nullopt,
-       {"a.py", "b.py"}},
+      {"nothing changed", code, [](const GitRepo&) {}, page("a.py", 5), ""},
+      {"placed on an edit not committed, the same now", two_more, [](const GitRepo&) {},
+       page("a.py", 7), ""},
+      {"a file not cited edited since", code,
+       [](const GitRepo& r) { r.write("b.py", "y = 2\n"); }, page("a.py", 5), ""},
       {"the cited file edited since", code, [&](const GitRepo& r) { r.write("a.py", two_more); },
        page("a.py", 7), "translated p 1; "},
-      {"edited then, edited again since", two_more,
+      {"placed on an edit, edited again since", two_more,
        [&](const GitRepo& r) { r.write("a.py", three_more); }, page("a.py", 8), "translated p 1; "},
-      {"edited then, restored since", two_more, [&](const GitRepo& r) { r.write("a.py", code); },
-       page("a.py", 5), "translated p 1; "},
+      {"placed on an edit, restored since", two_more,
+       [&](const GitRepo& r) { r.write("a.py", code); }, page("a.py", 5), "translated p 1; "},
       {"the same text, committed since", two_more, [](const GitRepo& r) { r.commit(); },
        page("a.py", 7), ""},
       {"an edit committed since", code,
@@ -444,9 +398,15 @@ TEST(History, CarriesFromTheMarkOnlyWhatChangedSince) {
       {"moved since, the move not added", code,
        [](const GitRepo& r) { fs::rename(r.root() / "a.py", r.root() / "m.py"); }, page("m.py", 5),
        "renamed p a.py -> m.py L5-L6; "},
-      {"the mark's commit not in the repository", code,
-       [&](const GitRepo& r) { r.write("a.py", two_more); }, page("a.py", 5), "", true,
-       Mark{std::string(40, 'e'), true, {}}},
+      {"moved and committed since", code,
+       [](const GitRepo& r) {
+         r.git({"mv", "a.py", "m.py"});
+         r.commit();
+       },
+       page("m.py", 5), "renamed p a.py -> m.py L5-L6; "},
+      {"placed against content not in the repository", code,
+       [&](const GitRepo& r) { r.write("a.py", two_more); }, page("a.py", 5), "",
+       "eeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeee"},
   };
   for (const Case& c : cases) {
     for (const bool write : {false, true}) {
@@ -455,35 +415,46 @@ TEST(History, CarriesFromTheMarkOnlyWhatChangedSince) {
       repo.write("a.py", code);
       repo.write("b.py", "y = 1\n");
       repo.commit();
-      const std::string cited_then = page("a.py", c.at_mark == code ? 5 : 7);
+      const wiki::Line start = c.placed == code ? 5 : 7;
+      const std::string cited_then = page("a.py", start);
       repo.write("docs/p.md", cited_then);
-      repo.write("a.py", c.at_mark);
-      repo.write("b.py", "y = 0\n");  // dirty at the mark, in the mark when cited then
-      const Mark mark = c.mark ? *c.mark : *current_mark(repo.root(), c.cited_at_mark, true);
+      repo.write("a.py", c.placed);
+      const std::string blob =
+          c.blob ? c.blob : repo.git({"hash-object", "-w", "--stdin"}, c.placed).substr(0, 40);
       c.after(repo);
       SqliteStore store(repo.root());
-      const wiki::Line start = c.at_mark == code ? 5 : 7;
-      const Record cited{{"path", "a.py"}, {"line_start", start},   {"line_end", start + 1},
-                         {"symbol", "g"},  {"symbol_start", start}, {"symbol_end", start + 1},
-                         {"name", "g"}};
+      const Record cited{{"path", "a.py"},    {"line_start", start},   {"line_end", start + 1},
+                         {"symbol", "g"},     {"symbol_start", start}, {"symbol_end", start + 1},
+                         {"name", "g"},       {"blob", blob}};
       store.replace_pages("main", {StoredPage{"p", "p.md", {cited}, std::nullopt, std::nullopt}});
       Indexer(store, std::nullopt, {}, "docs").update();
 
       std::vector<std::string> notes;
-      const Carried carried = carry_docs(store, mark, write, notes);
+      const Carried carried = carry_docs(store, write, notes);
       EXPECT_EQ(summary(carried), c.carried);
       const fs::path page_file = repo.root() / "docs/p.md";
       if (write) {
         EXPECT_EQ(read_bytes(page_file), c.page_after);
-        EXPECT_EQ(store.history_mark("main", "").has_value(), c.kept);
+        EXPECT_TRUE(store.history_mark("main", "").has_value());
       } else {
         EXPECT_EQ(read_bytes(page_file), cited_then);  // the new text only returned
         const auto text = carried.texts.find(page_file);
         EXPECT_EQ(text == carried.texts.end() ? cited_then : text->second, c.page_after);
       }
-      EXPECT_EQ(notes.size(), c.mark ? 1u : 0u);
-      if (c.mark && !notes.empty()) {
-        EXPECT_NE(notes[0].find("is not in this repository"), std::string::npos) << notes[0];
+      EXPECT_EQ(notes.size(), c.blob ? 1u : 0u);
+      if (c.blob && !notes.empty()) {
+        EXPECT_NE(notes[0].find("not in this repository"), std::string::npos) << notes[0];
+      }
+      // A carried record is placed anew: against the file now, with its lines' text.
+      const std::vector<StoredPage> stored = store.pages("main");
+      for (const Record& record : stored.at(0).citations) {
+        if (c.carried.empty()) continue;
+        if (c.carried.starts_with("translated")) EXPECT_NE(record.value("blob", ""), blob);
+        EXPECT_EQ(record.value("text", ""),
+                  cited_text_hash(c.page_after.find("m.py") != std::string::npos
+                                      ? read_bytes(repo.root() / "m.py")
+                                      : read_bytes(repo.root() / "a.py"),
+                                  record.at("line_start"), record.at("line_end")));
       }
     }
   }

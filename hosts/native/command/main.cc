@@ -28,7 +28,8 @@ constexpr const char* kFooter =
     "Exit codes: 0 the citations are current, or were written (a writing run exits 0\n"
     "even when citations are lost or missing: it reports them); 1 with --check, when a\n"
     "citation would move (or follow a renamed file), is lost or cites a missing file;\n"
-    "2 an error.\n"
+    "2 an error. --check also exits 1 for a citation that the anchors file does not\n"
+    "know yet (commit the anchors file a writing run leaves).\n"
     "\n"
     "Workflow: run citation-refresh after changing code, review and commit the pages\n"
     "and the anchors file; run citation-refresh --check in CI or pre-commit.";
@@ -54,6 +55,10 @@ std::vector<Finding> findings(const command::Outcome& outcome) {
     out.push_back({missing.page_id, missing.page_id + ": " + missing.path + " " + missing.lines +
                                         " (missing file)"});
   }
+  for (const auto& new_one : outcome.unanchored) {
+    out.push_back({new_one.page_id, new_one.page_id + ": " + new_one.path + " " + new_one.lines +
+                                        " (not anchored yet; run citation-refresh)"});
+  }
   std::stable_sort(out.begin(), out.end(),
                    [](const Finding& a, const Finding& b) { return a.page_id < b.page_id; });
   return out;
@@ -65,6 +70,10 @@ nlohmann::ordered_json to_json(const command::Outcome& outcome) {
   for (const auto& m : outcome.missing) {
     missing.push_back({{"page_id", m.page_id}, {"path", m.path}, {"lines", m.lines}});
   }
+  nlohmann::ordered_json unanchored = nlohmann::ordered_json::array();
+  for (const auto& m : outcome.unanchored) {
+    unanchored.push_back({{"page_id", m.page_id}, {"path", m.path}, {"lines", m.lines}});
+  }
   nlohmann::ordered_json moved = nlohmann::ordered_json::object();
   for (const auto& [page, count] : r.moved) moved[page] = count;
   nlohmann::ordered_json renamed = nlohmann::ordered_json::array();
@@ -73,14 +82,16 @@ nlohmann::ordered_json to_json(const command::Outcome& outcome) {
   }
   nlohmann::ordered_json translated = nlohmann::ordered_json::object();
   for (const auto& [page, count] : outcome.translated) translated[page] = count;
-  return {{"repaired", r.repaired},
-          {"unrepairable", r.unrepairable},
-          {"pages_written", r.pages_written},
-          {"lost", r.lost},
-          {"moved", moved},
-          {"missing", missing},
-          {"renamed", renamed},
-          {"translated", translated}};
+  nlohmann::ordered_json out = {{"repaired", r.repaired},
+                                {"unrepairable", r.unrepairable},
+                                {"pages_written", r.pages_written},
+                                {"lost", r.lost},
+                                {"moved", moved},
+                                {"missing", missing},
+                                {"renamed", renamed},
+                                {"translated", translated}};
+  if (outcome.reported_only) out["unanchored"] = unanchored;
+  return out;
 }
 
 void print_text(const command::Outcome& outcome, bool quiet) {
@@ -116,6 +127,10 @@ void print_text(const command::Outcome& outcome, bool quiet) {
       summary += ", " + plural(static_cast<std::int64_t>(outcome.missing.size()),
                                "citation of a missing file", "citations of missing files");
     }
+    if (!outcome.unanchored.empty()) {
+      summary += ", " + plural(static_cast<std::int64_t>(outcome.unanchored.size()),
+                               "citation not anchored yet", "citations not anchored yet");
+    }
     std::printf("%s\n", summary.c_str());
   }
   for (const auto& [page, count] : r.moved) {
@@ -125,6 +140,10 @@ void print_text(const command::Outcome& outcome, bool quiet) {
   for (const auto& f : outcome.renamed) {
     std::printf("%s: %s -> %s %s (renamed)\n", f.page_id.c_str(), f.from.c_str(), f.to.c_str(),
                 f.lines.c_str());
+  }
+  for (const auto& c : outcome.carried) {
+    std::printf("%s: %s %s -> %s (%s)\n", c.page_id.c_str(), c.path.c_str(), c.from.c_str(),
+                c.to.c_str(), outcome.reported_only ? "would be carried" : "carried");
   }
   for (const auto& f : problems) std::printf("%s\n", command::paint(colour, "33", f.text).c_str());
 }
@@ -196,7 +215,7 @@ int main(int argc, char** argv) {
     if (!options.check) return 0;
     const bool stale = !outcome.result.moved.empty() || !outcome.result.lost.empty() ||
                        !outcome.missing.empty() || !outcome.renamed.empty() ||
-                       !outcome.translated.empty();
+                       !outcome.translated.empty() || !outcome.unanchored.empty();
     return stale ? 1 : 0;
   } catch (const std::exception& e) {
     std::fflush(stdout);

@@ -321,22 +321,50 @@ bool holding_write_lock(const fs::path& wiki_dir, Work&& work) {
   }
 }
 
-// Writes the anchors file from the store when it changed, with the work tree's mark; under the
-// wiki's write lock. A file that the store knows it wrote, with no page changed since, is not read
-// back.
+// Writes the anchors file from the store when it changed, its records placed against the work
+// tree (write_anchors_placed); under the wiki's write lock. A file that the store knows it wrote,
+// with no page changed since, is not read back.
 bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path& file,
+                   const std::vector<std::string>& cited,
                    const std::optional<KnownHash>& known = std::nullopt) {
   std::error_code error;
   if (fs::exists(file, error) && store.anchors_current(branch, known_hash(file, known))) {
     return false;
   }
-  const std::optional<std::string> written =
-      write_anchors_marked(store, branch, file, [&](const std::vector<std::string>& paths) {
-        return current_mark(store.repo_root(), paths, /*keep_blobs=*/true,
-                            wiki_in(store.repo_root(), file.parent_path()));
-      });
+  const std::optional<std::string> written = write_anchors_placed(store, branch, file, cited);
   store.anchors_written(branch, written ? *written : known_hash(file, known));
   return written.has_value();
+}
+
+// The citations of the pages that the anchors file `anchors` (nullopt: there is none) holds no
+// record of, in page order, then text order: --check calls them stale, since a run would anchor
+// them against the code as it is then, not as it was when they were written.
+std::vector<MissingCitation> unanchored_citations(const std::optional<Anchors>& anchors,
+                                                  const SyncStats& synced,
+                                                  const std::vector<MissingCitation>& missing) {
+  std::set<std::pair<std::string, std::string>> missing_at;  // page id, "path Lx-Ly"
+  for (const MissingCitation& m : missing) missing_at.emplace(m.page_id, m.path + " " + m.lines);
+  std::vector<MissingCitation> out;
+  for (const auto& [page_id, keys] : synced.cited) {
+    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> recorded;
+    if (anchors) {
+      if (auto page = anchors->find(page_id); page != anchors->end()) {
+        for (const wiki::Record& record : page->second) {
+          if (auto key = key_of(record)) recorded.insert(*key);
+        }
+      }
+    }
+    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> told;
+    for (const wiki::CitationKey& key : keys) {
+      const std::string lines = "L" + std::to_string(key.start) + "-L" + std::to_string(key.end);
+      if (key.start < 1 || recorded.count(key) || !told.insert(key).second ||
+          missing_at.count({page_id, key.path + " " + lines})) {
+        continue;
+      }
+      out.push_back({page_id, key.path, lines});
+    }
+  }
+  return out;
 }
 
 }  // namespace
@@ -362,6 +390,12 @@ Outcome run(const Options& options) {
   detail("repository " + place.root.string() + ", branch " + place.branch + ", wiki " +
          place.wiki.string());
 
+  // The anchors file's records, read once: they are the state (seeding below), and --check tells
+  // the citations they do not know.
+  OlderAnchors older;
+  std::optional<Anchors> recorded;
+  if (anchors) recorded = parse_anchors(*anchors, anchors_file, &older);
+
   Outcome outcome;
   outcome.reported_only = options.check;
   // Syncs the pages into `store`, first the anchors file's records unless the store took that
@@ -372,8 +406,14 @@ Outcome run(const Options& options) {
       note("no " + anchors_file.string() +
            " and no stored pages: anchoring citations from their prose");
     }
-    if (anchors && store.anchors_seeded(place.branch) != anchors_hash) {
-      seed_pages(store, place.branch, parse_anchors(*anchors, anchors_file), anchors_hash);
+    // The committed file rules: a file the store has not taken yet (edited, merged, checked out)
+    // replaces the stored records. A file of an earlier version is taken once more, its records
+    // given what they were placed against from the marks it kept; the next writing run writes it
+    // in the current version.
+    if (anchors && (older.version != 0 || store.anchors_seeded(place.branch) != anchors_hash)) {
+      Anchors records = *recorded;
+      if (older.version != 0) place_from_marks(place.root, older.marks, place.branch, records);
+      seed_pages(store, place.branch, records, anchors_hash);
       detail("took the records of " + anchors_file.string());
     }
     MarkdownCitationSyntax syntax;
@@ -425,27 +465,26 @@ Outcome run(const Options& options) {
   // the refresh: a writing run stores and writes them under the wiki's lock (see carry), a run
   // that writes nothing keeps the pages in memory.
   std::map<fs::path, std::string> carried_texts;
-  auto carry_from_mark = [&] {
-    if (!options.follow_history) return Carried{};
-    std::error_code error;
-    const std::string hash =
-        fs::exists(anchors_file, error) ? known_hash(anchors_file, anchors_known) : std::string();
-    const std::optional<Mark> mark = carried_from(*store, place.branch, anchors_file, hash);
-    if (!mark) {
-      if (anchors) detail("the anchors file has no commit for this branch: nothing to carry");
-      return Carried{};
-    }
-    std::vector<std::string> cited;
+  std::vector<std::string> cited;  // the paths the pages cite, each once
+  {
     std::unordered_set<std::string_view> seen;
     for (const auto& [page_id, keys] : synced.cited) {
       for (const wiki::CitationKey& key : keys) {
         if (seen.insert(key.path).second) cited.push_back(key.path);
       }
     }
+  }
+  auto carry_from_mark = [&] {
+    if (!options.follow_history) return Carried{};
+    std::error_code error;
+    const std::string hash =
+        fs::exists(anchors_file, error) ? known_hash(anchors_file, anchors_known) : std::string();
     Carried carried =
-        carry(*store, place.branch, place.wiki, *mark, note, !outcome.reported_only, hash, &cited);
+        carry(*store, place.branch, place.wiki, note, !outcome.reported_only, hash, &cited);
     outcome.renamed = carried.renamed;
     outcome.translated = carried.translated;
+    outcome.carried = carried.lines;
+    if (!carried.cited.empty()) cited = carried.cited;
     return carried;
   };
   if (outcome.reported_only) {
@@ -517,7 +556,7 @@ Outcome run(const Options& options) {
   if (!outcome.reported_only) {
     if (!holding_write_lock(place.wiki, [&] {
           outcome.anchors_written =
-              write_anchors(*store, place.branch, anchors_file, anchors_known);
+              write_anchors(*store, place.branch, anchors_file, cited, anchors_known);
         })) {
       detail("another run took the wiki; it writes the anchors file");
     }
@@ -525,6 +564,7 @@ Outcome run(const Options& options) {
   }
 
   outcome.missing = missing_citations(*store, synced, outcome.renamed);
+  if (options.check) outcome.unanchored = unanchored_citations(recorded, synced, outcome.missing);
   return outcome;
 }
 

@@ -44,12 +44,16 @@ struct MissingCitation {
 struct Outcome {
   wiki::citation_refresh::CitationRefresh result;
   std::vector<MissingCitation> missing;  // in page order, then text order
+  // --check: citations the anchors file holds no record of (a run would anchor them), in page
+  // order, then text order.
+  std::vector<MissingCitation> unanchored;
   bool reported_only = false;            // --check, or another run was writing the wiki
   bool busy = false;                     // another run was writing the wiki
   bool anchors_written = false;          // the anchors file changed
   // Carried from where the wiki was last refreshed, before the refresh (see history.h).
   std::vector<FollowedRename> renamed;
   std::map<std::string, std::int64_t> translated;  // page id -> citations
+  std::vector<CarriedLines> carried;               // each citation carried to other lines
 };
 
 // Runs the command. Notes and progress go to stderr (none when quiet); errors are exceptions.

@@ -159,7 +159,7 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
                    check=True)
     in_clone = clone.run("--check", "--json")
     assert in_clone.returncode == 1, in_clone.stderr
-    assert in_clone.stderr.count("is not in this repository (a shallow clone?)") == 1
+    assert in_clone.stderr.count("not in this repository (a shallow clone") == 1
     assert json.loads(in_clone.stdout) == {**reported, "moved": TRANSLATED, "missing": MISSING,
                                            "renamed": [], "translated": {}}
     assert not (clone.root / ".git" / "citation-refresh.db").exists()
@@ -267,9 +267,15 @@ def test_outside_git_and_without_anchors(tmp_path):
     outside.write("w/page.md", "See [clamp](/util.py#L1-L2).\n")
     outside.write("util.py", UTIL)
     told = outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check")
-    assert told.returncode == 0 and "anchoring citations from their prose" in told.stderr
-    assert outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check", "-q").stderr == ""
+    # Without an anchors file nothing is anchored yet: --check says so, and what to run.
+    assert told.returncode == 1 and "anchoring citations from their prose" in told.stderr
+    assert told.stdout.splitlines()[1:] == [
+        "page: util.py L1-L2 (not anchored yet; run citation-refresh)"]
+    quiet = outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check", "-q")
+    assert quiet.stderr == "" and quiet.returncode == 1
     assert not (tmp_path / ".citation-refresh.db").exists()
+    assert outside.run("--repo", ".", "--wiki", "w", "--branch", "b").returncode == 0
+    assert outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check").returncode == 0
 
 
 
