@@ -433,8 +433,8 @@ std::optional<wiki::LineRange> find_text(std::string_view content, const std::st
                                          wiki::Line near) {
   if (text.empty() || count < 1) return std::nullopt;
   std::optional<wiki::LineRange> best;
-  for (wiki::Line first = std::max<wiki::Line>(within.first, 1);
-       first + count - 1 <= within.last; ++first) {
+  for (wiki::Line first = std::max<wiki::Line>(within.first, 1); first + count - 1 <= within.last;
+       ++first) {
     const wiki::Line last = first + count - 1;
     if (cited_text_hash(content, first, last) != text) continue;
     if (!best || std::llabs(first - near) < std::llabs(best->first - near)) best = {first, last};
@@ -611,7 +611,8 @@ std::optional<std::string> write_anchors_placed(SqliteStore& store, const std::s
     for (StoredPage& page : unplaced) {
       for (wiki::Record& record : page.citations) {
         const auto key = key_of(record);
-        if (!key || key->start < 1 || (record.contains(kBlobMember) && record.contains(kTextMember))) {
+        if (!key || key->start < 1 ||
+            (record.contains(kBlobMember) && record.contains(kTextMember))) {
           continue;
         }
         auto blob = blobs.find(key->path);
@@ -826,8 +827,8 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       if (!key || !anchored(record) || !now[key->path]) continue;
       auto diffed = maps.find({blob_of(record), *now[key->path]});
       if (diffed == maps.end() || translated(record, diffed->second.map)) continue;
-      if (auto found = declaration_texts(record, symbols(*now[key->path]),
-                                         diffed->second.old_text, *content_of(*now[key->path]))) {
+      if (auto found = declaration_texts(record, symbols(*now[key->path]), diffed->second.old_text,
+                                         *content_of(*now[key->path]))) {
         found->page = p, found->record = r;
         inside.push_back(std::move(*found));
       }
@@ -853,8 +854,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     auto text = record.find(kTextMember);
     if (text == record.end() || !text->is_string() || !carried_within(record)) return out;
     const std::optional<std::string>& content = content_of(path);
-    const wiki::Symbol* found =
-        content ? cr::detail::find_again(symbols(path), record) : nullptr;
+    const wiki::Symbol* found = content ? cr::detail::find_again(symbols(path), record) : nullptr;
     if (found == nullptr) return out;
     wiki::LineRange landing;
     try {
@@ -1003,8 +1003,9 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     }
     return out;
   }();
-  const std::map<std::string, std::string> more =
-      extra.empty() ? std::map<std::string, std::string>() : work_tree_blobs(root, extra, false, wiki);
+  const std::map<std::string, std::string> more = extra.empty()
+                                                      ? std::map<std::string, std::string>()
+                                                      : work_tree_blobs(root, extra, false, wiki);
   for (const std::string& path : carried.cited) {
     if (auto blob = blobs.find(path); blob != blobs.end()) {
       state.insert(*blob);
@@ -1020,7 +1021,6 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
   }
   return carried;
 }
-
 
 bool OverlayFileSystem::is_file(const fs::path& path) {
   return texts_.count(path) || base_.is_file(path);

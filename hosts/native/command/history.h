@@ -55,7 +55,8 @@ std::string wiki_in(const std::filesystem::path& root, const std::filesystem::pa
 // the branch's): the mark's blob for a file that differed from its commit, else the commit's
 // blob of the file. Records that have a blob, or whose file the commit does not hold, stay.
 void place_from_marks(const std::filesystem::path& root, const wiki::Record& marks,
-                      const std::string& branch, std::map<std::string, std::vector<wiki::Record>>& pages);
+                      const std::string& branch,
+                      std::map<std::string, std::vector<wiki::Record>>& pages);
 
 // Writes the anchors file from the branch's stored pages when its text would change, after giving
 // every record without `blob` and `text` those of the work tree now (stored with it). `cited`,

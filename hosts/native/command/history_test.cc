@@ -42,9 +42,9 @@ TEST(History, FindsTheCitedTextNearestItsLanding) {
     wiki::Line near;
     std::optional<wiki::LineRange> want;
   } cases[] = {
-      {{1, 7}, 1, wiki::LineRange{1, 2}},  {{1, 7}, 4, wiki::LineRange{3, 4}},
-      {{1, 7}, 5, wiki::LineRange{6, 7}},  {{1, 7}, 2, wiki::LineRange{1, 2}},  // 1 and 3 as near
-      {{2, 5}, 1, wiki::LineRange{3, 4}},  {{4, 6}, 5, std::nullopt},  // 6-7 ends past line 6
+      {{1, 7}, 1, wiki::LineRange{1, 2}},   {{1, 7}, 4, wiki::LineRange{3, 4}},
+      {{1, 7}, 5, wiki::LineRange{6, 7}},   {{1, 7}, 2, wiki::LineRange{1, 2}},  // 1 and 3 as near
+      {{2, 5}, 1, wiki::LineRange{3, 4}},   {{4, 6}, 5, std::nullopt},  // 6-7 ends past line 6
       {{1, 100}, 9, wiki::LineRange{6, 7}},
   };
   for (const auto& c : cases) {
@@ -243,7 +243,8 @@ TEST(History, TellsTheBlobOfEachCitedFileNow) {
   };
   const Case cases[] = {
       {"nothing changed", [](const GitRepo&) {}, {{"a.py", "x = 1\n"}, {"b.py", "y = 1\n"}}},
-      {"a cited file edited", [](const GitRepo& r) { r.write("a.py", "x = 2\n"); },
+      {"a cited file edited",
+       [](const GitRepo& r) { r.write("a.py", "x = 2\n"); },
        {{"a.py", "x = 2\n"}, {"b.py", "y = 1\n"}}},
       {"an edit staged",
        [](const GitRepo& r) {
@@ -251,9 +252,11 @@ TEST(History, TellsTheBlobOfEachCitedFileNow) {
          r.git({"add", "."});
        },
        {{"a.py", "x = 3\n"}}},
-      {"an untracked cited file", [](const GitRepo& r) { r.write("new.py", "z = 1\n"); },
+      {"an untracked cited file",
+       [](const GitRepo& r) { r.write("new.py", "z = 1\n"); },
        {{"new.py", "z = 1\n"}, {"a.py", "x = 1\n"}}},
-      {"a cited file deleted", [](const GitRepo& r) { fs::remove(r.root() / "a.py"); },
+      {"a cited file deleted",
+       [](const GitRepo& r) { fs::remove(r.root() / "a.py"); },
        {{"a.py", std::nullopt}, {"b.py", "y = 1\n"}}},
       {"a cited file moved, the move not added",
        [](const GitRepo& r) { fs::rename(r.root() / "a.py", r.root() / "c.py"); },
@@ -372,15 +375,15 @@ TEST(History, CarriesFromWhatEachCitationWasPlacedAgainst) {
     std::string placed;  // a.py when the citation was placed (committed: `code`)
     std::function<void(const GitRepo&)> after;
     std::string page_after;
-    std::string carried;               // summary()
-    const char* blob = nullptr;        // instead of the placed content's
+    std::string carried;         // summary()
+    const char* blob = nullptr;  // instead of the placed content's
   };
   const Case cases[] = {
       {"nothing changed", code, [](const GitRepo&) {}, page("a.py", 5), ""},
       {"placed on an edit not committed, the same now", two_more, [](const GitRepo&) {},
        page("a.py", 7), ""},
-      {"a file not cited edited since", code,
-       [](const GitRepo& r) { r.write("b.py", "y = 2\n"); }, page("a.py", 5), ""},
+      {"a file not cited edited since", code, [](const GitRepo& r) { r.write("b.py", "y = 2\n"); },
+       page("a.py", 5), ""},
       {"the cited file edited since", code, [&](const GitRepo& r) { r.write("a.py", two_more); },
        page("a.py", 7), "translated p 1; "},
       {"placed on an edit, edited again since", two_more,
@@ -423,9 +426,9 @@ TEST(History, CarriesFromWhatEachCitationWasPlacedAgainst) {
           c.blob ? c.blob : repo.git({"hash-object", "-w", "--stdin"}, c.placed).substr(0, 40);
       c.after(repo);
       SqliteStore store(repo.root());
-      const Record cited{{"path", "a.py"},    {"line_start", start},   {"line_end", start + 1},
-                         {"symbol", "g"},     {"symbol_start", start}, {"symbol_end", start + 1},
-                         {"name", "g"},       {"blob", blob}};
+      const Record cited{{"path", "a.py"}, {"line_start", start},   {"line_end", start + 1},
+                         {"symbol", "g"},  {"symbol_start", start}, {"symbol_end", start + 1},
+                         {"name", "g"},    {"blob", blob}};
       store.replace_pages("main", {StoredPage{"p", "p.md", {cited}, std::nullopt, std::nullopt}});
       Indexer(store, std::nullopt, {}, "docs").update();
 

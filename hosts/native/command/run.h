@@ -47,9 +47,9 @@ struct Outcome {
   // --check: citations the anchors file holds no record of (a run would anchor them), in page
   // order, then text order.
   std::vector<MissingCitation> unanchored;
-  bool reported_only = false;            // --check, or another run was writing the wiki
-  bool busy = false;                     // another run was writing the wiki
-  bool anchors_written = false;          // the anchors file changed
+  bool reported_only = false;    // --check, or another run was writing the wiki
+  bool busy = false;             // another run was writing the wiki
+  bool anchors_written = false;  // the anchors file changed
   // Carried from where the wiki was last refreshed, before the refresh (see history.h).
   std::vector<FollowedRename> renamed;
   std::map<std::string, std::int64_t> translated;  // page id -> citations
