@@ -302,9 +302,10 @@ def make_inner_repo(base, pages):
 
 
 def mode_carrying(base):
-    """SIGKILL just before each write, fsync and rename of the carrying: the run's second hold of
-    the wiki's lock, in which the records carried across git's diff are stored and the pages and
-    digests.json rewritten."""
+    """SIGKILL just before each write, fsync and rename of a run that carries citations across
+    git's diff and a rename: every one of its hold of the wiki's lock, in which the pages are
+    synced, the records carried are stored, the pages and digests.json rewritten, the refresh
+    runs and the anchors file is written."""
     pages = 2 if ARGS.quick else 4
     pristine = Path(base) / "pristine"
     root = make_inner_repo(base, pages)
@@ -328,9 +329,9 @@ def mode_carrying(base):
         holds += kind == "acquire"
         if kind in counts:
             counts[kind] += 1
-            if holds == 2:
+            if holds == 1:
                 points.append((kind, counts[kind]))
-        if kind == "release" and holds == 2:
+        if kind == "release" and holds == 1:
             break
     killed = 0
     for op, n in points:

@@ -300,26 +300,37 @@ std::string known_hash(const fs::path& file, const std::optional<KnownHash>& kno
   return sha256_hex(read_bytes(file));
 }
 
-// Runs `work` holding the wiki's write lock, which is released (its note of the holder cleared)
-// however `work` ends. False when another process holds the lock, or `work` met a holder
-// (WikiBusy).
-template <class Work>
-bool holding_write_lock(const fs::path& wiki_dir, Work&& work) {
-  try {
-    FlockWriteLock lock(wiki_dir);
-    lock.acquire();
+// The wiki's write lock, held by a writing run from its first write to its last, and given up
+// however the run ends.
+class HeldLock {
+ public:
+  // Takes the lock; false (nothing held) when another process holds it.
+  bool take(const fs::path& wiki_dir) {
+    lock_ = std::make_unique<FlockWriteLock>(wiki_dir);
     try {
-      work();
-    } catch (...) {
-      lock.release();
-      throw;
+      lock_->acquire();
+      return true;
+    } catch (const wiki::WikiBusy&) {
+      lock_.reset();
+      return false;
     }
-    lock.release();
-    return true;
-  } catch (const wiki::WikiBusy&) {
-    return false;
   }
-}
+  // Gives the lock up; an error of the release reaches the caller.
+  void release() {
+    if (!lock_) return;
+    const std::unique_ptr<FlockWriteLock> lock = std::move(lock_);
+    lock->release();
+  }
+  ~HeldLock() {
+    try {
+      release();
+    } catch (...) {  // the run's own error is on its way
+    }
+  }
+
+ private:
+  std::unique_ptr<FlockWriteLock> lock_;
+};
 
 // Writes the anchors file from the store when it changed, its records placed against the work
 // tree (write_anchors_placed); under the wiki's write lock. A file that the store knows it wrote,
@@ -425,19 +436,21 @@ Outcome run(const Options& options) {
            " new citations, " + std::to_string(synced.citations_dropped) + " citations gone");
   };
 
+  // A writing run holds the wiki's write lock from here to its end: while another run writes the
+  // wiki, this one only reports.
+  HeldLock lock;
   std::unique_ptr<SqliteStore> store;
   std::unique_ptr<ScratchStore> scratch;
   if (!options.check) {
-    store = std::make_unique<SqliteStore>(place.root, place.db);
-    detail("store " + store->file().string());
-    if (!holding_write_lock(place.wiki, [&] {
-          // A run stopped after carrying stored its records: its page files first.
-          finish_carried(*store, place.branch, place.wiki);
-          sync(*store);
-        })) {
+    if (lock.take(place.wiki)) {
+      store = std::make_unique<SqliteStore>(place.root, place.db);
+      detail("store " + store->file().string());
+      // A run stopped after carrying stored its records: its page files first.
+      finish_carried(*store, place.branch, place.wiki);
+      sync(*store);
+    } else {
       note(std::string(cr::BUSY_MESSAGE));
       outcome.busy = outcome.reported_only = true;
-      store.reset();
     }
   }
   if (outcome.reported_only) {
@@ -490,9 +503,7 @@ Outcome run(const Options& options) {
   if (outcome.reported_only) {
     carried_texts = carry_from_mark().texts;
   } else {
-    if (!holding_write_lock(place.wiki, [&] { carry_from_mark(); })) {
-      detail("another run took the wiki; it carries the citations");
-    }
+    carry_from_mark();
   }
 
   // A refresh that wrote nothing left all it read as it was: a later refresh that would read the
@@ -530,37 +541,24 @@ Outcome run(const Options& options) {
   };
   if (outcome.reported_only) {
     report();
+  } else if (std::optional<cr::CitationRefresh> reused = kept()) {
+    outcome.result = std::move(*reused);
   } else {
-    // As refresh_citations_if_free does, with the inputs read, and the result kept, under the
-    // same hold of the lock as the refresh.
-    if (!holding_write_lock(place.wiki, [&] {
-          if (std::optional<cr::CitationRefresh> reused = kept()) {
-            outcome.result = std::move(*reused);
-          } else {
-            outcome.result =
-                cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root);
-            ordered.flush();
-            if (inputs && !ordered.wrote()) {
-              store->keep_refresh(place.branch, *inputs, kept_text(outcome.result));
-            }
-          }
-        })) {
-      log.logger->info(cr::BUSY_MESSAGE);
-      report();
+    // The lock is held: the refresh writes (refresh_citations_if_free would take it again).
+    outcome.result = cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root);
+    ordered.flush();
+    if (inputs && !ordered.wrote()) {
+      store->keep_refresh(place.branch, *inputs, kept_text(outcome.result));
     }
-    outcome.busy = outcome.reported_only = *log.busy;
   }
   ordered.flush();
   progress.end();
 
   if (!outcome.reported_only) {
-    if (!holding_write_lock(place.wiki, [&] {
-          outcome.anchors_written =
-              write_anchors(*store, place.branch, anchors_file, cited, anchors_known);
-        })) {
-      detail("another run took the wiki; it writes the anchors file");
-    }
+    outcome.anchors_written =
+        write_anchors(*store, place.branch, anchors_file, cited, anchors_known);
     if (outcome.anchors_written) detail("wrote " + anchors_file.string());
+    lock.release();
   }
 
   outcome.missing = missing_citations(*store, synced, outcome.renamed);
