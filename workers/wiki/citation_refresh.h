@@ -76,6 +76,8 @@ struct Host {
   WriteLocks& locks;
   // Where the module's one log line goes; null: a stderr logger named MODULE_NAME.
   std::shared_ptr<spdlog::logger> logger = nullptr;
+  // Asked, when given, before a stored citation is given new lines or kept where it is.
+  LandingCheck* landing = nullptr;
 };
 
 // ---- Results ----------------------------------------------------------------------------------

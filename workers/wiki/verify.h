@@ -64,6 +64,20 @@ class Anchoring {
   virtual Record anchored(const Record& citation, LineRange lines, const Symbol* symbol) = 0;
 };
 
+// A host's last word on where the refresh puts a citation: a host that knows what each citation
+// cited when it was placed (its text, say) can refuse a landing that holds other code. Optional:
+// without one, every landing the refresh finds and fits is taken.
+class LandingCheck {
+ public:
+  virtual ~LandingCheck() = default;
+
+  // Whether the stored citation `cited` of `path` may be given the lines `lines`, its declaration
+  // found again as `found` (null: none was found, a citation without a declaration). False: the
+  // citation is lost instead, under the name its record carries, and its link stays as written.
+  virtual bool accepts(const std::string& path, const Record& cited, const Symbol* found,
+                       LineRange lines) = 0;
+};
+
 // What anchored() gives for a host that adds nothing of its own: `citation` with `line_start`
 // and `line_end` set to `lines` and, with a symbol, `symbol`, `name`, `symbol_start` and
 // `symbol_end` set from it; the keys it has keep their places, the others follow in that order.

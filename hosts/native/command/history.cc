@@ -406,26 +406,6 @@ void add_digest_changes(SqliteStore& store, const fs::path& wiki_dir,
 
 }  // namespace
 
-std::string cited_text_hash(std::string_view content, wiki::Line first, wiki::Line last) {
-  if (first < 1 || last < first) return {};
-  std::string joined;
-  std::size_t at = 0;
-  for (wiki::Line n = 1; n <= last; ++n) {
-    if (at >= content.size()) return {};  // the file ends before the cited lines do
-    const std::size_t eol = std::min(content.find('\n', at), content.size());
-    if (n >= first) {
-      std::string_view line = content.substr(at, eol - at);
-      while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r')) {
-        line.remove_suffix(1);
-      }
-      if (n > first) joined += '\n';
-      joined += line;
-    }
-    at = eol + 1;
-  }
-  return sha256_hex(joined).substr(0, 16);
-}
-
 namespace detail {
 
 std::optional<wiki::LineRange> find_text(std::string_view content, const std::string& text,

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "hosts/native/landing.h"
 #include "hosts/native/store.h"
 #include "workers/wiki/repo_facts.h"
 
@@ -22,15 +23,10 @@ namespace wiki = tolbarrow::workers::wiki;
 // What a citation was placed against travels with its record, so that any run, on any branch and
 // in any clone, can carry it from there to the work tree: `blob`, the git blob id of the cited
 // file's content when the record's lines were last placed, and `text`, a hash of the cited lines'
-// text then (cited_text_hash). A record whose path or lines change loses both; the anchors file's
-// writer gives them anew from the work tree (place_records).
+// text then (cited_text_hash, landing.h). A record whose path or lines change loses both; the
+// anchors file's writer gives them anew from the work tree (place_records).
 inline constexpr const char* kBlobMember = "blob";
 inline constexpr const char* kTextMember = "text";
-
-// The hash kept in `text` for lines first..last (1-based) of a file's content: SHA-256 of the
-// lines, each without its line end and trailing white space, joined by line feeds, as 16 hex
-// digits. "" when the lines are not all in the content.
-std::string cited_text_hash(std::string_view content, wiki::Line first, wiki::Line last);
 
 // The git blob id of each of `paths` as the work tree holds it now (git's null id, forty zeros,
 // for one that is gone); one `git status`, one `git ls-files` and, for the files that differ

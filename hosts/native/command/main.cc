@@ -47,9 +47,11 @@ struct Finding {
 std::vector<Finding> findings(const command::Outcome& outcome) {
   std::vector<Finding> out;
   for (const auto& lost : outcome.result.lost) {
+    const std::string reason = lost.value("reason", "");
     out.push_back({lost.value("page_id", ""),
                    lost.value("page_id", "") + ": " + lost.value("path", "") + " " +
-                       lost.value("lines", "") + " (" + lost.value("name", "") + ")"});
+                       lost.value("lines", "") + " (" +
+                       (reason.empty() ? lost.value("name", "") : "lost: " + reason) + ")"});
   }
   for (const auto& missing : outcome.missing) {
     out.push_back({missing.page_id, missing.page_id + ": " + missing.path + " " + missing.lines +

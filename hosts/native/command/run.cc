@@ -15,6 +15,7 @@
 #include "hosts/native/command/history.h"
 #include "hosts/native/command/terminal.h"
 #include "hosts/native/indexer.h"
+#include "hosts/native/landing.h"
 #include "hosts/native/native_host.h"
 #include "hosts/native/page_sync.h"
 #include "hosts/native/process.h"
@@ -526,18 +527,35 @@ Outcome run(const Options& options) {
   CountingFileSystem counted(pages_now, progress);
   StoreBeforePages ordered(counted, *store);
   const RefreshLog log = make_refresh_log(options.quiet);
+  TextLandingCheck landing(place.root);
   const cr::Host host{.syntax = native.syntax,
                       .anchoring = native.anchoring,
                       .ranges = native.ranges,
                       .file_system = ordered,
                       .locks = native.locks,
-                      .logger = log.logger};
+                      .logger = log.logger,
+                      .landing = &landing};
+  // Each lost citation whose landing was refused says why.
+  auto with_reasons = [&](cr::CitationRefresh result) {
+    for (wiki::Record& lost : result.lost) {
+      const std::string lines = lost.value("lines", "");
+      const std::size_t dash = lines.find("-L");
+      if (!lines.starts_with("L") || dash == std::string::npos) continue;
+      const wiki::CitationKey key{lost.value("path", ""), std::stoll(lines.substr(1, dash - 1)),
+                                  std::stoll(lines.substr(dash + 2))};
+      if (auto why = landing.refused().find(key); why != landing.refused().end()) {
+        lost["reason"] = why->second;
+      }
+    }
+    return result;
+  };
   progress.begin("refreshing pages", synced.pages);
   auto report = [&] {
     std::optional<cr::CitationRefresh> reused = kept();
-    outcome.result = reused ? std::move(*reused)
-                            : cr::refresh_citations(host, ordered, place.branch, place.wiki,
-                                                    place.root, {.write = false});
+    outcome.result =
+        reused ? std::move(*reused)
+               : with_reasons(cr::refresh_citations(host, ordered, place.branch, place.wiki,
+                                                    place.root, {.write = false}));
   };
   if (outcome.reported_only) {
     report();
@@ -545,7 +563,8 @@ Outcome run(const Options& options) {
     outcome.result = std::move(*reused);
   } else {
     // The lock is held: the refresh writes (refresh_citations_if_free would take it again).
-    outcome.result = cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root);
+    outcome.result =
+        with_reasons(cr::refresh_citations(host, ordered, place.branch, place.wiki, place.root));
     ordered.flush();
     if (inputs && !ordered.wrote()) {
       store->keep_refresh(place.branch, *inputs, kept_text(outcome.result));

@@ -252,6 +252,15 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
       result.lost.emplace_back(key, found != nullptr ? found->name : std::string());
       return;
     }
+    if (host.landing != nullptr && stored_record != nullptr &&
+        !host.landing->accepts(key.path, *stored_record, found, *fitted)) {
+      const Record* name = if_present(entry->members.name);
+      result.lost.emplace_back(key, name != nullptr     ? to_path(*name)
+                                    : symbol != nullptr ? to_path(*symbol)
+                                    : found != nullptr  ? found->name
+                                                        : std::string());
+      return;
+    }
     if (*fitted != LineRange{key.start, key.end}) result.moves.set(key, *fitted);
 
     if (anchor && stored_record != nullptr) {
