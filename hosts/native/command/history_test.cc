@@ -300,7 +300,9 @@ TEST(History, TellsTheBlobOfEachCitedFileNow) {
     for (const auto& [blob, held] : stored) EXPECT_EQ(repo.has_object(blob), held) << blob;
     EXPECT_EQ(work_tree_blobs(repo.root(), paths, true, "docs"), want);
     for (const auto& [path, text] : c.cited) {
-      if (text) EXPECT_TRUE(repo.has_object(want[path])) << path;
+      if (text) {
+        EXPECT_TRUE(repo.has_object(want[path])) << path;
+      }
     }
   }
   testing::TempDir no_git;
@@ -452,7 +454,9 @@ TEST(History, CarriesFromWhatEachCitationWasPlacedAgainst) {
       const std::vector<StoredPage> stored = store.pages("main");
       for (const Record& record : stored.at(0).citations) {
         if (c.carried.empty()) continue;
-        if (c.carried.starts_with("translated")) EXPECT_NE(record.value("blob", ""), blob);
+        if (c.carried.starts_with("translated")) {
+          EXPECT_NE(record.value("blob", ""), blob);
+        }
         EXPECT_EQ(record.value("text", ""),
                   cited_text_hash(c.page_after.find("m.py") != std::string::npos
                                       ? read_bytes(repo.root() / "m.py")
