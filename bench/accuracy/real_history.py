@@ -49,7 +49,8 @@ from relocation_accuracy import diff_map, find_program, git  # noqa: E402
 YEARS = [("50 commits", 50, None), ("1 year", None, 365), ("3 years", None, 3 * 365)]
 REPOS = [
     {"name": "attrs", "mirror": "python-attrs+attrs",
-     "tip": "c1dc5dcba16ed827aa6dcad896b41a3afedb4e32", "ext": (".py",), "pairs": YEARS},
+     "tip": "c1dc5dcba16ed827aa6dcad896b41a3afedb4e32", "ext": (".py",),
+     "pairs": YEARS},
     {"name": "requests", "mirror": "psf+requests",
      "tip": "1f6589ec3a1ee910f9a65cc3ceac60b26677bc0e", "ext": (".py",), "pairs": YEARS},
     {"name": "leveldb", "mirror": "google+leveldb",
