@@ -11,9 +11,11 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "hosts/native/anchoring.h"
 #include "hosts/native/command/anchors.h"
 #include "hosts/native/command/history.h"
 #include "hosts/native/command/terminal.h"
+#include "hosts/native/first_sight.h"
 #include "hosts/native/indexer.h"
 #include "hosts/native/native_host.h"
 #include "hosts/native/page_sync.h"
@@ -454,6 +456,19 @@ Outcome run(const Options& options) {
     if (!holding_write_lock(place.wiki, [&] { carry_from_mark(); })) {
       detail("another run took the wiki; it carries the citations");
     }
+  }
+
+  // Citations seen for the first time are anchored where they stand, before the refresh.
+  auto first_sight = [&] {
+    MarkdownCitationSyntax syntax;
+    CtagsAnchoring anchoring;
+    outcome.misnamed =
+        anchor_first_sight(*store, syntax, anchoring, place.branch, place.wiki).misnamed;
+  };
+  if (outcome.reported_only) {
+    first_sight();
+  } else if (!holding_write_lock(place.wiki, first_sight)) {
+    detail("another run took the wiki; it anchors the new citations");
   }
 
   // A refresh that wrote nothing left all it read as it was: a later refresh that would read the

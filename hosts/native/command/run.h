@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hosts/native/command/history.h"
+#include "hosts/native/first_sight.h"
 #include "workers/wiki/citation_refresh.h"
 
 namespace tolbarrow::hosts::native::command {
@@ -50,6 +51,8 @@ struct Outcome {
   // Carried from where the wiki was last refreshed, before the refresh (see history.h).
   std::vector<FollowedRename> renamed;
   std::map<std::string, std::int64_t> translated;  // page id -> citations
+  // New citations whose prose names a declaration that does not hold their lines.
+  std::vector<Misnamed> misnamed;
 };
 
 // Runs the command. Notes and progress go to stderr (none when quiet); errors are exceptions.
