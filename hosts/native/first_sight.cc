@@ -178,15 +178,13 @@ FirstSightStats anchor_first_sight(SqliteStore& store, wiki::CitationSyntax& syn
         for (const std::string& name : names) {
           if (!detail::names_symbol(name, s, key.path)) continue;
           if (holds && (chosen == nullptr || span_of(s) < span_of(*chosen))) chosen = &s;
-          // The name nearest the link wins the report.
-          if (!holds && (elsewhere == nullptr || name != elsewhere_name)) {
-            const auto rank = [&](const std::string& n) {
-              return std::find(names.begin(), names.end(), n) - names.begin();
-            };
-            if (elsewhere == nullptr || rank(name) > rank(elsewhere_name)) {
-              elsewhere = &s;
-              elsewhere_name = name;
-            }
+          // The name nearest the link (the last written) wins the report.
+          const auto rank = [&](const std::string& n) {
+            return std::find(names.begin(), names.end(), n) - names.begin();
+          };
+          if (!holds && (elsewhere == nullptr || rank(name) > rank(elsewhere_name))) {
+            elsewhere = &s;
+            elsewhere_name = name;
           }
         }
       }

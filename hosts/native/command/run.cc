@@ -458,8 +458,10 @@ Outcome run(const Options& options) {
     }
   }
 
-  // Citations seen for the first time are anchored where they stand, before the refresh.
+  // Citations seen for the first time are anchored where they stand, before the refresh. Only
+  // a sync that added citations leaves records to anchor: other runs skip the pass.
   auto first_sight = [&] {
+    if (synced.citations_added == 0) return;
     MarkdownCitationSyntax syntax;
     CtagsAnchoring anchoring;
     outcome.misnamed =
