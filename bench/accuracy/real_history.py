@@ -147,6 +147,7 @@ class Cite:
         self.truth = None  # ("live", (a, b)) / ("changed", None) / ("gone", None)
         self.truth_path = None
         self.span = None  # its declaration's lines at the new commit
+        self.by_file = False  # the truth was found in the file, outside any namesake
 
 
 def sample(root, files, count, rng):
@@ -184,6 +185,16 @@ def sample(root, files, count, rng):
     return cites
 
 
+def once_in(lines, text):
+    """The lines (first, last) where `text` occurs once in `lines`, else None. Text too plain to
+    tell one place from another (fewer than 20 letters and digits: a `}`, a `return;`) is
+    found nowhere."""
+    if sum(ch.isalnum() for line in text for ch in line) < 20:
+        return None
+    hits = [i + 1 for i in range(len(lines) - len(text) + 1) if lines[i:i + len(text)] == text]
+    return (hits[0], hits[0] + len(text) - 1) if len(hits) == 1 else None
+
+
 def find_truth(cites, root, renames, gone_files):
     """Each citation's truth at the new commit (the work tree of `root`)."""
     paths = sorted({renames.get(c.path, c.path) for c in cites} - gone_files)
@@ -196,7 +207,11 @@ def find_truth(cites, root, renames, gone_files):
         namesakes = [t for t in tags.get(path, []) if key_of(t) == key_of(c.tag)
                      and (t["kind"] == c.tag["kind"] or macro(t)) and checker_only(t, lines) == c.checker]
         if not namesakes:
-            c.truth = ("gone", None)
+            # No namesake (its scope renamed, say): the cited text found once in the file is the
+            # truth, else the declaration is gone.
+            where = once_in(lines, c.text) if lines is not None else None
+            c.truth = ("live", where) if where else ("gone", None)
+            c.span, c.by_file = where, where is not None
             continue
         if c.whole:
             pick = namesakes if len(namesakes) == 1 else (
@@ -219,6 +234,10 @@ def find_truth(cites, root, renames, gone_files):
         if len(hits) == 1:
             c.truth = ("live", hits[0][:2])
             c.span = hits[0][2]
+        elif not hits and once_in(lines, c.text):
+            # Moved out of its declaration: found once elsewhere in the file.
+            c.truth = ("live", once_in(lines, c.text))
+            c.span, c.by_file = c.truth[1], True
         else:
             c.truth = ("changed", None)
             if len(namesakes) == 1:
@@ -271,7 +290,8 @@ def run_json(program, root, *args):
 
 
 class Score:
-    KEYS = ("cites", "live", "exact", "in_decl", "misplaced", "live_lost", "changed",
+    KEYS = ("cites", "live", "by_file", "by_file_exact", "exact", "in_decl", "misplaced",
+            "live_lost", "changed",
             "changed_lost", "changed_in_decl", "gone", "gone_lost", "gone_placed", "dropped")
 
     def __init__(self):
@@ -303,11 +323,13 @@ class Score:
             n["changed_in_decl"] += inside
             return "changed, in its declaration" if inside else "changed, elsewhere"
         n["live"] += 1
+        n["by_file"] += c.by_file
         if lost:
             n["live_lost"] += 1
             return "live, reported lost"
         if got is not None and got[0] == c.truth_path and (got[1], got[2]) == where:
             n["exact"] += 1
+            n["by_file_exact"] += c.by_file
             return "exact"
         if inside:
             n["in_decl"] += 1
@@ -509,7 +531,10 @@ def main():
         print(f"{r['repo']} {r['pair']}: first writing run at the old commit changed "
               f"{r['first_run_pages_changed']} of the pages ({r['first_run_citations_moved']} "
               f"citations moved, {r['first_run_lost']} reported lost, "
-              f"{r['first_run_misnamed']} said to name other code); --check "
+              f"{r['first_run_misnamed']} said to name other code); "
+              f"{r['command'].n['by_file']} live citations found outside a namesake "
+              f"({r['command'].n['by_file_exact']} exact, git diff "
+              f"{r['git_diff'].n['by_file_exact']}); --check "
               f"{'told' if r['check_agrees'] else 'did NOT tell'} what the writing run did; "
               f"{r['seconds']} s")
         for e in r["first_run_moved_examples"][:args.examples]:
