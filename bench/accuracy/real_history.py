@@ -28,7 +28,6 @@ The mirrors are bare git directories named <owner>+<name>/repo under --mirrors (
 
 import argparse
 import collections
-import datetime
 import json
 import os
 import pathlib
@@ -205,7 +204,8 @@ def find_truth(cites, root, renames, gone_files):
         c.truth_path = path
         lines = texts.get(path)
         namesakes = [t for t in tags.get(path, []) if key_of(t) == key_of(c.tag)
-                     and (t["kind"] == c.tag["kind"] or macro(t)) and checker_only(t, lines) == c.checker]
+                     and (t["kind"] == c.tag["kind"] or macro(t))
+                     and checker_only(t, lines) == c.checker]
         if not namesakes:
             # No namesake (its scope renamed, say): the cited text found once in the file is the
             # truth, else the declaration is gone.
