@@ -167,6 +167,23 @@ def scenarios(n, rounds):
     out.append(Scenario("@overload stubs", "pkg/stubs.py",
                         ["from typing import overload"], blocks, [v0, v1, v2],
                         ["parse", "render", "load", "save"]))
+    # Cited @overload stubs (their `def` line, the lines ctags declares): another stub added
+    # above them, two swapped, the implementation edited below.
+    def stub(name, typ, indent=""):
+        block = py_stub(name, typ, indent)
+        return Block(block.lines, (1, 1))
+    blocks = {"s1": stub("parse", "int"), "s2": stub("parse", "str"),
+              "s0": stub("parse", "bytes"), "parse": py_fn("parse", 1),
+              "parse@1": grown(py_fn("parse", 1), 1, ["    x = x or 0"]),
+              "cls": Block(["class Loader:", "    kind = 1"]),
+              "s3": stub("load", "int", "    "), "s4": stub("load", "str", "    "),
+              "load": py_fn("load", 3, "    ")}
+    out.append(Scenario("cited @overload stubs", "pkg/cited_stubs.py",
+                        ["from typing import overload"], blocks,
+                        [["s1", "s2", "parse", "cls", "s3", "load"],
+                         ["s0", "s1", "s2", "parse", "cls", "s4", "s3", "load"],
+                         ["s0", "s2", "s1", "parse@1", "cls", "s4", "s3", "load"]],
+                        ["s1", "s2", "parse", "s3", "load"]))
     # TYPE_CHECKING twins: the checker's class grows above the real one.
     blocks = {"if_small": Block(["if TYPE_CHECKING:", "    class Config:", "        name: str"]),
               "if_big": Block(["if TYPE_CHECKING:", "    class Config:", "        name: str",

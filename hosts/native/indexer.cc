@@ -108,6 +108,11 @@ std::vector<std::pair<std::string, std::vector<CtagsTag>>> parse_ctags_json(
     t.scope = tag.value("scope", "");
     t.signature = tag.value("signature", "");
     t.typed = tag.contains("typeref");
+    if (t.typed && tag["typeref"].is_string()) {
+      const std::string typeref = tag["typeref"];
+      // "typename:int": the type ctags read.
+      t.typeref = typeref.rfind("typename:", 0) == 0 ? typeref.substr(9) : typeref;
+    }
     symbol.fqn = t.scope.empty() ? symbol.name
                                  : t.scope + std::string(scope_separator(t.language)) + symbol.name;
     const std::string path = tag.value("path", "");
@@ -365,6 +370,18 @@ std::vector<std::pair<wiki::Line, wiki::Line>> type_checking_branches(
   return out;
 }
 
+// An @overload stub's key: its parameters and return type as ctags gives them, without
+// whitespace or a trailing comma: "( x: str, )" returning str is "(x:str)->str".
+std::string python_stub_signature(const CtagsTag& tag) {
+  std::string out;
+  for (char c : tag.signature) {
+    if (c != ' ' && c != '\t' && c != '\n' && c != '\r') out += c;
+  }
+  for (std::size_t at; (at = out.find(",)")) != std::string::npos;) out.erase(at, 1);
+  if (!tag.typeref.empty()) out += "->" + tag.typeref;
+  return out;
+}
+
 }  // namespace
 
 std::vector<wiki::Symbol> identify(std::vector<CtagsTag> tags, std::string_view text) {
@@ -374,10 +391,7 @@ std::vector<wiki::Symbol> identify(std::vector<CtagsTag> tags, std::string_view 
   for (const CtagsTag& tag : tags) python = python || tag.language == "Python";
   if (python) branches = type_checking_branches(lines);
 
-  // Python declarations only type checkers see; left out below when their real twin is here.
-  std::vector<bool> checker_only(tags.size(), false);
-  for (std::size_t i = 0; i < tags.size(); ++i) {
-    CtagsTag& tag = tags[i];
+  for (CtagsTag& tag : tags) {
     wiki::Symbol& symbol = tag.symbol;
     if (macro_body(tag)) {
       identify_macro_body(tag);
@@ -385,27 +399,38 @@ std::vector<wiki::Symbol> identify(std::vector<CtagsTag> tags, std::string_view 
                !tag.signature.empty() && tag.signature.front() == '(') {
       symbol.fqn += cpp_parameters(tag.signature);
     } else if (tag.language == "Python") {
+      bool stub = false;
       for (std::string_view decorator : decorators(lines, symbol.start_line)) {
-        if (overload_decorator(decorator)) checker_only[i] = true;
+        stub = stub || overload_decorator(decorator);
         // A property's setter and deleter are twins of its getter: "@x.setter" gives "C.x.setter".
         for (std::string_view accessor : {".setter", ".deleter"}) {
           if (trim(decorator) == symbol.name + std::string(accessor)) symbol.fqn += accessor;
         }
       }
+      // Declarations only type checkers see are kept apart from the implementation: a stub by
+      // its signature ("f@overload(x:int)->int"), and whatever an `if TYPE_CHECKING:` branch
+      // declares by a marker ("Config@TYPE_CHECKING").
+      if (stub) symbol.fqn += "@overload" + python_stub_signature(tag);
       for (const auto& [first, last] : branches) {
-        if (first <= symbol.start_line && symbol.start_line <= last) checker_only[i] = true;
+        if (first <= symbol.start_line && symbol.start_line <= last) {
+          symbol.fqn += "@TYPE_CHECKING";
+          break;
+        }
       }
     }
   }
-  std::unordered_set<std::string> real;
-  for (std::size_t i = 0; i < tags.size(); ++i) {
-    if (!checker_only[i]) real.insert(tags[i].symbol.fqn);
-  }
+  // Stubs that still share a key (the same signature twice) are told apart by their place among
+  // them: the second is "f@overload(x:int)->int#2".
+  std::unordered_map<std::string, int> seen;
   std::vector<wiki::Symbol> out;
   out.reserve(tags.size());
-  for (std::size_t i = 0; i < tags.size(); ++i) {
-    if (checker_only[i] && real.count(tags[i].symbol.fqn)) continue;
-    out.push_back(std::move(tags[i].symbol));
+  for (CtagsTag& tag : tags) {
+    wiki::Symbol& symbol = tag.symbol;
+    if (symbol.fqn.find("@overload") != std::string::npos) {
+      const int n = ++seen[symbol.fqn];
+      if (n > 1) symbol.fqn += "#" + std::to_string(n);
+    }
+    out.push_back(std::move(symbol));
   }
   return out;
 }

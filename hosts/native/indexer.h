@@ -31,6 +31,7 @@ struct CtagsTag {
   std::string scope;
   std::string signature;  // "(int a,const char * b) const", as ctags gives it; "" when none
   bool typed = false;     // ctags gave a type (a C++ function's return type; never a macro's)
+  std::string typeref;    // that type, "int" for ctags' "typename:int"; "" when none
 };
 
 // Tags by file from ctags' JSON output, in ctags' order.
@@ -41,12 +42,13 @@ std::vector<std::pair<std::string, std::vector<CtagsTag>>> parse_ctags_json(
 // order) and its text. Declarations that ctags names alike are told apart as hosts/native/README.md
 // describes: test-framework macro bodies take their identity from their arguments, C++ functions
 // carry their parameter types in their fqn, Python property setters and deleters carry the
-// decorator's attribute, and Python declarations that only type checkers see (overload stubs,
-// the `if TYPE_CHECKING:` twin of a declaration) are left out when the real one is in the file.
+// decorator's attribute, and Python declarations that only type checkers see are kept apart from
+// the implementation: an @overload stub carries its signature, whatever an `if TYPE_CHECKING:`
+// branch declares carries a marker.
 std::vector<wiki::Symbol> identify(std::vector<CtagsTag> tags, std::string_view text);
 
 // The format of the declarations identify() makes; a store holding another is re-indexed.
-inline constexpr int kIndexFormat = 2;
+inline constexpr int kIndexFormat = 3;
 
 // What one update did.
 struct IndexStats {

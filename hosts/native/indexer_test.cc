@@ -201,7 +201,7 @@ TEST(Indexer, TellsAlikeNamedDeclarationsApart) {
         {"ns::S", "S", 5},
         {"ns::S::g() const", "g", 5},
         {"ns::S::g(unsigned long)", "g", 5}}},
-      {"overload stubs and TYPE_CHECKING twins leave; setters are named",
+      {"overload stubs and TYPE_CHECKING twins are kept apart; setters are named",
        "p.py",
        "from typing import TYPE_CHECKING, overload\n"
        "import typing\n"
@@ -215,9 +215,14 @@ TEST(Indexer, TellsAlikeNamedDeclarationsApart) {
        "@overload\n"
        "def f(x: int) -> int: ...\n"
        "@typing.overload  # str\n"
-       "def f(x: str) -> str: ...\n"
+       "# a comment between\n"
+       "def f(\n"
+       "    x: str,\n"
+       ") -> str: ...\n"
        "def f(x):\n"
        "    return x\n"
+       "@overload\n"
+       "def only_stub(x: int) -> int: ...\n"
        "@overload\n"
        "def only_stub(x: int) -> int: ...\n"
        "class C:\n"
@@ -226,14 +231,25 @@ TEST(Indexer, TellsAlikeNamedDeclarationsApart) {
        "        return 1\n"
        "    @x.setter\n"
        "    def x(self, value):\n"
-       "        pass\n",
-       {{"Foo", "Foo", 7},
+       "        pass\n"
+       "    @overload\n"
+       "    def load(self, x: int) -> int: ...\n"
+       "    def load(self, x):\n"
+       "        return x\n",
+       {{"Foo@TYPE_CHECKING", "Foo", 4},
+        {"Foo.m@TYPE_CHECKING", "m", 5},
+        {"Foo", "Foo", 7},
         {"Foo.m", "m", 8},
-        {"f", "f", 14},
-        {"only_stub", "only_stub", 17},
-        {"C", "C", 18},
-        {"C.x", "x", 20},
-        {"C.x.setter", "x", 23}}},
+        {"f@overload(x:int)->int", "f", 11},
+        {"f@overload(x:str)->str", "f", 14},
+        {"f", "f", 17},
+        {"only_stub@overload(x:int)->int", "only_stub", 20},
+        {"only_stub@overload(x:int)->int#2", "only_stub", 22},
+        {"C", "C", 23},
+        {"C.x", "x", 25},
+        {"C.x.setter", "x", 28},
+        {"C.load@overload(self,x:int)->int", "load", 31},
+        {"C.load", "load", 32}}},
   };
   for (const IdentityCase& c : cases) {
     TempDir repo;

@@ -27,7 +27,8 @@ constexpr const char* kDescription =
 constexpr const char* kFooter =
     "Exit codes: 0 the citations are current, or were written (a writing run exits 0\n"
     "even when citations are lost or missing: it reports them); 1 with --check, when a\n"
-    "citation would move (or follow a renamed file), is lost or cites a missing file;\n"
+    "citation would move (or follow a renamed file), is lost, cites a missing file, or is\n"
+    "new and its prose names a declaration that does not hold its lines;\n"
     "2 an error. --check also exits 1 for a citation that the anchors file does not\n"
     "know yet (commit the anchors file a writing run leaves).\n"
     "\n"
@@ -43,7 +44,8 @@ struct Finding {
   std::string text;
 };
 
-// Lost and missing citations in page order; within a page, lost ones first, each in text order.
+// Lost and missing citations and new ones whose prose names other code, in page order; within a
+// page, lost ones first, each kind in text order.
 std::vector<Finding> findings(const command::Outcome& outcome) {
   std::vector<Finding> out;
   for (const auto& lost : outcome.result.lost) {
@@ -60,6 +62,11 @@ std::vector<Finding> findings(const command::Outcome& outcome) {
   for (const auto& new_one : outcome.unanchored) {
     out.push_back({new_one.page_id, new_one.page_id + ": " + new_one.path + " " + new_one.lines +
                                         " (not anchored yet; run citation-refresh)"});
+  }
+  for (const auto& m : outcome.misnamed) {
+    out.push_back({m.page_id, m.page_id + ":" + std::to_string(m.page_line) + ": " + m.link +
+                                  ": the prose names `" + m.named + "`, at " + m.named_at +
+                                  ", which does not hold these lines (anchored as written)"});
   }
   std::stable_sort(out.begin(), out.end(),
                    [](const Finding& a, const Finding& b) { return a.page_id < b.page_id; });
@@ -82,6 +89,14 @@ nlohmann::ordered_json to_json(const command::Outcome& outcome) {
   for (const auto& f : outcome.renamed) {
     renamed.push_back({{"page_id", f.page_id}, {"from", f.from}, {"to", f.to}, {"lines", f.lines}});
   }
+  nlohmann::ordered_json misnamed = nlohmann::ordered_json::array();
+  for (const auto& m : outcome.misnamed) {
+    misnamed.push_back({{"page_id", m.page_id},
+                        {"page_line", m.page_line},
+                        {"link", m.link},
+                        {"named", m.named},
+                        {"named_at", m.named_at}});
+  }
   nlohmann::ordered_json translated = nlohmann::ordered_json::object();
   for (const auto& [page, count] : outcome.translated) translated[page] = count;
   nlohmann::ordered_json out = {{"repaired", r.repaired},
@@ -91,7 +106,8 @@ nlohmann::ordered_json to_json(const command::Outcome& outcome) {
                                 {"moved", moved},
                                 {"missing", missing},
                                 {"renamed", renamed},
-                                {"translated", translated}};
+                                {"translated", translated},
+                                {"misnamed", misnamed}};
   if (outcome.reported_only) out["unanchored"] = unanchored;
   return out;
 }
@@ -132,6 +148,10 @@ void print_text(const command::Outcome& outcome, bool quiet) {
     if (!outcome.unanchored.empty()) {
       summary += ", " + plural(static_cast<std::int64_t>(outcome.unanchored.size()),
                                "citation not anchored yet", "citations not anchored yet");
+    }
+    if (!outcome.misnamed.empty()) {
+      summary += ", " + plural(static_cast<std::int64_t>(outcome.misnamed.size()),
+                               "new citation names other code", "new citations name other code");
     }
     std::printf("%s\n", summary.c_str());
   }
@@ -217,7 +237,8 @@ int main(int argc, char** argv) {
     if (!options.check) return 0;
     const bool stale = !outcome.result.moved.empty() || !outcome.result.lost.empty() ||
                        !outcome.missing.empty() || !outcome.renamed.empty() ||
-                       !outcome.translated.empty() || !outcome.unanchored.empty();
+                       !outcome.translated.empty() || !outcome.unanchored.empty() ||
+                       !outcome.misnamed.empty();
     return stale ? 1 : 0;
   } catch (const std::exception& e) {
     std::fflush(stdout);

@@ -11,9 +11,11 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "hosts/native/anchoring.h"
 #include "hosts/native/command/anchors.h"
 #include "hosts/native/command/history.h"
 #include "hosts/native/command/terminal.h"
+#include "hosts/native/first_sight.h"
 #include "hosts/native/indexer.h"
 #include "hosts/native/landing.h"
 #include "hosts/native/native_host.h"
@@ -506,6 +508,17 @@ Outcome run(const Options& options) {
   } else {
     carry_from_mark();
   }
+
+  // Citations seen for the first time are anchored where they stand, before the refresh. Only
+  // a sync that added citations leaves records to anchor: other runs skip the pass.
+  auto first_sight = [&] {
+    if (synced.citations_added == 0) return;
+    MarkdownCitationSyntax syntax;
+    CtagsAnchoring anchoring;
+    outcome.misnamed =
+        anchor_first_sight(*store, syntax, anchoring, place.branch, place.wiki).misnamed;
+  };
+  first_sight();
 
   // A refresh that wrote nothing left all it read as it was: a later refresh that would read the
   // same takes the result kept then instead (see refresh_inputs). Not with page texts carried in

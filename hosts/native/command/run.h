@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hosts/native/command/history.h"
+#include "hosts/native/first_sight.h"
 #include "workers/wiki/citation_refresh.h"
 
 namespace tolbarrow::hosts::native::command {
@@ -54,6 +55,8 @@ struct Outcome {
   std::vector<FollowedRename> renamed;
   std::map<std::string, std::int64_t> translated;  // page id -> citations
   std::vector<CarriedLines> carried;               // each citation carried to other lines
+  // New citations whose prose names a declaration that does not hold their lines.
+  std::vector<Misnamed> misnamed;
 };
 
 // Runs the command. Notes and progress go to stderr (none when quiet); errors are exceptions.

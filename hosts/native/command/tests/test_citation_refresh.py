@@ -134,7 +134,7 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
     assert first.returncode == 0, first.stderr
     assert json.loads(first.stdout) == {"repaired": 0, "unrepairable": 0, "pages_written": 0,
                                         "lost": [], "moved": {}, "missing": [], "renamed": [],
-                                        "translated": {}}
+                                        "translated": {}, "misnamed": []}
     assert {rel: repo.read(rel) for rel in PAGES} == PAGES  # nothing moved yet: no byte changes
     anchors = repo.read("docs/.citation-anchors.json")
     assert '"symbol": "Circle.area"' in anchors and '"symbol": "Counter::add(int)"' in anchors
@@ -161,7 +161,7 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
     assert in_clone.returncode == 1, in_clone.stderr
     assert in_clone.stderr.count("not in this repository (a shallow clone") == 1
     assert json.loads(in_clone.stdout) == {**reported, "moved": TRANSLATED, "missing": MISSING,
-                                           "renamed": [], "translated": {}}
+                                           "renamed": [], "translated": {}, "misnamed": []}
     assert not (clone.root / ".git" / "citation-refresh.db").exists()
 
     second = repo.run("--json")
@@ -505,3 +505,38 @@ def test_a_kept_result_stands_only_for_the_same_inputs(repo, what):
         assert json.loads(fresh.stdout)["lost"] == []
     else:
         assert (got.returncode, got.stdout) == (fresh.returncode, fresh.stdout)
+
+
+PRINTER_CC = """\
+#include "printer.h"
+
+StatusPrinter::StatusPrinter(int width) : width_(width) {}
+
+void StatusPrinter::BuildEdgeStarted(int edge) {
+  started_ += edge;
+}
+"""
+
+
+def test_first_sight_anchors_in_place_and_reports_prose_naming_other_code(repo):
+    repo.write("src/printer.cc", PRINTER_CC)
+    page = ("`StatusPrinter::BuildEdgeStarted` counts it [start](/src/printer.cc#L6).\n"
+            "\n"
+            "Unlike `StatusPrinter::StatusPrinter`, this counts [count](/src/printer.cc#L6-L7).\n")
+    repo.write("docs/printer.md", page)
+    repo.commit()
+    check = repo.run("--check", "--json")
+    assert check.returncode == 1, check.stderr
+    misnamed = [{"page_id": "printer", "page_line": 3,
+                 "link": "[count](/src/printer.cc#L6-L7)",
+                 "named": "StatusPrinter::StatusPrinter", "named_at": "src/printer.cc#L3-L3"}]
+    assert json.loads(check.stdout)["misnamed"] == misnamed
+    done = repo.run("--json")
+    assert done.returncode == 0, done.stderr
+    assert json.loads(done.stdout)["misnamed"] == misnamed
+    assert repo.read("docs/printer.md") == page  # correct citations are not moved
+    # Anchored as written: the method, followed when lines come above it.
+    repo.write("src/printer.cc", PRINTER_CC.replace("\nvoid", "\nint unused = 0;\n\nvoid"))
+    assert repo.run().returncode == 0
+    assert "[start](/src/printer.cc#L8)" in repo.read("docs/printer.md")
+    assert "[count](/src/printer.cc#L8-L9)" in repo.read("docs/printer.md")
