@@ -20,6 +20,12 @@ std::vector<std::string_view> words(std::string_view text) {
   return out;
 }
 
+// A qualified name without its parameter list: C++ functions carry their parameter types, which
+// change without the function becoming another one.
+std::string_view without_parameters(std::string_view fqn) {
+  return fqn.substr(0, std::min(fqn.find('('), fqn.size()));
+}
+
 wiki::Line line_of(const wiki::Record& record, const char* key) {
   const auto it = record.find(key);
   return it != record.end() && it->is_number_integer() ? it->get<wiki::Line>() : 0;
@@ -84,18 +90,20 @@ const std::optional<std::string>& TextLandingCheck::content(const std::string& p
 
 bool TextLandingCheck::accepts(const std::string& path, const wiki::Record& cited,
                                const wiki::Symbol* found, wiki::LineRange lines) {
+  const wiki::Line start = line_of(cited, "line_start"), end = line_of(cited, "line_end");
+  if (known_.count(wiki::CitationKey{path, start, end})) return false;
   const auto text = cited.find("text");
   if (text == cited.end() || !text->is_string()) return true;
-  const wiki::Line start = line_of(cited, "line_start"), end = line_of(cited, "line_end");
   const auto symbol = cited.find("symbol");
   const std::string fqn =
       symbol != cited.end() && symbol->is_string() ? symbol->get<std::string>() : "";
   const bool same_declaration = found != nullptr && !fqn.empty() && found->fqn == fqn;
   // Nothing moves, and the declaration is the one cited (or none was).
   if (lines == wiki::LineRange{start, end} && (fqn.empty() || same_declaration)) return true;
-  // A whole declaration found by its qualified name follows it.
-  if (same_declaration && start == line_of(cited, "symbol_start") &&
-      end == line_of(cited, "symbol_end") &&
+  // A whole declaration found by its qualified name (its parameter types aside) follows it.
+  if (found != nullptr && !fqn.empty() &&
+      without_parameters(found->fqn) == without_parameters(fqn) &&
+      start == line_of(cited, "symbol_start") && end == line_of(cited, "symbol_end") &&
       lines == wiki::LineRange{found->start_line, found->end_line}) {
     return true;
   }

@@ -31,14 +31,21 @@ bool similar_text(std::string_view then, std::string_view now);
 // Refuses a landing that holds other code: when the refresh would give a citation other lines, or
 // found its declaration only by its name under another qualified name, the new lines must hold text
 // like what the citation cited (its record's `text`). A citation of a whole declaration found by
-// its qualified name follows it whatever its body became. A record without `text` is taken as it
-// lands. Files are read from the work tree under `root`, each once.
+// its qualified name (its parameter types aside) follows it whatever its body became. A record
+// without `text` is taken as it lands. Files are read from the work tree under `root`, each once.
 class TextLandingCheck : public wiki::LandingCheck {
  public:
   explicit TextLandingCheck(std::filesystem::path root) : root_(std::move(root)) {}
 
   bool accepts(const std::string& path, const wiki::Record& cited, const wiki::Symbol* found,
                wiki::LineRange lines) override;
+
+  // Citations known to be lost before the refresh (their declaration gone, say), by path and
+  // lines, with why: refused wherever they would land.
+  void refuse(std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> known) {
+    refused_.insert(known.begin(), known.end());
+    known_ = std::move(known);
+  }
 
   // Why each refused citation was refused, by its path and lines as cited: "`a.f` is gone; `b.f`
   // is at src/b.py#L3-L5", or "the cited lines changed beyond recognition".
@@ -51,7 +58,7 @@ class TextLandingCheck : public wiki::LandingCheck {
 
   std::filesystem::path root_;
   std::map<std::string, std::optional<std::string>> contents_;
-  std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> refused_;
+  std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> refused_, known_;
 };
 
 }  // namespace tolbarrow::hosts::native

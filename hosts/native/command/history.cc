@@ -855,6 +855,18 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     return out;
   };
 
+  // A carried citation inside its declaration takes the declaration's lines now, so that the
+  // refresh, which keeps a citation's offset from its declaration's first line, leaves it where
+  // the carrying put it.
+  auto rebase = [&](wiki::Record& record, const std::string& path) {
+    if (!carried_within(record)) return;
+    const wiki::Symbol* found = cr::detail::find_again(symbols(path), record);
+    const wiki::Line start = as_line(record["line_start"]), end = as_line(record["line_end"]);
+    if (found == nullptr || start < found->start_line || end > found->end_line) return;
+    record["symbol_start"] = found->start_line;
+    record["symbol_end"] = found->end_line;
+  };
+
   MarkdownCitationSyntax syntax;
   std::vector<StoredPage> changed;
   std::vector<PendingPage> pending;
@@ -884,6 +896,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
           }
         }
         if (!next) next = by_text(record, path);
+        if (next) rebase(*next, path);
       }
       if (path != key->path) {
         if (!next) next = record;
@@ -904,6 +917,49 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
         }
         proposed[i] = std::move(next);
       }
+    }
+    // A declaration gone (none has its qualified name now) is lost rather than lent the place of
+    // another of its name: one that stood elsewhere when the citation was placed (git says its
+    // first line is unchanged since), or one of several of that name, none of them known to be it.
+    for (std::size_t i = 0; i < page.citations.size(); ++i) {
+      const wiki::Record& record = proposed[i] ? *proposed[i] : page.citations[i];
+      const wiki::Record& placed_against = page.citations[i];
+      const auto from = key_of(placed_against);
+      if (!from || !in_text.count(*from) || !anchored(placed_against) || !now[from->path]) {
+        continue;
+      }
+      const std::string& path = *now[from->path];
+      const std::string fqn = placed_against["symbol"].get<std::string>();
+      const std::vector<wiki::Symbol>& file_symbols = symbols(path);
+      if (std::any_of(file_symbols.begin(), file_symbols.end(),
+                      [&](const wiki::Symbol& s) { return s.fqn == fqn; })) {
+        continue;
+      }
+      const wiki::Symbol* other = cr::detail::find_again(file_symbols, record);
+      if (other == nullptr) continue;
+      const auto namesakes =
+          std::count_if(file_symbols.begin(), file_symbols.end(),
+                        [&](const wiki::Symbol& s) { return s.name == other->name; });
+      std::optional<wiki::Line> was;
+      if (auto diffed = maps.find({blob_of(placed_against), path}); diffed != maps.end()) {
+        was = diffed->second.map.old_of(other->start_line);
+      } else if (blob_of(placed_against) == blob_now(path)) {
+        was = other->start_line;  // the file as it was: nothing moved
+      }
+      const wiki::Line old_start = as_line(placed_against["symbol_start"]),
+                       old_end = as_line(placed_against["symbol_end"]);
+      std::string why;
+      if (was && (*was < old_start || *was > old_end)) {
+        why = "`" + fqn + "` is gone; `" + other->fqn + "` is at " + path + "#L" +
+              std::to_string(other->start_line) + "-L" + std::to_string(other->end_line);
+      } else if (!was && namesakes > 1) {
+        why = "`" + fqn + "` is gone; " + std::to_string(namesakes) + " declarations named `" +
+              other->name + "` remain";
+      } else {
+        continue;
+      }
+      proposed[i].reset();
+      carried.gone[*from] = why;
     }
     for (bool undone = true; undone;) {
       undone = false;

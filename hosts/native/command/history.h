@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "hosts/native/landing.h"
@@ -90,6 +91,10 @@ struct Carried {
   std::map<std::filesystem::path, std::string> texts;
   // The paths the pages cite after the carrying, each once, sorted.
   std::vector<std::string> cited;
+  // Citations whose declaration is gone while another of its name, which stood elsewhere in the
+  // file when they were placed, would take them: by path and lines after the carrying, why they are
+  // lost ("`a.f` is gone; `b.f` is at src/a.py#L3-L5").
+  std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> gone;
   bool empty() const { return renamed.empty() && translated.empty(); }
 };
 
@@ -166,6 +171,17 @@ class LineMap {
       if (h.old_count > 0 && h.old_start <= n && n < h.old_start + h.old_count) return std::nullopt;
       const wiki::Line after = h.old_count > 0 ? h.old_start + h.old_count : h.old_start + 1;
       if (n >= after) delta += h.new_count - h.old_count;
+    }
+    return n + delta;
+  }
+
+  // The old line of a new line that git says is unchanged; nullopt for a changed line.
+  std::optional<wiki::Line> old_of(wiki::Line n) const {
+    wiki::Line delta = 0;
+    for (const Hunk& h : hunks_) {
+      if (h.new_count > 0 && h.new_start <= n && n < h.new_start + h.new_count) return std::nullopt;
+      const wiki::Line after = h.new_count > 0 ? h.new_start + h.new_count : h.new_start + 1;
+      if (n >= after) delta += h.old_count - h.new_count;
     }
     return n + delta;
   }

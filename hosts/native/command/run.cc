@@ -490,6 +490,7 @@ Outcome run(const Options& options) {
       }
     }
   }
+  std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> gone;
   auto carry_from_mark = [&] {
     if (!options.follow_history) return Carried{};
     std::error_code error;
@@ -500,6 +501,7 @@ Outcome run(const Options& options) {
     outcome.renamed = carried.renamed;
     outcome.translated = carried.translated;
     outcome.carried = carried.lines;
+    gone = carried.gone;
     if (!carried.cited.empty()) cited = carried.cited;
     return carried;
   };
@@ -541,6 +543,7 @@ Outcome run(const Options& options) {
   StoreBeforePages ordered(counted, *store);
   const RefreshLog log = make_refresh_log(options.quiet);
   TextLandingCheck landing(place.root);
+  landing.refuse(std::move(gone));
   const cr::Host host{.syntax = native.syntax,
                       .anchoring = native.anchoring,
                       .ranges = native.ranges,
