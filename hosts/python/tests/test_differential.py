@@ -75,6 +75,8 @@ def generate(rng, root):
                        symbol_end=(s.end_line if s else 9) + rng.randint(-5, 5))
         if rng.random() < 0.1:
             out["line_start"] = str(start)
+        if rng.random() < 0.3:
+            out["note"] = rng.choice(["kept", 1, None])  # a member the refresh never reads
         return out
 
     pages, texts, digests = [], {}, {}
@@ -99,7 +101,7 @@ def generate(rng, root):
         pages.append(row)
         texts[row.get("rel_path") or f"p{p}.md"] = text
         digest = [dict(path=k[0], line_start=k[1], line_end=k[2]) for k in keys[:3]]
-        if rng.random() < 0.1 and digest:
+        if rng.random() < 0.2 and digest:
             digest.insert(rng.randrange(len(digest)), rng.choice([7, {"line_start": "x"}]))
         digests[f"p{p}"] = {"title": p, "citations": digest}
     return dict(symbols=symbols, files=files, pages=pages, texts=texts, lengths=lengths,
@@ -160,6 +162,22 @@ def run_scenario(cr, tmp_path, seed):
     ext, ref = sides
     for what, a, b in zip(("outcome", "calls", "files", "updates"), ext, ref):
         assert a == b, f"seed {seed} (write={write}, fail_at={fail_at}): {what} differ"
+
+    # Each generated digest moved by the moves of a random page of it, in place.
+    for digest in (scenario["digests"] or {}).values():
+        moves = {(c["path"], c["line_start"], c["line_end"]): (rng.randint(1, 9), rng.randint(1, 9))
+                 for c in digest["citations"] if isinstance(c, dict) and "path" in c
+                 and rng.random() < 0.7}
+        outcomes = []
+        for move in (cr._move_digest_citations,
+                     reference.move_digest_citations):
+            copy = json.loads(json.dumps(digest))
+            try:
+                move(copy, moves)
+                outcomes.append(("moved", copy))
+            except Exception as raised:  # noqa: BLE001
+                outcomes.append((type(raised).__name__, copy))
+        assert outcomes[0] == outcomes[1], f"seed {seed}: digest {digest} by {moves}"
 
 
 def test_differential(cr, tmp_path):
