@@ -56,7 +56,8 @@ struct Services {
 // Interned names of the attributes and keywords the bridge uses on host objects.
 struct Names {
   Names();
-  py::object start, end, finditer, value, fqn, name, kind, start_line, end_line, content_hash;
+  py::object start, end, finditer, value, fqn, name, kind, start_line, end_line, content_hash,
+      page_id;
   py::object citations, line_start, line_end;
   py::object get_symbols_by_path, get_file_by_path, get_wiki_pages, update_wiki_page_citations;
   py::object acquire_write_lock, release_write_lock;

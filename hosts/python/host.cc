@@ -197,6 +197,7 @@ Names::Names()
       start_line(interned("start_line")),
       end_line(interned("end_line")),
       content_hash(interned("content_hash")),
+      page_id(interned("page_id")),
       citations(interned("citations")),
       line_start(interned("line_start")),
       line_end(interned("line_end")),
@@ -548,9 +549,14 @@ void PyRepository::update_wiki_page_citations(const std::string& branch, const P
     // The store rewrites its other texts of the page in Python, with the host's own syntax.
     const py::object rewrite =
         call(b.partial, {b.services.rewrite_citations, moves}, b.names.moves_keyword);
+    // The row's own page_id object: the store finds the page by it, whatever its type.
+    py::object page = to_str(page_id);
+    if (const auto* own = dynamic_cast<const PyPageRow*>(&row)) {
+      if (py::object held = own->member(b.names.page_id)) page = std::move(held);
+    }
     call_method(repository_, b.names.update_wiki_page_citations,
-                {to_str(branch), to_str(page_id), from_records(update.citations), content_hash,
-                 build_cache, rewrite, moves},
+                {to_str(branch), page, from_records(update.citations), content_hash, build_cache,
+                 rewrite, moves},
                 b.names.update_keywords);
   });
 }

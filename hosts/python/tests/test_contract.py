@@ -248,6 +248,12 @@ def test_rel_path_not_text(cr, wiki, rel_path, written):
     assert ((wiki.wiki_dir / "p1.md").read_text() == P1_NEW) == written
 
 
+def test_store_gets_the_rows_own_page_id(cr, wiki):
+    wiki.pages[0]["page_id"] = 41
+    cr.refresh_citations(wiki, "main", wiki.wiki_dir, wiki.root)
+    assert [page_id for _, page_id, _ in wiki.updates] == [41, "p2"]
+
+
 def test_rel_path_that_cannot_be_joined(cr, wiki):
     wiki.pages[0]["rel_path"] = 5
     with pytest.raises(TypeError, match="rel_path"):
