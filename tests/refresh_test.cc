@@ -275,5 +275,51 @@ TEST(MoveDigestCitations, MovesMatchingCitationsOnly) {
   }
 }
 
+// A host that sees every call (Host::every_call) gets what the fast path gives: the same result,
+// page files, digest file and store, in both modes.
+TEST(EveryCall, GivesWhatTheFastPathGives) {
+  struct Outcome {
+    cr::CitationRefresh result;
+    MemoryFileSystem::Files files;
+    std::vector<Record> pages;
+  };
+  const auto run = [](bool every_call, bool write) {
+    MemoryHost host;
+    MemoryRepository repo;
+    const fs::path wiki = "/wiki";
+    repo.files = {"src/a.py", "src/b.py"};
+    repo.symbols["src/a.py"] = {sym("a.f", 18, 30), sym("a.g", 40, 50), sym("a.load", 60, 70)};
+    host.line_counts_by_path["src/b.py"] = 5;
+    const auto page = [&](const std::string& id, const std::string& text, Record citations) {
+      repo.pages.push_back({{"page_id", id}, {"rel_path", id + ".md"}, {"citations", citations}});
+      host.file_system.files[wiki / (id + ".md")] = text;
+    };
+    page("moves", "`f` " + cite("src/a.py", 10, 12) + " and " + cite("src/a.py", 10, 12),
+         {anchored_f(10, 12, 8, 20)});
+    page("legacy", "The `load` call " + cite("src/a.py", 2, 3) + " and " + cite("src/a.py", 0, 2),
+         Record::array());
+    page("anchors", "`g` " + cite("src/a.py", 41, 42),
+         {{{"path", "src/a.py"}, {"line_start", 41}, {"line_end", 42}}});
+    page("lost", "gone " + cite("src/b.py", 7, 9) + " " + cite("src/c.py", 1, 2), Record::array());
+    host.file_system.files[wiki / "digests.json"] =
+        R"({"moves": {"citations": [{"path": "src/a.py", "line_start": 10, "line_end": 12}]},)"
+        R"( "legacy": {"citations": [{"path": "src/a.py", "line_start": 2, "line_end": 3}]}})";
+    cr::Host plain = host.host();
+    plain.every_call = every_call;
+    Outcome out;
+    out.result = cr::refresh_citations(plain, repo, "main", wiki, "/repo", {.write = write});
+    out.files = host.file_system.files;
+    out.pages = repo.pages;
+    return out;
+  };
+  for (const bool write : {false, true}) {
+    const Outcome fast = run(false, write), every = run(true, write);
+    EXPECT_EQ(every.result, fast.result) << "write " << write;
+    EXPECT_EQ(every.files, fast.files) << "write " << write;
+    EXPECT_EQ(every.pages, fast.pages) << "write " << write;
+    EXPECT_EQ(fast.result.repaired + static_cast<std::int64_t>(fast.result.moved.size()), 2);
+  }
+}
+
 }  // namespace
 }  // namespace tolbarrow::hosts::memory

@@ -2,11 +2,12 @@
 // interfaces, and conversions between Python values and the core's records, keys, ranges,
 // symbols, texts and paths.
 //
-// GIL discipline: the extension's functions release the GIL around every core call; the core
-// calls back into Python only through host_call(), which takes the GIL for the call and for the
-// conversions on either side of it. The objects handed to the core (page rows, line counts, write
-// locks) only borrow Python objects, which the PyHost of the call owns: the core may drop them
-// without the GIL.
+// GIL discipline: the extension's functions release the GIL around every core call, except that
+// the core handles each citation of a page with the GIL held (PyHost::find), as that is a run of
+// host calls; the core calls back into Python only through host_call(), which takes the GIL (when
+// this thread does not hold it) for the call and for the conversions on either side of it. The
+// objects handed to the core (page rows, line counts, write locks) only borrow Python objects,
+// which the PyHost of the call owns: the core may drop them without the GIL.
 //
 // Identity: the host gets back its own objects (symbols and their lists, citation keys, the
 // caller's paths, a row's content hash, a line count, a text hash). The core's values are plain,
@@ -55,7 +56,8 @@ struct Services {
 // Interned names of the attributes and keywords the bridge uses on host objects.
 struct Names {
   Names();
-  py::object start, end, finditer, value, fqn, name, kind, start_line, end_line, content_hash;
+  py::object start, end, finditer, value, fqn, name, kind, start_line, end_line, content_hash,
+      page_id;
   py::object citations, line_start, line_end;
   py::object get_symbols_by_path, get_file_by_path, get_wiki_pages, update_wiki_page_citations;
   py::object acquire_write_lock, release_write_lock;
@@ -169,6 +171,7 @@ class PyHost final : public CitationSyntax,
   }
   const Symbol* anchor_symbol(std::span<const Symbol> symbols, Line first, Line last) override;
   Record anchored(const Record& citation, LineRange lines, const Symbol* symbol) override;
+  void anchored_unused(const Record& citation, LineRange lines, const Symbol* symbol) override;
   // CitationRanges: LineCounts, fit_range.
   std::unique_ptr<LineCounts> line_counts(const fs::path& repo_root) override;
   std::optional<LineRange> fit_range(Line first, Line last, Line line_count) override;
@@ -213,6 +216,9 @@ class PyHost final : public CitationSyntax,
   PyObject* keep(py::object object);
 
  private:
+  // Calls the host's anchored with a copy of `citation` placed at `lines`. GIL held.
+  py::object call_anchored(const Record& citation, LineRange lines, const Symbol* symbol);
+
   struct SymbolList {
     std::size_t size;
     py::object sequence;  // the host's list

@@ -26,6 +26,19 @@ class PyPageRow final : public PageRow {
     return host_call(bridge_, [&]() -> std::optional<Record> {
       const py::object value = member(to_str(key));
       if (!value) return std::nullopt;
+      if (key == "rel_path") {
+        // The page file is the wiki directory joined with the row's rel_path: a false value
+        // (None, "", 0) names no file and the row is skipped; a path object joins as its
+        // os.fspath(); any other value cannot be joined and raises TypeError.
+        const int truth = PyObject_IsTrue(value.ptr());
+        if (truth < 0) throw py::error_already_set();
+        if (truth == 0) return std::nullopt;
+        if (!PyUnicode_Check(value.ptr()) && PyObject_HasAttrString(value.ptr(), "__fspath__")) {
+          const auto path = py::reinterpret_steal<py::object>(PyOS_FSPath(value.ptr()));
+          if (!path) throw py::error_already_set();
+          return Record(to_utf8(path, "page row rel_path"));
+        }
+      }
       Record out = to_record(value, "page row " + std::string(key));
       // The page's citation records: the core keeps this very array (its vector is moved, not
       // copied), so the host's records can be found again from the core's.
@@ -82,6 +95,8 @@ class PyPageRow final : public PageRow {
         }
         storage.push_back(std::move(record));
       }
+      // anchored() copies the host's own record, not the members read here.
+      host_.records_from(storage, items);
       return storage;
     });
   }
@@ -182,6 +197,7 @@ Names::Names()
       start_line(interned("start_line")),
       end_line(interned("end_line")),
       content_hash(interned("content_hash")),
+      page_id(interned("page_id")),
       citations(interned("citations")),
       line_start(interned("line_start")),
       line_end(interned("line_end")),
@@ -212,7 +228,10 @@ PyHost::PyHost(BridgePtr bridge, py::handle wiki_dir, fs::path wiki_path, py::ha
             .ranges = *this,
             .file_system = *this,
             .locks = *this,
-            .logger = bridge_->logger},
+            .logger = bridge_->logger,
+            // A Python host holds the module to its calls: it sees each one the refresh's steps
+            // make, in their order, and no other.
+            .every_call = true},
       wiki_dir_(py::reinterpret_borrow<py::object>(wiki_dir)),
       repo_root_(py::reinterpret_borrow<py::object>(repo_root)),
       wiki_path_(std::move(wiki_path)),
@@ -245,8 +264,10 @@ void PyHost::find(const Text& text, const std::function<void(const Citation&)>& 
                        std::move(key),
                        std::move(parts)});
       current_ = &keys_.back();
+      // The core handles the citation holding the GIL: it is a few host calls with little in
+      // between, and taking the GIL back for each of them would cost more than the work itself.
+      // Other threads still run while the host's own Python code runs.
       try {
-        py::gil_scoped_release nogil;
         each(citation);
       } catch (...) {
         current_ = nullptr;
@@ -299,27 +320,36 @@ const Symbol* PyHost::anchor_symbol(std::span<const Symbol> symbols, Line first,
   });
 }
 
+py::object PyHost::call_anchored(const Record& citation, LineRange lines, const Symbol* symbol) {
+  // A new dict: a copy of the host's own record when the core's came from one, else built.
+  PyObject* own = record_object(&citation);
+  auto record = own != nullptr && PyDict_Check(own)
+                    ? py::reinterpret_steal<py::object>(PyDict_Copy(own))
+                    : from_record(citation);
+  if (!record) throw py::error_already_set();
+  if (PyDict_SetItem(record.ptr(), bridge_->names.line_start.ptr(), py::int_(lines.first).ptr()) !=
+          0 ||
+      PyDict_SetItem(record.ptr(), bridge_->names.line_end.ptr(), py::int_(lines.last).ptr()) !=
+          0) {
+    throw py::error_already_set();
+  }
+  return call(bridge_->services.anchored,
+              {record, symbol != nullptr ? symbol_object(symbol) : py::none()});
+}
+
 Record PyHost::anchored(const Record& citation, LineRange lines, const Symbol* symbol) {
   return host_call(*bridge_, [&] {
-    // A new dict: a copy of the host's own record when the core's came from one, else built.
-    PyObject* own = record_object(&citation);
-    auto record = own != nullptr && PyDict_Check(own)
-                      ? py::reinterpret_steal<py::object>(PyDict_Copy(own))
-                      : from_record(citation);
-    if (!record) throw py::error_already_set();
-    if (PyDict_SetItem(record.ptr(), bridge_->names.line_start.ptr(),
-                       py::int_(lines.first).ptr()) != 0 ||
-        PyDict_SetItem(record.ptr(), bridge_->names.line_end.ptr(), py::int_(lines.last).ptr()) !=
-            0) {
-      throw py::error_already_set();
-    }
-    const py::object out = call(bridge_->services.anchored,
-                                {record, symbol != nullptr ? symbol_object(symbol) : py::none()});
+    const py::object out = call_anchored(citation, lines, symbol);
     if (!PyDict_Check(out.ptr())) {
       raise(PyExc_TypeError, "verify.anchored: expected a dict, got " + type_name(out));
     }
     return to_record(out, "verify.anchored result");
   });
+}
+
+void PyHost::anchored_unused(const Record& citation, LineRange lines, const Symbol* symbol) {
+  // The host's result is not read: whatever it is, nothing of it is kept.
+  host_call(*bridge_, [&] { call_anchored(citation, lines, symbol); });
 }
 
 std::unique_ptr<LineCounts> PyHost::line_counts(const fs::path& repo_root) {
@@ -519,9 +549,14 @@ void PyRepository::update_wiki_page_citations(const std::string& branch, const P
     // The store rewrites its other texts of the page in Python, with the host's own syntax.
     const py::object rewrite =
         call(b.partial, {b.services.rewrite_citations, moves}, b.names.moves_keyword);
+    // The row's own page_id object: the store finds the page by it, whatever its type.
+    py::object page = to_str(page_id);
+    if (const auto* own = dynamic_cast<const PyPageRow*>(&row)) {
+      if (py::object held = own->member(b.names.page_id)) page = std::move(held);
+    }
     call_method(repository_, b.names.update_wiki_page_citations,
-                {to_str(branch), to_str(page_id), from_records(update.citations), content_hash,
-                 build_cache, rewrite, moves},
+                {to_str(branch), page, from_records(update.citations), content_hash, build_cache,
+                 rewrite, moves},
                 b.names.update_keywords);
   });
 }

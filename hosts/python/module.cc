@@ -350,9 +350,9 @@ void define(py::module_ m) {
           "line_count",
           [](PyFiles& self, const std::string& path) {
             return self.host.count_object(
-                without_gil([&] { return self.files->line_count(path); }));
+                without_gil([&] { return self.files->count_lines(path); }));
           },
-          py::arg("path"), "The file's line count from the host's LineCounts.")
+          py::arg("path"), "The file's line count: the host's LineCounts, asked on every call.")
       .def_readonly("repository", &PyFiles::repository)
       .def_readonly("repo_root", &PyFiles::repo_root);
 
@@ -402,12 +402,36 @@ void define(py::module_ m) {
           if (PyErr_Occurred()) throw py::error_already_set();
           return;
         }
+        // A list is converted element by element, so that an element that cannot be converted
+        // fails where the move reaches it: the elements before it are moved first.
         Record before = Record::object();
-        before["citations"] = to_record(citations, "digest citations");
+        std::optional<py::error_already_set> unconverted;
+        if (PyList_Check(citations) || PyTuple_Check(citations)) {
+          const auto items = py::reinterpret_steal<py::tuple>(PySequence_Tuple(citations));
+          if (!items) throw py::error_already_set();
+          Record& list = before["citations"] = Record::array();
+          for (py::handle item : items) {
+            try {
+              list.push_back(to_record(item, "digest citation"));
+            } catch (py::error_already_set& error) {
+              unconverted.emplace(std::move(error));
+              break;
+            }
+          }
+        } else {
+          before["citations"] = to_record(citations, "digest citations");
+        }
         const Moves by_key = to_moves(moves, "moves");
         Record after = before;
-        without_gil([&] { cr::detail::move_digest_citations(&after, by_key); });
+        try {
+          without_gil([&] { cr::detail::move_digest_citations(&after, by_key); });
+        } catch (...) {
+          // The elements moved before the one that failed stay moved.
+          write_back(digest, before, after);
+          throw;
+        }
         write_back(digest, before, after);
+        if (unconverted) throw std::move(*unconverted);
       },
       py::arg("digest"), py::arg("moves"),
       "Moves the citation ranges of one page's digest in place by `moves`.");

@@ -78,6 +78,16 @@ struct Host {
   std::shared_ptr<spdlog::logger> logger = nullptr;
   // Asked, when given, before a stored citation is given new lines or kept where it is.
   LandingCheck* landing = nullptr;
+  // Whether the host sees each service call of the plain refresh, in its order, and nothing else:
+  // a cited file's line count is asked of LineCounts for every citation placed, anchored() is
+  // called for every citation placed (with or without a stored record, in report-only mode too),
+  // and a writing refresh writes a page, updates its record and then moves its digest, reading
+  // "digests.json" when the first page with moves has been updated and writing it once after the
+  // last page, with no journal beside it. For hosts that observe their calls (the Python host,
+  // whose callers count, log and fail them). Otherwise the refresh takes a faster path with the
+  // same results: line counts kept per path, anchored() asked only where its record is used, and
+  // the digest changes journaled before each page write (DigestFile).
+  bool every_call = false;
 };
 
 // ---- Results ----------------------------------------------------------------------------------

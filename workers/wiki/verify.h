@@ -62,6 +62,11 @@ class Anchoring {
   // `symbol_start` and `symbol_end` set from it. Other keys are the host's to keep or add.
   // `citation` is a record the store gave (or a new one for a citation the store lacks).
   virtual Record anchored(const Record& citation, LineRange lines, const Symbol* symbol) = 0;
+  // anchored(), for a refresh that has no use for the record it gives (a report-only refresh of
+  // a host that sees every call, Host::every_call): a host may leave the result unread.
+  virtual void anchored_unused(const Record& citation, LineRange lines, const Symbol* symbol) {
+    static_cast<void>(anchored(citation, lines, symbol));
+  }
 };
 
 // A host's last word on where the refresh puts a citation: a host that knows what each citation

@@ -168,6 +168,8 @@ class Files {
   // The file's line count, from the host's LineCounts made for this refresh: asked once per path,
   // and the same count afterwards.
   Line line_count(const std::string& path);
+  // The file's line count asked of the host's LineCounts anew, on every call.
+  Line count_lines(const std::string& path) { return line_counts_->count(path); }
 
   // What is known of one cited path.
   struct File {
@@ -237,7 +239,8 @@ inline constexpr std::string_view REPORT_MEMBERS[] = {"path", "line_start",   "l
                                                       "name", "symbol_start", "symbol_end"};
 
 // Works out one page's moves, new anchors and lost citations. Changes nothing. Without `anchor`,
-// the host's anchored records are not asked for and `anchors` stays empty.
+// `anchors` stays empty, and the host's anchored records are asked for only when it sees every
+// call (Host::every_call), which then also asks every citation's line count anew.
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
                          Files& files, bool anchor = true);
 

@@ -246,7 +246,8 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
                                                 std::span<const std::string_view>(names));
     }
 
-    const Line line_count = files.line_count(number, key.path);
+    const Line line_count =
+        host.every_call ? files.count_lines(key.path) : files.line_count(number, key.path);
     const auto fitted = host.ranges.fit_range(proposed.first, proposed.last, line_count);
     if (!fitted) {
       result.lost.emplace_back(key, found != nullptr ? found->name : std::string());
@@ -263,9 +264,20 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
     }
     if (*fitted != LineRange{key.start, key.end}) result.moves.set(key, *fitted);
 
-    if (anchor && stored_record != nullptr) {
+    if (host.every_call && stored_record == nullptr) {
+      // The new record that stands for a citation the store lacks; it takes no anchors entry.
+      Record cite = Record::object();
+      auto& members = static_cast<Record::object_t::Container&>(cite.get_ref<Record::object_t&>());
+      members.reserve(3);
+      members.emplace_back("path", key.path);
+      members.emplace_back("line_start", key.start);
+      members.emplace_back("line_end", key.end);
+      host.anchoring.anchored_unused(cite, *fitted, found);
+    } else if (anchor && stored_record != nullptr) {
       Record updated = host.anchoring.anchored(*stored_record, *fitted, found);
       if (!records_equal(updated, *stored_record)) result.anchors.set(key, std::move(updated));
+    } else if (host.every_call) {
+      host.anchoring.anchored_unused(*stored_record, *fitted, found);
     }
   });
   return result;

@@ -66,8 +66,13 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
       [&](const std::string& line) { logger(host).warn(line); });
   std::unordered_map<std::string, std::size_t> moved_at;  // where each page id stands in `moved`
 
+  // A host that sees every call: the digest map, read when the first page with moves has been
+  // updated, and where each page's digest stands in it.
+  std::optional<Record> digests;
+  std::unordered_map<std::string, Record*> digest_at;
+
   const auto rows = repository.get_wiki_pages(branch);
-  if (options.write) digest_file.recover();
+  if (options.write && !host.every_call) digest_file.recover();
   for (const auto& row : rows) {
     const auto rel_path = row->rel_path();
     if (!rel_path) continue;
@@ -107,6 +112,36 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     result.repaired += static_cast<std::int64_t>(page.moves.size());
     const std::string new_text = host.syntax.rewrite(text, page.moves);
     const bool changed = new_text != text.str();
+    if (host.every_call) {
+      // The page file, then its record, then its digest: a refresh that fails later leaves this
+      // page written and updated, and "digests.json" as it was.
+      if (changed) {
+        host.file_system.atomic_write(page_file, new_text);
+        ++result.pages_written;
+      }
+      Record cache = row->build_cache();
+      if (auto prose = cache.find("prose"); prose != cache.end() && prose->is_string()) {
+        *prose =
+            host.syntax.rewrite(Text(prose->get<std::string>(), "build cache prose"), page.moves);
+      }
+      const std::string page_id = row->page_id();
+      PageUpdate update;
+      update.citations = detail::apply(citations, std::move(page.anchors));
+      if (changed) update.content_hash = repository.text_hash(new_text);
+      if (!cache.empty()) update.build_cache = std::move(cache);
+      update.moves = page.moves;
+      repository.update_wiki_page_citations(branch, *row, std::move(update));
+      if (!page.moves.empty()) {
+        if (!digests) {
+          digests = detail::read_digests(host.file_system, wiki_dir / "digests.json");
+          for (auto& [id, digest] : digests->items()) digest_at.emplace(id, &digest);
+        }
+        const auto entry = digest_at.find(page_id);
+        detail::move_digest_citations(entry == digest_at.end() ? nullptr : entry->second,
+                                      page.moves);
+      }
+      continue;
+    }
     const std::string page_id = row->page_id();
     // Before the page is written: the digest's changes are journaled first.
     digest_file.move(page_id, *rel_path, changed ? &text.str() : nullptr, page.moves);
@@ -129,7 +164,12 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     repository.update_wiki_page_citations(branch, *row, std::move(update));
   }
 
-  if (options.write) digest_file.finish();
+  if (options.write && host.every_call) {
+    if (digests)
+      host.file_system.atomic_write(wiki_dir / "digests.json", detail::dump_digests(*digests));
+  } else if (options.write) {
+    digest_file.finish();
+  }
   return result;
 }
 

@@ -2,11 +2,12 @@
 
 CALLS = []  # (service, args)
 FAIL = {}  # service -> exception to raise the next time it is called
+FAIL_AT = {}  # index in CALLS -> exception that call raises
 
 
 def enter(service, *args):
     CALLS.append((service, args))
-    error = FAIL.pop(service, None)
+    error = FAIL_AT.pop(len(CALLS) - 1, None) or FAIL.pop(service, None)
     if error is not None:
         raise error
 
@@ -18,3 +19,4 @@ def called(service):
 def reset():
     CALLS.clear()
     FAIL.clear()
+    FAIL_AT.clear()
