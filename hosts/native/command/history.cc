@@ -937,9 +937,10 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       }
       const wiki::Symbol* other = cr::detail::find_again(file_symbols, record);
       if (other == nullptr) continue;
-      const auto namesakes =
-          std::count_if(file_symbols.begin(), file_symbols.end(),
-                        [&](const wiki::Symbol& s) { return s.name == other->name; });
+      std::set<std::string_view> namesakes;  // the qualified names of the declarations so named
+      for (const wiki::Symbol& s : file_symbols) {
+        if (s.name == other->name) namesakes.insert(s.fqn);
+      }
       std::optional<wiki::Line> was;
       if (auto diffed = maps.find({blob_of(placed_against), path}); diffed != maps.end()) {
         was = diffed->second.map.old_of(other->start_line);
@@ -952,9 +953,9 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       if (was && (*was < old_start || *was > old_end)) {
         why = "`" + fqn + "` is gone; `" + other->fqn + "` is at " + path + "#L" +
               std::to_string(other->start_line) + "-L" + std::to_string(other->end_line);
-      } else if (!was && namesakes > 1) {
-        why = "`" + fqn + "` is gone; " + std::to_string(namesakes) + " declarations named `" +
-              other->name + "` remain";
+      } else if (!was && namesakes.size() > 1) {
+        why = "`" + fqn + "` is gone; " + std::to_string(namesakes.size()) +
+              " declarations named `" + other->name + "` remain";
       } else {
         continue;
       }

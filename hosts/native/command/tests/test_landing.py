@@ -48,3 +48,19 @@ def test_a_landing_is_taken_only_on_text_like_the_cited(repo, what, before, afte
     if reason:
         again = repo.run("--json", "--no-follow-history")  # lost stays lost
         assert [x.get("reason") for x in json.loads(again.stdout)["lost"]] == [reason]
+
+
+def test_a_gone_declaration_is_not_lent_an_alike_namesake(repo):
+    """Another class's method of the same name and text that stood elsewhere when the citation
+    was placed is another declaration: following history, the citation is lost."""
+    twins = "class A:\n    def run(self):\n        return 1\n\n\nclass B:\n    def run(self):\n        return 1\n"
+    repo.write("src/a.py", twins)
+    repo.write("docs/p.md", "See [it](/src/a.py#L2-L3).\n")
+    repo.commit()
+    assert repo.run().returncode == 0
+    repo.commit("anchors")
+    repo.write("src/a.py", twins[twins.index("class B"):])
+    written = repo.run("--json")
+    assert [x.get("reason") for x in json.loads(written.stdout)["lost"]] == [
+        "`A.run` is gone; `B.run` is at src/a.py#L2-L3"], written.stdout
+    assert repo.read("docs/p.md") == "See [it](/src/a.py#L2-L3).\n"
