@@ -78,7 +78,7 @@ bool similar_text(std::string_view then, std::string_view now) {
   return 2 * row[b.size()] >= std::max(a.size(), b.size());
 }
 
-const std::optional<std::string>& TextLandingCheck::content(const std::string& path) {
+const std::optional<std::string>& WorkTreeFiles::operator()(const std::string& path) {
   auto [it, added] = contents_.try_emplace(path);
   if (added) {
     const auto real = contained_path(root_, path);
@@ -107,7 +107,7 @@ bool TextLandingCheck::accepts(const std::string& path, const wiki::Record& cite
       lines == wiki::LineRange{found->start_line, found->end_line}) {
     return true;
   }
-  const std::optional<std::string>& now = content(path);
+  const std::optional<std::string>& now = content_(path);
   if (!now) return true;  // nothing to compare with; the refresh fits it to the file
   if (similar_text(text->get<std::string>(), cited_text_hash(*now, lines.first, lines.last))) {
     return true;

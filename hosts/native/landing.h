@@ -28,6 +28,18 @@ std::string cited_text_hash(std::string_view content, wiki::Line first, wiki::Li
 // like only itself.
 bool similar_text(std::string_view then, std::string_view now);
 
+// The work tree's files under a repository root, each read once, by path relative to the root; a
+// path that leads outside the root, or to no regular file, has no content.
+class WorkTreeFiles {
+ public:
+  explicit WorkTreeFiles(std::filesystem::path root) : root_(std::move(root)) {}
+  const std::optional<std::string>& operator()(const std::string& path);
+
+ private:
+  std::filesystem::path root_;
+  std::map<std::string, std::optional<std::string>> contents_;
+};
+
 // Refuses a landing that holds other code: when the refresh would give a citation other lines, or
 // found its declaration only by its name under another qualified name, the new lines must hold text
 // like what the citation cited (its record's `text`). A citation of a whole declaration found by
@@ -35,7 +47,7 @@ bool similar_text(std::string_view then, std::string_view now);
 // without `text` is taken as it lands. Files are read from the work tree under `root`, each once.
 class TextLandingCheck : public wiki::LandingCheck {
  public:
-  explicit TextLandingCheck(std::filesystem::path root) : root_(std::move(root)) {}
+  explicit TextLandingCheck(std::filesystem::path root) : content_(std::move(root)) {}
 
   bool accepts(const std::string& path, const wiki::Record& cited, const wiki::Symbol* found,
                wiki::LineRange lines) override;
@@ -54,10 +66,7 @@ class TextLandingCheck : public wiki::LandingCheck {
   }
 
  private:
-  const std::optional<std::string>& content(const std::string& path);
-
-  std::filesystem::path root_;
-  std::map<std::string, std::optional<std::string>> contents_;
+  WorkTreeFiles content_;
   std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> refused_, known_;
 };
 

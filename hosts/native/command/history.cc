@@ -578,16 +578,7 @@ std::optional<std::string> write_anchors_placed(SqliteStore& store, const std::s
       work_tree_blobs(root, {to_place.begin(), to_place.end()}, /*keep_blobs=*/true,
                       wiki_in(root, file.parent_path()));
   if (!unplaced.empty()) {
-    std::map<std::string, std::optional<std::string>> contents;
-    auto content_of = [&](const std::string& path) -> const std::optional<std::string>& {
-      auto [it, added] = contents.try_emplace(path);
-      if (added) {
-        const auto real = contained_path(root, path);
-        std::error_code error;
-        if (real && fs::is_regular_file(*real, error)) it->second = read_bytes(*real);
-      }
-      return it->second;
-    };
+    WorkTreeFiles content_of(root);
     for (StoredPage& page : unplaced) {
       for (wiki::Record& record : page.citations) {
         const auto key = key_of(record);
@@ -750,16 +741,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
   std::vector<std::string> names;
   for (const auto& [blob, path] : placed) names.push_back(blob);
   auto old_texts = cat_files(root, names);
-  std::map<std::string, std::optional<std::string>> contents;  // path now -> its content
-  auto content_of = [&](const std::string& path) -> const std::optional<std::string>& {
-    auto [it, added] = contents.try_emplace(path);
-    if (added) {
-      const auto real = contained_path(root, path);
-      std::error_code error;
-      if (real && fs::is_regular_file(*real, error)) it->second = read_bytes(*real);
-    }
-    return it->second;
-  };
+  WorkTreeFiles content_of(root);  // path now -> its content
   struct Diffed {
     LineMap map;
     std::string old_text;
