@@ -112,39 +112,12 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     result.repaired += static_cast<std::int64_t>(page.moves.size());
     const std::string new_text = host.syntax.rewrite(text, page.moves);
     const bool changed = new_text != text.str();
-    if (host.every_call) {
-      // The page file, then its record, then its digest: a refresh that fails later leaves this
-      // page written and updated, and "digests.json" as it was.
-      if (changed) {
-        host.file_system.atomic_write(page_file, new_text);
-        ++result.pages_written;
-      }
-      Record cache = row->build_cache();
-      if (auto prose = cache.find("prose"); prose != cache.end() && prose->is_string()) {
-        *prose =
-            host.syntax.rewrite(Text(prose->get<std::string>(), "build cache prose"), page.moves);
-      }
-      const std::string page_id = row->page_id();
-      PageUpdate update;
-      update.citations = detail::apply(citations, std::move(page.anchors));
-      if (changed) update.content_hash = repository.text_hash(new_text);
-      if (!cache.empty()) update.build_cache = std::move(cache);
-      update.moves = page.moves;
-      repository.update_wiki_page_citations(branch, *row, std::move(update));
-      if (!page.moves.empty()) {
-        if (!digests) {
-          digests = detail::read_digests(host.file_system, wiki_dir / "digests.json");
-          for (auto& [id, digest] : digests->items()) digest_at.emplace(id, &digest);
-        }
-        const auto entry = digest_at.find(page_id);
-        detail::move_digest_citations(entry == digest_at.end() ? nullptr : entry->second,
-                                      page.moves);
-      }
-      continue;
+    // The plain refresh writes the page file, then its record, then moves its digest in memory: a
+    // refresh that fails later leaves this page written and updated, and "digests.json" as it
+    // was. The faster one journals the digest's changes before the page is written (DigestFile).
+    if (!host.every_call) {
+      digest_file.move(row->page_id(), *rel_path, changed ? &text.str() : nullptr, page.moves);
     }
-    const std::string page_id = row->page_id();
-    // Before the page is written: the digest's changes are journaled first.
-    digest_file.move(page_id, *rel_path, changed ? &text.str() : nullptr, page.moves);
     if (changed) {
       host.file_system.atomic_write(page_file, new_text);
       ++result.pages_written;
@@ -155,13 +128,21 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
       *prose =
           host.syntax.rewrite(Text(prose->get<std::string>(), "build cache prose"), page.moves);
     }
-
+    const std::string page_id = host.every_call ? row->page_id() : std::string();
     PageUpdate update;
     update.citations = detail::apply(citations, std::move(page.anchors));
     if (changed) update.content_hash = repository.text_hash(new_text);
     if (!cache.empty()) update.build_cache = std::move(cache);
-    update.moves = std::move(page.moves);
+    update.moves = host.every_call ? page.moves : std::move(page.moves);
     repository.update_wiki_page_citations(branch, *row, std::move(update));
+    if (host.every_call && !page.moves.empty()) {
+      if (!digests) {
+        digests = detail::read_digests(host.file_system, wiki_dir / "digests.json");
+        for (auto& [id, digest] : digests->items()) digest_at.emplace(id, &digest);
+      }
+      const auto entry = digest_at.find(page_id);
+      detail::move_digest_citations(entry == digest_at.end() ? nullptr : entry->second, page.moves);
+    }
   }
 
   if (options.write && host.every_call) {
