@@ -304,9 +304,9 @@ std::string known_hash(const fs::path& file, const std::optional<KnownHash>& kno
 // however `work` ends. False when another process holds the lock, or `work` met a holder
 // (WikiBusy).
 template <class Work>
-bool holding_write_lock(const fs::path& wiki_dir, Work&& work) {
+bool holding_write_lock(const fs::path& root, const fs::path& wiki_dir, Work&& work) {
   try {
-    FlockWriteLock lock(wiki_dir);
+    FlockWriteLock lock(root, wiki_dir);
     lock.acquire();
     try {
       work();
@@ -390,7 +390,7 @@ Outcome run(const Options& options) {
   if (!options.check) {
     store = std::make_unique<SqliteStore>(place.root, place.db);
     detail("store " + store->file().string());
-    if (!holding_write_lock(place.wiki, [&] {
+    if (!holding_write_lock(place.root, place.wiki, [&] {
           // A run stopped after carrying stored its records: its page files first.
           finish_carried(*store, place.branch, place.wiki);
           sync(*store);
@@ -451,7 +451,7 @@ Outcome run(const Options& options) {
   if (outcome.reported_only) {
     carried_texts = carry_from_mark().texts;
   } else {
-    if (!holding_write_lock(place.wiki, [&] { carry_from_mark(); })) {
+    if (!holding_write_lock(place.root, place.wiki, [&] { carry_from_mark(); })) {
       detail("another run took the wiki; it carries the citations");
     }
   }
@@ -494,7 +494,7 @@ Outcome run(const Options& options) {
   } else {
     // As refresh_citations_if_free does, with the inputs read, and the result kept, under the
     // same hold of the lock as the refresh.
-    if (!holding_write_lock(place.wiki, [&] {
+    if (!holding_write_lock(place.root, place.wiki, [&] {
           if (std::optional<cr::CitationRefresh> reused = kept()) {
             outcome.result = std::move(*reused);
           } else {
@@ -515,7 +515,7 @@ Outcome run(const Options& options) {
   progress.end();
 
   if (!outcome.reported_only) {
-    if (!holding_write_lock(place.wiki, [&] {
+    if (!holding_write_lock(place.root, place.wiki, [&] {
           outcome.anchors_written =
               write_anchors(*store, place.branch, anchors_file, anchors_known);
         })) {
