@@ -558,7 +558,7 @@ std::optional<std::string> write_anchors_marked(
   if (now) refreshed[branch] = mark_json(*now);
   if (exists && pages.is(old_text, extra(refreshed))) return std::nullopt;
   const std::string text = std::move(pages).take(extra(refreshed));
-  wiki::RealFileSystem().atomic_write(file, text);
+  ContainedFileSystem(store.repo_root()).atomic_write(file, text);
   std::string hash = sha256_hex(text);
   if (now) store.carry_pages(branch, {}, {}, refreshed[branch].dump(), hash);
   return hash;
@@ -579,7 +579,7 @@ void finish_carried(SqliteStore& store, const std::string& branch, const fs::pat
     if (hash == page.old_hash) {
       const std::string new_text = retarget(text, targets_of_redo(page.redo));
       if (sha256_hex(new_text) != page.new_hash) continue;
-      wiki::RealFileSystem().atomic_write(file, new_text);
+      ContainedFileSystem(store.repo_root()).atomic_write(file, new_text);
       hash = page.new_hash;
     }
     if (hash == page.new_hash) rewritten.push_back(&page);
