@@ -13,6 +13,7 @@
 
 #include "hosts/native/command/anchors.h"
 #include "hosts/native/command/history.h"
+#include "hosts/native/command/state_files.h"
 #include "hosts/native/command/terminal.h"
 #include "hosts/native/indexer.h"
 #include "hosts/native/native_host.h"
@@ -74,6 +75,7 @@ Place locate(const Options& options) {
     throw CommandError(place.wiki.string() + ": no such wiki directory (--wiki)");
   }
   place.db = options.db ? fs::absolute(*options.db) : SqliteStore::default_path(place.root);
+  refuse_places(place.root, place.wiki, place.db);
   return place;
 }
 
@@ -102,7 +104,13 @@ class ScratchStore {
     }
     dir_ = pattern;
     file_ = dir_ / "store.db";
-    if (fs::exists(db)) copy(db);
+    try {
+      if (!db.empty() && fs::exists(db)) copy(db);
+    } catch (...) {
+      std::error_code ignored;
+      fs::remove_all(dir_, ignored);
+      throw;
+    }
   }
   ~ScratchStore() {
     std::error_code ignored;
@@ -193,6 +201,8 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
     files_.remove_file(path);
   }
   void atomic_write(const fs::path& path, std::string_view content) override {
+    // The command makes no "digests.json" where the wiki has none.
+    if (path.filename() == "digests.json" && !files_.is_file(path)) return;
     flush();
     wrote_ = true;
     if (path.extension() == ".md") {
@@ -343,6 +353,7 @@ bool write_anchors(SqliteStore& store, const std::string& branch, const fs::path
 
 Outcome run(const Options& options) {
   const Place place = locate(options);
+  check_state_files(place.wiki, kAnchorsFileName);
   const std::string ctags = find_ctags();
   const fs::path anchors_file = place.wiki / kAnchorsFileName;
   std::optional<std::string> anchors;  // the anchors file's bytes
@@ -388,12 +399,13 @@ Outcome run(const Options& options) {
   std::unique_ptr<SqliteStore> store;
   std::unique_ptr<ScratchStore> scratch;
   if (!options.check) {
-    store = std::make_unique<SqliteStore>(place.root, place.db);
+    store = open_store(place.root, place.db, note);
     detail("store " + store->file().string());
     if (!holding_write_lock(place.root, place.wiki, [&] {
           // A run stopped after carrying stored its records: its page files first.
           finish_carried(*store, place.branch, place.wiki);
           sync(*store);
+          remove_leftovers(synced.leftovers);
         })) {
       note(std::string(cr::BUSY_MESSAGE));
       outcome.busy = outcome.reported_only = true;
@@ -401,7 +413,15 @@ Outcome run(const Options& options) {
     }
   }
   if (outcome.reported_only) {
-    scratch = std::make_unique<ScratchStore>(place.db);
+    try {
+      scratch = std::make_unique<ScratchStore>(place.db);
+    } catch (const CommandError&) {
+      if (!store_unreadable(place.db)) throw;
+      note(place.db.string() +
+           ": not a readable database; reporting from the anchors file and "
+           "the pages (a writing run sets it aside and rebuilds it)");
+      scratch = std::make_unique<ScratchStore>(fs::path());
+    }
     store = std::make_unique<SqliteStore>(place.root, scratch->file());
     sync(*store);
   }
