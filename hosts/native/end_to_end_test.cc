@@ -102,7 +102,7 @@ TEST_F(EndToEnd, AnotherWriterMakesTheRefreshReportOnly) {
   refresh();
   repo.write("src/a.py", kMovedCode);
   indexer.update();
-  FlockWriteLock other(wiki_dir);
+  FlockWriteLock other(repo.path(), wiki_dir);
   other.acquire();
   const cr::CitationRefresh result = refresh();
   other.release();

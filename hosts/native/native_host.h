@@ -20,7 +20,8 @@
 namespace tolbarrow::hosts::native {
 
 struct NativeHost {
-  explicit NativeHost(SqliteStore& store) : ranges(store), file_system(store.repo_root()) {}
+  explicit NativeHost(SqliteStore& store)
+      : ranges(store), file_system(store.repo_root()), locks(store.repo_root()) {}
 
   wiki::citation_refresh::Host host(std::shared_ptr<spdlog::logger> logger = nullptr) {
     return {.syntax = syntax,

@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "hosts/native/repo_paths.h"
+#include "workers/wiki/text.h"
 
 namespace tolbarrow::hosts::native {
 namespace fs = std::filesystem;
@@ -54,12 +55,41 @@ struct PageFile {
   bool link = false;
 };
 
+// `bytes` with each byte that is not printable ASCII written as \xNN: a file name as the user
+// can type it, whatever its encoding.
+std::string escaped(std::string_view bytes) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (const char c : bytes) {
+    const auto b = static_cast<unsigned char>(c);
+    if (b >= 0x20 && b < 0x7f && b != '\\') {
+      out += c;
+    } else {
+      out += "\\x";
+      out += kHex[b >> 4];
+      out += kHex[b & 15];
+    }
+  }
+  return out;
+}
+
 // The page files under `wiki_dir`: path relative to it -> file. A `*.md` symbolic link is a page
-// when it leads to a regular file inside the repository or the wiki directory; one that loops,
-// dangles or leads elsewhere is skipped, and named in `skipped` with the reason. Linked
-// directories are not entered.
+// when it leads to a regular file inside the repository but outside the wiki directory; one that
+// leads to a file inside the wiki directory is that file's page under another name, refreshed
+// (once) as that file, and no page of its own; one that loops, dangles or leads elsewhere is
+// skipped, and named in `skipped` with the reason. Linked directories are not entered. A page
+// whose path is not UTF-8 cannot have a page id: it is skipped, named by its bytes.
+// Whether `name` is that of a temporary file of a write (".<name>.tmp-<digits>").
+bool temporary_name(std::string_view name) {
+  const std::size_t tmp = name.rfind(".tmp-");
+  return name.size() > 1 && name[0] == '.' && tmp != std::string_view::npos && tmp > 1 &&
+         tmp + 5 < name.size() &&
+         name.find_first_not_of("0123456789", tmp + 5) == std::string_view::npos;
+}
+
 std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::path& repo_root,
-                                           std::vector<std::string>& skipped) {
+                                           std::vector<std::string>& skipped,
+                                           std::vector<fs::path>& leftovers) {
   std::error_code error;
   fs::path wiki_real = fs::weakly_canonical(wiki_dir, error);
   if (error) wiki_real = repo_root;
@@ -74,7 +104,14 @@ std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::p
       if (!name.empty() && name[0] == '.') it.disable_recursion_pending();
       continue;
     }
+    if (!link && temporary_name(name)) leftovers.push_back(it->path());
     if (it->path().extension() != ".md") continue;
+    const std::string rel = it->path().lexically_relative(wiki_dir).generic_string();
+    if (wiki::first_invalid_utf8(rel) != std::string::npos) {
+      skipped.push_back(escaped(it->path().string()) +
+                        ": the file name is not UTF-8; rename the page to refresh it");
+      continue;
+    }
     if (link) {
       const fs::path target = fs::canonical(it->path(), error);
       if (error) {
@@ -87,11 +124,11 @@ std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::p
         continue;
       }
       if (!fs::is_regular_file(target, error)) continue;
+      if (inside(target, wiki_real)) continue;  // refreshed as the page it leads to
     } else if (!it->is_regular_file()) {
       continue;
     }
-    out.emplace(it->path().lexically_relative(wiki_dir).generic_string(),
-                PageFile{it->path(), link});
+    out.emplace(rel, PageFile{it->path(), link});
   }
   return out;
 }
@@ -122,7 +159,8 @@ SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std
     const fs::path rel = real.lexically_relative(store.repo_root());
     if (!error && !rel.empty() && *rel.begin() != "..") wiki_in_root = rel;
   }
-  for (const auto& [rel, page_file] : page_files(wiki_dir, store.repo_root(), stats.skipped)) {
+  for (const auto& [rel, page_file] :
+       page_files(wiki_dir, store.repo_root(), stats.skipped, stats.leftovers)) {
     const fs::path& file = page_file.file;
     struct stat before;
     const bool stated = !page_file.link && wiki_in_root && ::stat(file.c_str(), &before) == 0;

@@ -18,7 +18,10 @@ struct SyncStats {
   std::size_t citations_dropped = 0;  // records whose citation left the text
   std::size_t pages_removed = 0;      // pages whose file is gone
   std::vector<std::string> skipped;   // "<file>: <why>" for each *.md link that is no page
-  std::size_t pages_written = 0;      // pages stored anew (new, changed or restored)
+  // Temporary files that a write killed before its rename left beside the files it was for
+  // (".<name>.tmp-<digits>"); a writing run removes them.
+  std::vector<std::filesystem::path> leftovers;
+  std::size_t pages_written = 0;  // pages stored anew (new, changed or restored)
   // Each page's citations in text order, each key once per page, pages in page id order.
   std::vector<std::pair<std::string, std::vector<wiki::CitationKey>>> cited;
   // Each page file read, by its path relative to the repository root (pages that are no symbolic
@@ -27,13 +30,14 @@ struct SyncStats {
 };
 
 // Makes every *.md file under `wiki_dir` (hidden folders skipped) a page of `branch`; a symbolic
-// link counts by its target when that is a regular file inside the repository (or the wiki
-// directory), and is listed in `skipped` when it loops, dangles or leads elsewhere. A page's id
-// is its path relative to `wiki_dir` without ".md", its rel_path that path, its content hash the
-// SHA-256 of its bytes. A citation of the text that no record has enters as {path, line_start,
-// line_end}, without a declaration, after the page's records in text order; a record whose
-// citation left the text is dropped (one whose path or lines cannot be read is kept as it is);
-// other records and the build cache stay as stored. A page file whose hash is not the stored
+// link counts by its target when that is a regular file inside the repository and outside the
+// wiki directory (a link to a page of the wiki is that page, no page of its own), and is listed in
+// `skipped` when it loops, dangles or leads elsewhere; so is a page whose name is not UTF-8. A
+// page's id is its path relative to `wiki_dir` without ".md", its rel_path that path, its content
+// hash the SHA-256 of its bytes. A citation of the text that no record has enters as {path,
+// line_start, line_end}, without a declaration, after the page's records in text order; a record
+// whose citation left the text is dropped (one whose path or lines cannot be read is kept as it
+// is); other records and the build cache stay as stored. A page file whose hash is not the stored
 // one but that of the page's origin (SqliteStore::page_origin: the refresh stored the page's new
 // records, and the new text never reached the file) takes the origin's records and build cache
 // back. Pages whose file is gone are removed. Only pages that change are written, in one

@@ -58,18 +58,41 @@ wiki::Line count_lines(std::string_view bytes);
 // The whole content of the file at `path`; throws std::filesystem::filesystem_error naming it.
 std::string read_bytes(const std::filesystem::path& path);
 
-// The operating system's file system that reads only files lying inside the repository (or a
-// directory allowed besides it, such as a wiki kept elsewhere) once symbolic links are followed:
-// a page or "digests.json" that is a link to somewhere else is refused, read_file throwing
-// std::filesystem::filesystem_error naming it, instead of copied into the repository.
+// `after`, the text of `before` as the refresh read it (CR LF and lone CR as LF) with changes
+// inside its lines, with each line's end as it was in `before`. `after` as it is when the two do
+// not have the same lines (then some change was not inside a line).
+std::string keep_line_ends(std::string_view before, std::string_view after);
+
+// The operating system's file system that reads and writes only files lying inside the
+// repository (or a directory allowed besides it, such as a wiki kept elsewhere) once symbolic
+// links are followed: a page or "digests.json" that is a link to somewhere else is refused,
+// read_file throwing std::filesystem::filesystem_error naming it, instead of copied into the
+// repository, and no write leaves the repository.
+//
+// A write reaches its folder from the root one name at a time, never through a symbolic link
+// that appeared after the path was resolved. atomic_write writes a link's target (which must lie
+// inside) and leaves the link; it keeps a ".md" page's line ends (see keep_line_ends), and writes
+// an unnamed temporary file that is named only for the rename, so that a kill leaves nothing
+// behind. append and remove_file never follow a link in the file's own place.
 class ContainedFileSystem : public wiki::RealFileSystem {
  public:
   // `root` should be canonical (see canonical_root).
   explicit ContainedFileSystem(std::filesystem::path root) : roots_{std::move(root)} {}
   void allow(const std::filesystem::path& dir);
   std::string read_file(const std::filesystem::path& path) override;
+  void atomic_write(const std::filesystem::path& path, std::string_view content) override;
+  void append(const std::filesystem::path& path, std::string_view content) override;
+  void remove_file(const std::filesystem::path& path) override;
 
  private:
+  // Where a write of `path` goes: its folder, open, and the name in it.
+  struct Place {
+    int dir;
+    std::string name;
+    std::filesystem::path real;
+  };
+  Place place_to_write(const std::filesystem::path& path, bool follow) const;
+
   std::vector<std::filesystem::path> roots_;
 };
 

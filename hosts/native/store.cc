@@ -334,6 +334,8 @@ void put_page(Statement& put, const std::string& branch, const StoredPage& page)
   put.run();
 }
 
+}  // namespace
+
 // The directory that a .git file ("gitdir: <path>") points to, relative to the file's folder.
 std::optional<fs::path> git_dir(const fs::path& repo_root) {
   const fs::path dot_git = repo_root / ".git";
@@ -349,8 +351,6 @@ std::optional<fs::path> git_dir(const fs::path& repo_root) {
   if (dir.is_relative()) dir = repo_root / dir;
   return fs::is_directory(dir, error) ? std::optional(dir) : std::nullopt;
 }
-
-}  // namespace
 
 std::string sha256_hex(std::string_view bytes) {
   unsigned char digest[EVP_MAX_MD_SIZE];

@@ -29,6 +29,10 @@ class StoreError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The git directory of the work tree at `repo_root` (its ".git" folder, or the folder that a
+// ".git" file names), or nullopt when it has none.
+std::optional<std::filesystem::path> git_dir(const std::filesystem::path& repo_root);
+
 // What the index knows of one file of the repository.
 struct FileFacts {
   std::string path;  // relative to the repository root

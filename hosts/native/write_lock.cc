@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "hosts/native/store.h"
 #include "workers/wiki/types.h"
 
 namespace tolbarrow::hosts::native {
@@ -43,10 +45,44 @@ std::string holder_of(int fd) {
   return text.empty() ? "unknown holder" : text;
 }
 
+// The wiki's path relative to the root as one file name.
+std::string lock_name(const std::filesystem::path& repo_root,
+                      const std::filesystem::path& wiki_dir) {
+  std::error_code error;
+  std::filesystem::path wiki = std::filesystem::weakly_canonical(wiki_dir, error);
+  if (error) wiki = std::filesystem::absolute(wiki_dir).lexically_normal();
+  std::filesystem::path root = std::filesystem::weakly_canonical(repo_root, error);
+  if (error) root = std::filesystem::absolute(repo_root).lexically_normal();
+  std::string rel = wiki.lexically_relative(root).generic_string();
+  if (rel.empty() || rel.rfind("..", 0) == 0) rel = wiki.generic_string();
+  std::string name;
+  for (const char c : rel) {
+    if (c == '%') {
+      name += "%25";
+    } else if (c == '/') {
+      name += "%2F";
+    } else if (c == '.' && name.empty()) {
+      name += "%2E";
+    } else {
+      name += c;
+    }
+  }
+  return name;
+}
+
 }  // namespace
 
-FlockWriteLock::FlockWriteLock(std::filesystem::path wiki_dir)
-    : file_(std::move(wiki_dir) / kLockFileName) {}
+std::filesystem::path write_lock_file(const std::filesystem::path& repo_root,
+                                      const std::filesystem::path& wiki_dir) {
+  const std::optional<std::filesystem::path> git = git_dir(repo_root);
+  const std::filesystem::path dir =
+      git ? *git / "citation-refresh" : repo_root / ".citation-refresh";
+  return dir / (lock_name(repo_root, wiki_dir) + ".lock");
+}
+
+FlockWriteLock::FlockWriteLock(const std::filesystem::path& repo_root,
+                               const std::filesystem::path& wiki_dir)
+    : file_(write_lock_file(repo_root, wiki_dir)) {}
 
 FlockWriteLock::~FlockWriteLock() {
   if (fd_ >= 0) ::close(fd_);  // closing the last descriptor drops the flock
@@ -54,7 +90,11 @@ FlockWriteLock::~FlockWriteLock() {
 
 void FlockWriteLock::acquire() {
   if (fd_ >= 0) throw std::logic_error(file_.string() + ": write lock acquired twice");
-  const int fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  // The folder is made here, once; a symbolic link in the lock's place is never followed.
+  if (::mkdir(file_.parent_path().c_str(), 0755) != 0 && errno != EEXIST) {
+    throw os_error("cannot make the folder of the write lock file", file_);
+  }
+  const int fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) throw os_error("cannot open the write lock file", file_);
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
     const int error = errno;
@@ -95,7 +135,7 @@ void FlockWriteLock::release() {
 }
 
 std::unique_ptr<wiki::WriteLock> FlockWriteLocks::open(const std::filesystem::path& wiki_dir) {
-  return std::make_unique<FlockWriteLock>(wiki_dir);
+  return std::make_unique<FlockWriteLock>(root_, wiki_dir);
 }
 
 }  // namespace tolbarrow::hosts::native

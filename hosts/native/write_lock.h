@@ -1,4 +1,5 @@
-// The wiki directory's write lock: flock(2) on a lock file in the wiki directory.
+// The wiki directory's write lock: flock(2) on a lock file kept in the repository's git directory,
+// where git keeps its own locks, so that nothing of it is left among the pages.
 #pragma once
 
 #include <filesystem>
@@ -11,17 +12,23 @@ namespace tolbarrow::hosts::native {
 
 namespace wiki = tolbarrow::workers::wiki;
 
-// The lock file's name inside the wiki directory. The file stays; only its flock counts.
-inline constexpr const char* kLockFileName = ".citation-refresh.lock";
+// The lock file of the wiki directory `wiki_dir` of the repository at `repo_root`:
+// <git dir>/citation-refresh/<name>.lock, or <repo_root>/.citation-refresh/<name>.lock when the
+// root has no git directory, where <name> is the wiki's path relative to the root with '%', '/'
+// and a leading '.' written as %25, %2F and %2E (a wiki outside the root is named by its absolute
+// path). The file stays; only its flock counts.
+std::filesystem::path write_lock_file(const std::filesystem::path& repo_root,
+                                      const std::filesystem::path& wiki_dir);
 
-// One writer's hold. acquire() opens (creating) the lock file and takes an exclusive,
+// One writer's hold. acquire() opens (creating it and its folder, never through a symbolic link)
+// the lock file and takes an exclusive,
 // non-blocking flock; another holder makes it throw WikiBusy at once, naming the file and the
 // holder it recorded. The kernel releases the lock when the holder's process dies, so a crashed
 // writer never leaves the wiki locked. The holder writes "pid <pid> nonce <hex>" into the file
 // for diagnostics only.
 class FlockWriteLock : public wiki::WriteLock {
  public:
-  explicit FlockWriteLock(std::filesystem::path wiki_dir);
+  FlockWriteLock(const std::filesystem::path& repo_root, const std::filesystem::path& wiki_dir);
   ~FlockWriteLock() override;
   FlockWriteLock(const FlockWriteLock&) = delete;
   FlockWriteLock& operator=(const FlockWriteLock&) = delete;
@@ -39,9 +46,14 @@ class FlockWriteLock : public wiki::WriteLock {
   std::string nonce_;
 };
 
+// The write locks of the wiki directories of one repository.
 class FlockWriteLocks : public wiki::WriteLocks {
  public:
+  explicit FlockWriteLocks(std::filesystem::path repo_root) : root_(std::move(repo_root)) {}
   std::unique_ptr<wiki::WriteLock> open(const std::filesystem::path& wiki_dir) override;
+
+ private:
+  std::filesystem::path root_;
 };
 
 }  // namespace tolbarrow::hosts::native

@@ -615,7 +615,7 @@ std::optional<std::string> write_anchors_placed(SqliteStore& store, const std::s
     return std::nullopt;
   }
   const std::string text = std::move(pages).take();
-  wiki::RealFileSystem().atomic_write(file, text);
+  ContainedFileSystem(store.repo_root()).atomic_write(file, text);
   std::string hash = sha256_hex(text);
   store.carry_pages(branch, {}, {}, state_of(cited_blobs), hash);
   return hash;
@@ -636,7 +636,7 @@ void finish_carried(SqliteStore& store, const std::string& branch, const fs::pat
     if (hash == page.old_hash) {
       const std::string new_text = retarget(text, targets_of_redo(page.redo));
       if (sha256_hex(new_text) != page.new_hash) continue;
-      wiki::RealFileSystem().atomic_write(file, new_text);
+      ContainedFileSystem(store.repo_root()).atomic_write(file, new_text);
       hash = page.new_hash;
     }
     if (hash == page.new_hash) rewritten.push_back(&page);

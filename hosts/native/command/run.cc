@@ -14,6 +14,7 @@
 #include "hosts/native/anchoring.h"
 #include "hosts/native/command/anchors.h"
 #include "hosts/native/command/history.h"
+#include "hosts/native/command/state_files.h"
 #include "hosts/native/command/terminal.h"
 #include "hosts/native/first_sight.h"
 #include "hosts/native/indexer.h"
@@ -77,6 +78,7 @@ Place locate(const Options& options) {
     throw CommandError(place.wiki.string() + ": no such wiki directory (--wiki)");
   }
   place.db = options.db ? fs::absolute(*options.db) : SqliteStore::default_path(place.root);
+  refuse_places(place.root, place.wiki, place.db);
   return place;
 }
 
@@ -105,7 +107,13 @@ class ScratchStore {
     }
     dir_ = pattern;
     file_ = dir_ / "store.db";
-    if (fs::exists(db)) copy(db);
+    try {
+      if (!db.empty() && fs::exists(db)) copy(db);
+    } catch (...) {
+      std::error_code ignored;
+      fs::remove_all(dir_, ignored);
+      throw;
+    }
   }
   ~ScratchStore() {
     std::error_code ignored;
@@ -196,6 +204,8 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
     files_.remove_file(path);
   }
   void atomic_write(const fs::path& path, std::string_view content) override {
+    // The command makes no "digests.json" where the wiki has none.
+    if (path.filename() == "digests.json" && !files_.is_file(path)) return;
     flush();
     wrote_ = true;
     if (path.extension() == ".md") {
@@ -308,8 +318,8 @@ std::string known_hash(const fs::path& file, const std::optional<KnownHash>& kno
 class HeldLock {
  public:
   // Takes the lock; false (nothing held) when another process holds it.
-  bool take(const fs::path& wiki_dir) {
-    lock_ = std::make_unique<FlockWriteLock>(wiki_dir);
+  bool take(const fs::path& root, const fs::path& wiki_dir) {
+    lock_ = std::make_unique<FlockWriteLock>(root, wiki_dir);
     try {
       lock_->acquire();
       return true;
@@ -385,6 +395,7 @@ std::vector<MissingCitation> unanchored_citations(const std::optional<Anchors>& 
 
 Outcome run(const Options& options) {
   const Place place = locate(options);
+  check_state_files(place.wiki, kAnchorsFileName);
   const std::string ctags = find_ctags();
   const fs::path anchors_file = place.wiki / kAnchorsFileName;
   std::optional<std::string> anchors;  // the anchors file's bytes
@@ -445,19 +456,28 @@ Outcome run(const Options& options) {
   std::unique_ptr<SqliteStore> store;
   std::unique_ptr<ScratchStore> scratch;
   if (!options.check) {
-    if (lock.take(place.wiki)) {
-      store = std::make_unique<SqliteStore>(place.root, place.db);
+    if (lock.take(place.root, place.wiki)) {
+      store = open_store(place.root, place.db, note);
       detail("store " + store->file().string());
       // A run stopped after carrying stored its records: its page files first.
       finish_carried(*store, place.branch, place.wiki);
       sync(*store);
+      remove_leftovers(synced.leftovers);
     } else {
       note(std::string(cr::BUSY_MESSAGE));
       outcome.busy = outcome.reported_only = true;
     }
   }
   if (outcome.reported_only) {
-    scratch = std::make_unique<ScratchStore>(place.db);
+    try {
+      scratch = std::make_unique<ScratchStore>(place.db);
+    } catch (const CommandError&) {
+      if (!store_unreadable(place.db)) throw;
+      note(place.db.string() +
+           ": not a readable database; reporting from the anchors file and "
+           "the pages (a writing run sets it aside and rebuilds it)");
+      scratch = std::make_unique<ScratchStore>(fs::path());
+    }
     store = std::make_unique<SqliteStore>(place.root, scratch->file());
     sync(*store);
   }

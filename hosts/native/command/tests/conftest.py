@@ -56,5 +56,4 @@ def repo(tmp_path):
     r = Repo(tmp_path / "repo")
     r.root.mkdir()
     r.git("init", "-q", "-b", "main")
-    r.write(".gitignore", "docs/.citation-refresh.lock\n")
     return r
