@@ -2,7 +2,8 @@
 """Reliability harness for the citation-refresh command: hostile input, write faults, concurrent
 writers and SIGKILL at random moments, each against a real git repository and the built command.
 
-    harness.py --program PATH --shim PATH {hostile,numbers,faults,concurrent,crash,carrying}
+    harness.py --program PATH --shim PATH
+               {hostile,numbers,faults,concurrent,crash,carrying,vanishing}
                [--rounds N]
 
 Each mode prints its figures on one line and exits 1 with the failed checks listed."""
@@ -124,7 +125,6 @@ def make_repo(base, pages=6):
     (root / "src").mkdir(parents=True)
     (root / "docs").mkdir()
     git(root, "init", "-q", "-b", "main")
-    (root / ".gitignore").write_text("docs/.citation-refresh.lock\n")
     for k in range(pages):
         (root / f"src/mod_{k}.py").write_text(source(k, 0))
         (root / f"docs/p{k}.md").write_text(page(k, 0))
@@ -258,6 +258,8 @@ def mode_crash(base, rounds):
         bad, _ = torn_pages(work, pages)
         check(not bad, f"{label}: torn or broken {bad}")
         after = run(work)
+        _, leftovers = torn_pages(work, pages)
+        check(not leftovers, f"{label}: temporary files left after the next run {leftovers}")
         check(after.returncode == 0, f"{label}: next run {after.stderr.strip()}")
         got = state(work)
         check(got == want, f"{label}: next run differs from an uninterrupted run: "
@@ -283,7 +285,6 @@ def make_inner_repo(base, pages):
     (root / "src").mkdir(parents=True)
     (root / "docs").mkdir()
     git(root, "init", "-q", "-b", "main")
-    (root / ".gitignore").write_text("docs/.citation-refresh.lock\n")
     cited = {k: [3 + 4 * f for f in range(4)] for k in range(pages)}
     for k in range(pages):
         (root / f"src/mod_{k}.py").write_text(inner_source(k, 0, 0))
@@ -399,6 +400,62 @@ def mode_concurrent(base, rounds, writers=8):
           f"{len(FAILURES)} failed checks")
 
 
+def mode_vanishing(base, rounds, writers=4):
+    """Concurrent writing runs (and one --check) after a cited file was moved with a plain `mv`,
+    while files of the work tree appear and vanish all through them: every run ends well."""
+    import threading
+    pages = 6
+    root = make_repo(base, pages)
+    os.rename(root / "src/mod_0.py", root / "src/renamed_0.py")  # not git mv: untracked
+    pristine = Path(base) / "pristine"
+    copy_tree(root, pristine)
+    reference = Path(base) / "reference"
+    copy_tree(pristine, reference)
+    assert run(reference).returncode == 0
+    want = state(reference)
+    churned = 0
+    for r in range(rounds):
+        work = Path(base) / "work"
+        copy_tree(pristine, work)
+        stop = threading.Event()
+
+        def churn():
+            nonlocal churned
+            i = 0
+            while not stop.is_set():
+                folder = work / "src" / f"churn_{i % 7}"
+                folder.mkdir(exist_ok=True)
+                for j in range(5):
+                    (folder / f"f{j}.py").write_text(f"def f{j}():\n    return {i}\n")
+                    (work / f"src/gone_{j}.py").write_text("x = 1\n")
+                for j in range(5):
+                    (work / f"src/gone_{j}.py").unlink()
+                shutil.rmtree(folder)
+                churned += 10
+                i += 1
+
+        churner = threading.Thread(target=churn)
+        churner.start()
+        procs = [subprocess.Popen([ARGS.program, "--quiet", *args], cwd=work, text=True,
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                 for args in [[]] * writers + [["--check"]]]
+        outs = [(p.wait(timeout=300), p.stderr.read()) for p in procs]
+        stop.set()
+        churner.join()
+        for i, (code, err) in enumerate(outs):
+            check(code == (1 if i == writers else 0) or (i == writers and code == 0),
+                  f"round {r}: run {i} exit {code}: {err.strip()[:300]}")
+        bad, leftovers = torn_pages(work, pages)
+        check(not bad and not leftovers, f"round {r}: {bad} {leftovers}")
+        after = run(work)
+        check(after.returncode == 0, f"round {r}: next run {after.stderr.strip()}")
+        got = state(work)
+        check(got == want, f"round {r}: final state differs from one serial run: "
+              f"{differs(got, want)}")
+    print(f"vanishing: {rounds} rounds of {writers} writers and a --check, {churned} files made "
+          f"and removed meanwhile, {len(FAILURES)} failed checks")
+
+
 def mode_numbers(base):
     """Numbers in digests.json that a double cannot carry must not change silently."""
     pages = 2
@@ -418,6 +475,11 @@ def mode_numbers(base):
         check(kept or (untouched and done.stderr.strip()),
               f"digests.json number {t} changed silently (exit {done.returncode})")
     print(f"numbers: {len(texts)} inexact numbers, {len(FAILURES)} changed silently")
+
+
+LAST_TOOK = [0.0]  # seconds of the last hostile run
+# How the C++ and JSON libraries word their exceptions: an error shows none of it.
+LIBRARY_WORDING = ("filesystem error:", "[json.exception", "basic_string", "what():")
 
 
 def mode_hostile(base):
@@ -491,11 +553,92 @@ def mode_hostile(base):
         holder.stdout.readline()
         holders.append(holder)
 
-    def goes_on(done, args):  # the input is skipped and the rest of the wiki refreshed
+    def goes_on(done, args, work=None):  # the input is skipped and the rest of the wiki refreshed
         return done.returncode != 2
 
-    def names(part):  # an error naming `part`
-        return lambda done, args: done.returncode == 2 and part in done.stderr
+    def names(part):  # an error naming `part`, nothing written
+        return lambda done, args, work=None: done.returncode == 2 and part in done.stderr
+
+    # Links out of the repository, and inside the wiki.
+    victim = Path(base) / "outside-victim"
+
+    def old_lock_linked_out(r):  # where the lock used to be, a link to a file outside
+        victim.write_text("keep me")
+        os.symlink(victim, r / "docs/.citation-refresh.lock")
+
+    def wiki_linked_out(r):  # the whole wiki folder a link to a folder outside
+        away = Path(base) / "outside-wiki"
+        if away.exists():
+            shutil.rmtree(away)
+        shutil.move(r / "docs", away)
+        os.symlink(away, r / "docs")
+
+    def journal_linked_out(r):  # the digest journal a dangling link to outside
+        os.symlink(Path(base) / "outside-journal", r / "docs/.digests-pending.json")
+
+    def page_linked_in(r):
+        os.symlink("p0.md", r / "docs/alias.md")
+
+    def kept_link(done, args, work):
+        return done.returncode != 2 and os.readlink(work / "docs/alias.md") == "p0.md"
+
+    def kept_victim(done, args, work):
+        return done.returncode != 2 and victim.read_text() == "keep me"
+
+    # Bytes nobody asked to change: page p1 written otherwise, whose citations all move.
+    def mixed_ends(text):
+        lines = text.split("\n")[:-1]
+        ends = ["\r\n", "\n", "\r"]
+        return "".join(line + ends[i % 3] for i, line in enumerate(lines))[:-1]
+
+    odd_pages = {
+        "CRLF page": lambda text: text.replace("\n", "\r\n"),
+        "mixed line ends, no last newline": mixed_ends,
+        "byte-order mark, tab, trailing spaces":
+            lambda text: "\ufeff\t" + text.replace("\n", "  \t\n"),
+    }
+
+    def odd_page(odd):
+        def arrange(r):
+            (r / "docs/p1.md").write_bytes(odd(page(1, 0)).encode())
+        return arrange
+
+    def kept_bytes(odd):
+        def expect(done, args, work):
+            now = (work / "docs/p1.md").read_bytes()
+            want = odd(page(1, 0) if "--check" in args else page(1, 4)).encode()
+            return done.returncode != 2 and now == want
+        return expect
+
+    def bad_name(r):
+        with open(os.path.join(os.fsencode(r), b"docs/caf\xe9.md"), "wb") as out:
+            out.write(b"[f](/src/mod_0.py#L2-L4)\n")
+
+    # Pages made to be slow, each about as large as the plain page they are timed against.
+    slow_size = (1 if ARGS.quick else 4) * 1024 * 1024 + 512 * 1024
+    timings = {}
+
+    def sized(piece):
+        def arrange(r):
+            text, i = [], 1
+            size = 0
+            while size < slow_size:
+                part = piece(i)
+                text.append(part)
+                size += len(part)
+                i += 1
+            (r / "docs/h.md").write_text("".join(text) + "\n[f](/src/mod_0.py#L2-L4)\n")
+        return arrange
+
+    def timed(name):
+        def expect(done, args, work):
+            timings[(name, tuple(args))] = LAST_TOOK[0]
+            return done.returncode != 2
+        return expect
+
+    def as_fast_as_plain(done, args, work):
+        plain = timings.get(("plain", tuple(args)))
+        return done.returncode != 2 and plain is not None and LAST_TOOK[0] < 3 * plain + 2
 
     cases = [
         ("locked database", locked_db),
@@ -524,10 +667,28 @@ def mode_hostile(base):
                                  + "]}")),
         ("digests nested 10,000", digest("[" * 10000 + "]" * 10000)),
         ("digests nested objects", digest('{"a":' * 10000 + "1" + "}" * 10000)),
-        ("digests not an object", digest("[1, 2, 3]")),
-        ("digests not JSON", digest("{\"p0\": ")),
-        ("corrupt database", bad_db(b"SQLite format 3\x00" + b"\xff" * 4096)),
-        ("garbage database", bad_db(b"not a database at all\n" * 100)),
+        ("digests not an object", digest("[1, 2, 3]"), names("docs/digests.json: line 1")),
+        ("digests not JSON", digest("{\"p0\": "), names("docs/digests.json: line 1, column 8")),
+        ("digests with a byte-order mark", digest("\ufeff{}"), names("docs/digests.json: line 1")),
+        ("anchors file with a merge conflict",
+         lambda r: (r / "docs/.citation-anchors.json").write_text("<<<<<<< HEAD\n{}\n"),
+         names("docs/.citation-anchors.json: line 1, column 1")),
+        ("corrupt database", bad_db(b"SQLite format 3\x00" + b"\xff" * 4096), goes_on),
+        ("garbage database", bad_db(b"not a database at all\n" * 100), goes_on),
+        ("old lock place linked outside", old_lock_linked_out, kept_victim),
+        ("wiki folder linked outside", wiki_linked_out, names("docs: the wiki folder leads outside")),
+        ("digest journal a dangling link outside", journal_linked_out,
+         names("docs/.digests-pending.json: a symbolic link")),
+        ("page linked to a page of the wiki", page_linked_in, kept_link),
+        *[(name, odd_page(odd), kept_bytes(odd)) for name, odd in odd_pages.items()],
+        ("page name not UTF-8", bad_name, goes_on),
+        ("plain page", sized(lambda i: "Plain prose, `code` and [a link](/x.py#L1).\n"),
+         timed("plain")),
+        ("backtick runs of each length", sized(lambda i: "`" * i + "x"), as_fast_as_plain),
+        ("backtick runs never closed", sized(lambda i: "`` a ` b " * 8), as_fast_as_plain),
+        ("brackets never closed", sized(lambda i: "[[a]" * 16), as_fast_as_plain),
+        ("link openers never closed", sized(lambda i: "[a](/src/mod_0.py#L1-" * 4),
+         as_fast_as_plain),
     ]
     if user is None and os.geteuid() == 0:
         print("hostile: no setpriv or no user nobody: the unreadable page is read as root")
@@ -561,31 +722,38 @@ def mode_hostile(base):
                     holder.wait()
                 holders.clear()
             took = time.monotonic() - started
+            LAST_TOOK[0] = took
             lines = done.stderr.splitlines()
             label = f"{name} {args}"
             slowest = max(slowest, (took, label))
             if ARGS.verbose:
                 print(f"  {label}: exit {done.returncode} in {took:.1f} s {lines[:1]}")
             if expect:
-                check(expect[0](done, args),
+                check(expect[0](done, args, work),
                       f"{label}: ended otherwise than expected: exit {done.returncode} "
                       f"{lines[:2]}")
             if done.returncode == 2:
                 check(len(lines) == 1 and lines[0].startswith("citation-refresh: error: "),
                       f"{label}: error not one line: {lines[:3]!r}")
+                check(not any(t in done.stderr for t in LIBRARY_WORDING),
+                      f"{label}: a library's own wording reached the user: {lines[:1]!r}")
             else:
                 check(done.returncode in (0, 1), f"{label}: exit {done.returncode}: {lines[:3]}")
                 check(done.returncode == 0 or "--check" in args, f"{label}: exit 1 writing")
-            for k in range(pages):  # the untouched pages are wholly old or wholly moved
+            others = [k for k in range(pages) if not (k == 1 and name in odd_pages)]
+            for k in others:  # the untouched pages are wholly old or wholly moved
                 text = (work / f"docs/p{k}.md").read_text()
                 check(text in (page(k, 0), page(k, 3 + k)), f"{label}: page p{k} harmed")
             if done.returncode == 0 and not args:
                 moved = all((work / f"docs/p{k}.md").read_text() == page(k, 3 + k)
-                            for k in range(pages))
+                            for k in others)
                 check(moved, f"{label}: exit 0 yet the other pages were not refreshed")
-    outside = [line for line in opens.read_text().splitlines()
+    outside = [line for line in opens.read_text(errors="replace").splitlines()
                if line.startswith(str(Path(base) / "outside"))]
     check(not outside, f"a file outside the repository was opened: {outside[:3]}")
+    if ARGS.verbose:
+        for (name, args), took in sorted(timings.items()):
+            print(f"  {name} {list(args)}: {took:.2f} s")
     print(f"hostile: {len(cases)} inputs, {tried} runs, {len(FAILURES)} failed checks; "
           f"slowest run {slowest[0]:.1f} s ({slowest[1]})")
 
@@ -603,7 +771,7 @@ def main():
     parser.add_argument("--quick", action="store_true",
                         help="a few seconds: faults on the wiki's files only, ENOSPC only")
     parser.add_argument("mode", choices=["hostile", "numbers", "faults", "concurrent", "crash",
-                                         "carrying"])
+                                         "carrying", "vanishing"])
     ARGS = parser.parse_args()
     ARGS.program = os.path.abspath(ARGS.program)
     ARGS.shim = os.path.abspath(ARGS.shim)
@@ -618,6 +786,8 @@ def main():
             mode_concurrent(base, ARGS.rounds)
         elif ARGS.mode == "carrying":
             mode_carrying(base)
+        elif ARGS.mode == "vanishing":
+            mode_vanishing(base, ARGS.rounds)
         else:
             mode_crash(base, ARGS.rounds)
         subprocess.run(["chmod", "-R", "u+rwx", base], check=False)

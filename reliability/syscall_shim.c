@@ -125,6 +125,26 @@ int rename(const char* from, const char* to) {
   return real(from, to);
 }
 
+// As rename; the file is named by its folder's descriptor and its name in it.
+int renameat(int from_dir, const char* from, int to_dir, const char* to) {
+  REAL(renameat);
+  if (is_active() && to != NULL) {
+    char path[4096];
+    int known = 1;
+    if (to[0] == '/') {
+      snprintf(path, sizeof path, "%s", to);
+    } else if (to_dir == AT_FDCWD) {
+      known = getcwd(path, sizeof path) != NULL;
+      if (known) snprintf(path + strlen(path), sizeof path - strlen(path), "/%s", to);
+    } else {
+      known = fd_path(to_dir, path, sizeof path);
+      if (known) snprintf(path + strlen(path), sizeof path - strlen(path), "/%s", to);
+    }
+    if (known && step(2, "rename", path) < 0) return -1;
+  }
+  return real(from_dir, from, to_dir, to);
+}
+
 // The lock log: "acquire PID" is written once the flock is held, "release PID" before it is
 // dropped, so that in the log two holders can only overlap if the locks did.
 int flock(int fd, int operation) {

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <memory>
 #include <stdexcept>
+#include <unordered_map>
 
 namespace tolbarrow::hosts::native {
 namespace {
@@ -151,6 +152,39 @@ std::size_t paragraph_end(std::string_view text, std::size_t pos, std::size_t en
   return end;
 }
 
+// The backtick runs of one paragraph by length, each length's starts in text order, with a
+// cursor past the starts already passed: finding each opener's closer costs, over the whole
+// paragraph, one look at each run. (Searching the rest of the paragraph for every opener would
+// take time in the square of a paragraph of runs that close nothing.)
+class BacktickRuns {
+ public:
+  // The maximal runs of [begin, end).
+  void index(std::string_view text, std::size_t begin, std::size_t end) {
+    by_length_.clear();
+    for (std::size_t at = text.find('`', begin); at < end; at = text.find('`', at)) {
+      const std::size_t n = std::min(run_length(text, at, '`'), end - at);
+      by_length_[n].starts.push_back(at);
+      at += n;
+    }
+  }
+  // The end of the first run of exactly `n` backticks that starts at or after `from`, or npos.
+  // `from` never decreases between calls for the same `n`.
+  std::size_t closer(std::size_t n, std::size_t from) {
+    const auto it = by_length_.find(n);
+    if (it == by_length_.end()) return std::string_view::npos;
+    Starts& runs = it->second;
+    while (runs.next < runs.starts.size() && runs.starts[runs.next] < from) ++runs.next;
+    return runs.next < runs.starts.size() ? runs.starts[runs.next] + n : std::string_view::npos;
+  }
+
+ private:
+  struct Starts {
+    std::vector<std::size_t> starts;
+    std::size_t next = 0;
+  };
+  std::unordered_map<std::size_t, Starts> by_length_;
+};
+
 // Adds the inline code spans of the prose bytes [begin, end) to `out`.
 void add_code_spans(std::string_view text, std::size_t begin, std::size_t end,
                     std::vector<ByteRange>& out) {
@@ -158,6 +192,7 @@ void add_code_spans(std::string_view text, std::size_t begin, std::size_t end,
   // Where the paragraph of the last run looked at ends: the runs after it in the same paragraph
   // share it (each starts later, and the lines between it and the blank line stay non-blank).
   std::size_t limit = begin;
+  BacktickRuns runs;
   while (i < end) {
     const std::size_t open = text.find('`', i);
     if (open == std::string_view::npos || open >= end) return;
@@ -167,18 +202,11 @@ void add_code_spans(std::string_view text, std::size_t begin, std::size_t end,
       continue;
     }
     // The closer is the next run of exactly n backticks before the paragraph ends.
-    if (open >= limit) limit = paragraph_end(text, open, end);
-    std::size_t close = std::string_view::npos;
-    for (std::size_t j = open + n; j < limit;) {
-      const std::size_t tick = text.find('`', j);
-      if (tick == std::string_view::npos || tick >= limit) break;
-      const std::size_t m = std::min(run_length(text, tick, '`'), limit - tick);
-      if (m == n) {
-        close = tick + m;
-        break;
-      }
-      j = tick + m;
+    if (open >= limit) {
+      limit = paragraph_end(text, open, end);
+      runs.index(text, open + n, limit);
     }
+    const std::size_t close = runs.closer(n, open + n);
     if (close == std::string_view::npos) {
       i = open + n;  // no closer: the run is literal text
     } else {

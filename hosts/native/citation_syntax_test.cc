@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
+
 namespace tolbarrow::hosts::native {
 namespace {
 
@@ -176,6 +179,50 @@ INSTANTIATE_TEST_SUITE_P(
                       LastEndCase{"points_not_bytes", "日本[a](/a.py#L1)", 0, 15, 15},
                       LastEndCase{"empty_bounds", "[a](/a.py#L1)", 5, 5, std::nullopt}),
     [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace tolbarrow::hosts::native
+
+namespace tolbarrow::hosts::native {
+namespace {
+
+// Pages made to be slow: runs and openers that close nothing. Each is scanned in about the time
+// of a plain page of its size (a search that rescanned the rest of the paragraph for each of them
+// took time in the square of the page).
+TEST(CitationScan, HostilePagesTakeAboutTheTimeOfAPlainOne) {
+  constexpr std::size_t kSize = 2'000'000;
+  auto grow = [](const std::function<std::string(std::size_t)>& piece) {
+    std::string page;
+    for (std::size_t i = 1; page.size() < kSize; ++i) page += piece(i);
+    return page;
+  };
+  auto seconds = [](const std::string& page) {
+    MarkdownCitationSyntax syntax;
+    const Text text(page);
+    const auto start = std::chrono::steady_clock::now();
+    std::size_t found = 0;
+    syntax.find(text, [&](const wiki::Citation&) { ++found; });
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  };
+  const double plain = seconds(grow([](std::size_t) {
+    return std::string("Some prose with `code` and a [link](/src/a.py#L1-L2) in it.\n");
+  }));
+  struct Case {
+    const char* name;
+    std::function<std::string(std::size_t)> piece;
+  } cases[] = {
+      {"a run of each length", [](std::size_t i) { return std::string(i, '`') + "x"; }},
+      {"one length, never twice", [](std::size_t i) { return i % 2 ? "`` x " : "` x "; }},
+      {"escaped runs", [](std::size_t i) { return "\\" + std::string(i % 50 + 1, '`') + "a"; }},
+      {"brackets", [](std::size_t) { return std::string("[[a]"); }},
+      {"link openers", [](std::size_t) { return std::string("[a](/src/a.py"); }},
+      {"fragments", [](std::size_t) { return std::string("[a](/b#L1-"); }},
+  };
+  for (const Case& c : cases) {
+    const double hostile = seconds(grow(c.piece));
+    EXPECT_LT(hostile, 20 * plain + 0.5) << c.name << ": plain " << plain << " s";
+  }
+}
 
 }  // namespace
 }  // namespace tolbarrow::hosts::native

@@ -191,7 +191,14 @@ std::map<std::string, std::string> renames(const fs::path& root, const std::stri
     }
     return result.out;
   };
-  with_index({"add", "--intent-to-add", "--all", "--", "."});
+  // A file of the work tree may vanish between git's listing and its look at the file: that file
+  // is left out (--ignore-errors), and the listing taken again while git still says one failed.
+  // A failure that stays is the diff's to report.
+  for (int tries = 0; tries < 3; ++tries) {
+    const std::vector<std::string> add = {
+        "env", env, "git", "add", "--intent-to-add", "--all", "--ignore-errors", "--", "."};
+    if (run_process(add, root).exit_code == 0) break;
+  }
   return parse_renames(
       with_index({"diff", "-M", "--name-status", "-z", "--diff-filter=R", commit, "--"}));
 }

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -176,6 +177,32 @@ std::string one_line(std::string text) {
   return text;
 }
 
+// The message of a file system error as "<file>: <what>: <why>", without the library's own
+// wording around it ("filesystem error: <what>: <why> [<file>]").
+std::string file_message(const std::filesystem::filesystem_error& error) {
+  std::string text = error.what();
+  constexpr std::string_view kPrefix = "filesystem error: ";
+  if (text.rfind(kPrefix, 0) == 0) text.erase(0, kPrefix.size());
+  for (const std::filesystem::path* path : {&error.path2(), &error.path1()}) {
+    const std::string suffix = " [" + path->string() + "]";
+    if (!path->empty() && text.size() >= suffix.size() &&
+        text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      text.erase(text.size() - suffix.size());
+    }
+  }
+  if (error.path1().empty()) return text;
+  return error.path1().string() + ": " + text;
+}
+
+// What a JSON error says, without the library's "[json.exception.<kind>.<id>] " before it.
+std::string json_message(const nlohmann::json::exception& error) {
+  std::string text = error.what();
+  if (text.rfind("[json.exception.", 0) == 0) {
+    if (const std::size_t end = text.find("] "); end != std::string::npos) text.erase(0, end + 2);
+  }
+  return "unexpected data: " + text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -242,9 +269,15 @@ int main(int argc, char** argv) {
     return stale ? 1 : 0;
   } catch (const std::exception& e) {
     std::fflush(stdout);
+    std::string message = e.what();
+    if (const auto* file = dynamic_cast<const std::filesystem::filesystem_error*>(&e)) {
+      message = file_message(*file);
+    } else if (const auto* json = dynamic_cast<const nlohmann::json::exception*>(&e)) {
+      message = json_message(*json);
+    }
     const bool colour = command::colour_for(stderr);
     std::fprintf(stderr, "citation-refresh: %s %s\n",
-                 command::paint(colour, "1;31", "error:").c_str(), one_line(e.what()).c_str());
+                 command::paint(colour, "1;31", "error:").c_str(), one_line(message).c_str());
     return 2;
   }
 }
