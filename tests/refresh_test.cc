@@ -321,5 +321,122 @@ TEST(EveryCall, GivesWhatTheFastPathGives) {
   }
 }
 
+// A history that carries the stored citations it was given, by page and stored key.
+class FixedHistory : public History {
+ public:
+  std::map<std::string, Record> carries;  // by the question as `asked` words it
+  std::vector<std::string> asked;         // "page path Lx-Ly" of each question
+  const Record* carried(std::string_view page_id, const Record& cited) override {
+    const CitationKey key = cr::detail::stored_key(cited);
+    asked.push_back(std::string(page_id) + " " + key.path + " L" + std::to_string(key.start) +
+                    "-L" + std::to_string(key.end));
+    auto it = carries.find(asked.back());
+    return it == carries.end() ? nullptr : &it->second;
+  }
+};
+
+// One decision moves a carried citation: its link (the path too, for a renamed file), its digest
+// entry, the journal line written before the page, and its record, as it would any other move.
+TEST(RefreshWithHistory, ACarriedCitationMovesWithItsLinkDigestAndRecord) {
+  const fs::path wiki = "/wiki";
+  struct Case {
+    const char* name;
+    std::optional<Record> carried;  // what the history says of f's citation; nullopt: nothing
+    std::string page_after;
+    std::string digest_path, journal;  // the digest's citation after; the journal's change line
+    std::vector<cr::CarriedMove> listed;
+    std::int64_t lost = 0;
+  };
+  Record in_b = anchored_f(31, 32, 25, 40);
+  in_b["path"] = "src/b.py";
+  Record in_b_gone = in_b;
+  in_b_gone["symbol"] = "b.none";
+  in_b_gone["name"] = "none";
+  const Case cases[] = {
+      {"lines within the file",
+       anchored_f(24, 25, 18, 30),
+       cite("src/a.py", 24, 25),
+       "src/a.py",
+       R"([0,"src/a.py",10,12,24,25])",
+       {{"p1", {"src/a.py", 10, 12}, Move(24, 25)}}},
+      {"a renamed file",
+       in_b,
+       cite("src/b.py", 31, 32),
+       "src/b.py",
+       R"([0,"src/a.py",10,12,31,32,"src/b.py"])",
+       {{"p1", {"src/a.py", 10, 12}, Move(31, 32, "src/b.py")}}},
+      {"nothing to say: found by its declaration",
+       std::nullopt,
+       cite("src/a.py", 20, 22),
+       "src/a.py",
+       R"([0,"src/a.py",10,12,20,22])",
+       {}},
+      {"carried where its declaration is not",
+       in_b_gone,
+       cite("src/a.py", 10, 12),
+       "src/a.py",
+       "",
+       {},
+       1},
+  };
+  for (const bool write : {true, false}) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(std::string(c.name) + (write ? ", writing" : ", reporting"));
+      MemoryHost host;
+      MemoryRepository repo;
+      auto& files = host.file_system.files;
+      repo.files = {"src/a.py", "src/b.py"};
+      repo.symbols["src/a.py"] = {sym("a.f", 18, 30)};
+      repo.symbols["src/b.py"] = {sym("a.f", 25, 40)};
+      const std::string text = "`f` " + cite("src/a.py", 10, 12) + "\n";
+      repo.pages.push_back(
+          {{"page_id", "p1"}, {"rel_path", "p1.md"}, {"citations", {anchored_f(10, 12, 8, 20)}}});
+      files[wiki / "p1.md"] = text;
+      // As the refresh writes the file, so that it is moved in its text.
+      files[wiki / "digests.json"] =
+          Record::parse(
+              R"({"p1": {"citations": [{"path": "src/a.py", "line_start": 10, "line_end": 12}]}})")
+              .dump(2);
+      FixedHistory history;
+      if (c.carried) history.carries["p1 src/a.py L10-L12"] = *c.carried;
+      // The journal is removed at the end: what it holds when the page is written.
+      std::string journal;
+      host.file_system.fault = [&](const std::string& operation, const fs::path& path) {
+        if (operation == "write" && path.filename() == "p1.md") {
+          journal = files[wiki / std::string(cr::DIGEST_JOURNAL)];
+        }
+      };
+      cr::Host with_history = host.host();
+      with_history.history = &history;
+
+      const auto result =
+          cr::refresh_citations(with_history, repo, "main", wiki, "/repo", {.write = write});
+      EXPECT_EQ(history.asked, Calls{"p1 src/a.py L10-L12"});
+      EXPECT_EQ(result.carried, c.listed);
+      EXPECT_EQ(result.unrepairable, c.lost);
+      if (!write) {
+        EXPECT_EQ(files[wiki / "p1.md"], text);
+        EXPECT_EQ(result.moved.size(), c.lost ? 0u : 1u);
+        EXPECT_TRUE(repo.updates.empty());
+        continue;
+      }
+      EXPECT_EQ(files[wiki / "p1.md"], "`f` " + c.page_after + "\n");
+      const Record digests = Record::parse(files[wiki / "digests.json"]);
+      EXPECT_EQ(digests["p1"]["citations"][0]["path"], c.digest_path);
+      if (c.journal.empty()) {
+        EXPECT_EQ(journal, "");
+      } else {
+        EXPECT_NE(journal.find("\"citations\":[" + c.journal + "]"), std::string::npos) << journal;
+      }
+      if (!c.lost) {
+        ASSERT_EQ(repo.updates.size(), 1u);
+        const Record& record = repo.updates[0].update.citations.at(0);
+        EXPECT_EQ(record["path"], c.digest_path);
+        EXPECT_EQ(cite(record["path"], record["line_start"], record["line_end"]), c.page_after);
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tolbarrow::hosts::memory

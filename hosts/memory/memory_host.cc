@@ -22,7 +22,8 @@ void PrintTo(const Moves& moves, std::ostream* out) {
   for (const auto& [key, range] : moves) {
     PrintTo(key, out);
     *out << ": ";
-    PrintTo(range, out);
+    PrintTo(static_cast<const LineRange&>(range), out);
+    if (!range.path.empty()) *out << " in " << range.path;
     *out << "; ";
   }
   *out << "}";
@@ -274,10 +275,10 @@ std::string MemoryHost::rewrite(const Text& text, const Moves& moves) {
   out.reserve(text.str().size() + 64);
   std::size_t copied = 0;
   const auto each = [&](const CitationKey& key, std::size_t begin, std::size_t end) {
-    const LineRange* range = moves.find(key);
-    if (range == nullptr) return;
+    const Move* move = moves.find(key);
+    if (move == nullptr) return;
     out.append(text.str(), copied, begin - copied);
-    out += cite(key.path, range->first, range->last);
+    out += cite(move->path.empty() ? key.path : move->path, move->first, move->last);
     copied = end;
   };
   if (const auto* found = scanned(text)) {

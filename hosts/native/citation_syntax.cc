@@ -297,6 +297,29 @@ std::optional<std::size_t> MarkdownCitationSyntax::last_end(const wiki::Text& te
   return text.point_at(*last);
 }
 
+namespace {
+
+// A repository path as a citation writes it: from the root, with %XX escapes for the bytes a
+// link's path cannot hold.
+std::string link_path(std::string_view path) {
+  std::string out = "/";
+  for (const char c : path) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte <= ' ' || byte == 0x7f ||
+        std::string_view("()#`<>%").find(c) != std::string_view::npos) {
+      static constexpr char kHex[] = "0123456789ABCDEF";
+      out += '%';
+      out += kHex[byte >> 4];
+      out += kHex[byte & 15];
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
 std::string MarkdownCitationSyntax::rewrite(const wiki::Text& text, const wiki::Moves& moves) {
   const std::string& bytes = text.str();
   if (moves.empty()) return bytes;
@@ -304,55 +327,19 @@ std::string MarkdownCitationSyntax::rewrite(const wiki::Text& text, const wiki::
   out.reserve(bytes.size() + 16);
   std::size_t copied = 0;
   each_citation(bytes, [&](const FoundCitation& found) {
-    const wiki::LineRange* range = moves.find(found.key);
-    if (range == nullptr) return;
-    out.append(bytes, copied, found.link.fragment_begin - copied);
-    out += "#L" + std::to_string(range->first);
-    if (range->last != range->first) out += "-L" + std::to_string(range->last);
+    const wiki::Move* move = moves.find(found.key);
+    if (move == nullptr) return;
+    if (!move->path.empty() && move->path != found.key.path) {  // the path runs up to the fragment
+      out.append(bytes, copied, found.link.path_begin - copied);
+      out += link_path(move->path);
+    } else {
+      out.append(bytes, copied, found.link.fragment_begin - copied);
+    }
+    out += "#L" + std::to_string(move->first);
+    if (move->last != move->first) out += "-L" + std::to_string(move->last);
     copied = found.link.fragment_end;
   });
   out.append(bytes, copied, std::string::npos);
-  return out;
-}
-
-std::string retarget(std::string_view text,
-                     const std::unordered_map<wiki::CitationKey, wiki::CitationKey,
-                                              wiki::CitationKeyHash>& targets) {
-  if (targets.empty()) return std::string(text);
-  auto encoded = [](std::string_view path) {
-    std::string out = "/";
-    for (const char c : path) {
-      const auto byte = static_cast<unsigned char>(c);
-      if (byte <= ' ' || byte == 0x7f ||
-          std::string_view("()#`<>%").find(c) != std::string_view::npos) {
-        static constexpr char kHex[] = "0123456789ABCDEF";
-        out += '%';
-        out += kHex[byte >> 4];
-        out += kHex[byte & 15];
-      } else {
-        out += c;
-      }
-    }
-    return out;
-  };
-  std::string out;
-  out.reserve(text.size() + 16);
-  std::size_t copied = 0;
-  each_citation(text, [&](const FoundCitation& found) {
-    auto it = targets.find(found.key);
-    if (it == targets.end()) return;
-    const wiki::CitationKey& to = it->second;
-    if (to.path != found.key.path) {  // the path runs up to the fragment
-      out.append(text.substr(copied, found.link.path_begin - copied));
-      out += encoded(to.path);
-    } else {
-      out.append(text.substr(copied, found.link.fragment_begin - copied));
-    }
-    out += "#L" + std::to_string(to.start);
-    if (to.end != to.start) out += "-L" + std::to_string(to.end);
-    copied = found.link.fragment_end;
-  });
-  out.append(text.substr(copied));
   return out;
 }
 

@@ -33,14 +33,6 @@ std::vector<ByteRange> code_ranges(std::string_view text);
 // start such an escape stays as it is.
 std::string percent_decode(std::string_view path);
 
-// `text` with the citations whose key is in `targets` pointed at the key it maps to: the path is
-// rewritten only when it changes (written with %XX escapes for the bytes a citation's path cannot
-// hold), the line fragment as MarkdownCitationSyntax::rewrite writes it; not one other byte
-// changes.
-std::string retarget(
-    std::string_view text,
-    const std::unordered_map<wiki::CitationKey, wiki::CitationKey, wiki::CitationKeyHash>& targets);
-
 class MarkdownCitationSyntax : public wiki::CitationSyntax {
  public:
   // A citation's key is its percent-decoded path without the leading '/', and its lines (#L7 is
@@ -51,7 +43,8 @@ class MarkdownCitationSyntax : public wiki::CitationSyntax {
   std::optional<std::size_t> last_end(const wiki::Text& text, std::size_t start,
                                       std::size_t end) override;
   // Rewrites only the line fragment of each moved citation: #Lx when its new range is one line,
-  // #Lx-Ly otherwise. The path is kept as written.
+  // #Lx-Ly otherwise; and its path, for a move to another path (written with %XX escapes for the
+  // bytes a citation's path cannot hold). A path that stays is kept as written.
   std::string rewrite(const wiki::Text& text, const wiki::Moves& moves) override;
 };
 

@@ -77,7 +77,7 @@ INSTANTIATE_TEST_SUITE_P(
 struct RewriteCase {
   const char* name;
   std::string text;
-  std::vector<std::pair<CitationKey, wiki::LineRange>> moves;
+  std::vector<std::pair<CitationKey, wiki::Move>> moves;
   std::string expected;
 };
 
@@ -115,41 +115,20 @@ INSTANTIATE_TEST_SUITE_P(
                                   "```\n[f](/a.py#L1)\n```\n`[f](/a.py#L1)` [f](/a.py#L1)",
                                   {{{"a.py", 1, 1}, {3, 3}}},
                                   "```\n[f](/a.py#L1)\n```\n`[f](/a.py#L1)` [f](/a.py#L3)"},
-                      RewriteCase{"no_moves", "[f](/a.py#L1)\r\n", {}, "[f](/a.py#L1)\r\n"}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-struct RetargetCase {
-  const char* name;
-  std::string text;
-  std::vector<std::pair<CitationKey, CitationKey>> targets;
-  std::string expected;
-};
-
-void PrintTo(const RetargetCase& c, std::ostream* out) { *out << c.name; }
-
-class RetargetTest : public ::testing::TestWithParam<RetargetCase> {};
-
-TEST_P(RetargetTest, ChangesOnlyTargetedPathsAndFragments) {
-  std::unordered_map<CitationKey, CitationKey, wiki::CitationKeyHash> targets;
-  for (const auto& [from, to] : GetParam().targets) targets.emplace(from, to);
-  EXPECT_EQ(retarget(GetParam().text, targets), GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Syntax, RetargetTest,
-    ::testing::Values(RetargetCase{"path_and_lines",
-                                   "a [f](/a.py#L1-L2) b [g](/a.py#L5)\n",
-                                   {{{"a.py", 1, 2}, {"src/b.py", 3, 3}}},
-                                   "a [f](/src/b.py#L3) b [g](/a.py#L5)\n"},
-                      RetargetCase{"escaped_path_kept_when_only_lines_change",
-                                   "[f](/my%20d/a.py#L1) [g](/c.py#L2)",
-                                   {{{"my d/a.py", 1, 1}, {"my d/a.py", 4, 6}},
-                                    {{"c.py", 2, 2}, {"c d(1)%.py", 2, 2}}},
-                                   "[f](/my%20d/a.py#L4-L6) [g](/c%20d%281%29%25.py#L2)"},
-                      RetargetCase{"code_untouched",
-                                   "`[f](/a.py#L1)` [f](/a.py#L1)",
-                                   {{{"a.py", 1, 1}, {"b.py", 1, 1}}},
-                                   "`[f](/a.py#L1)` [f](/b.py#L1)"}),
+                      RewriteCase{"no_moves", "[f](/a.py#L1)\r\n", {}, "[f](/a.py#L1)\r\n"},
+                      RewriteCase{"path_and_lines",
+                                  "a [f](/a.py#L1-L2) b [g](/a.py#L5)\n",
+                                  {{{"a.py", 1, 2}, {3, 3, "src/b.py"}}},
+                                  "a [f](/src/b.py#L3) b [g](/a.py#L5)\n"},
+                      RewriteCase{"escaped_path_kept_when_only_lines_change",
+                                  "[f](/my%20d/a.py#L1) [g](/c.py#L2)",
+                                  {{{"my d/a.py", 1, 1}, {4, 6, "my d/a.py"}},
+                                   {{"c.py", 2, 2}, {2, 2, "c d(1)%.py"}}},
+                                  "[f](/my%20d/a.py#L4-L6) [g](/c%20d%281%29%25.py#L2)"},
+                      RewriteCase{"renamed_in_code_untouched",
+                                  "`[f](/a.py#L1)` [f](/a.py#L1)",
+                                  {{{"a.py", 1, 1}, {1, 1, "b.py"}}},
+                                  "`[f](/a.py#L1)` [f](/b.py#L1)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct LastEndCase {

@@ -157,9 +157,12 @@ TEST(PageSync, APageFileWithItsOriginsTextTakesTheOriginsRecords) {
     SqliteStore store(repo.path());
     store.replace_pages(
         "main", {{"p", "p.md", {old_record}, Record{{"prose", "old"}}, sha256_hex(old_text)}});
-    store.carry_pages("main",
-                      {{"p", "p.md", {new_record}, Record{{"prose", "new"}}, sha256_hex(new_text)}},
-                      {}, std::nullopt, "");
+    wiki::PageUpdate update;
+    update.citations = {new_record};
+    update.build_cache = Record{{"prose", "new"}};
+    update.content_hash = sha256_hex(new_text);
+    store.update_wiki_page_citations("main", *store.get_wiki_pages("main").at(0),
+                                     std::move(update));
     MarkdownCitationSyntax syntax;
     sync_pages(store, syntax, "main", repo.path() / "wiki");
     const std::vector<StoredPage> pages = store.pages("main");

@@ -51,7 +51,6 @@ constexpr const char* kMeta =
 // the one written from them while no page changed since (written, else NULL).
 // history_marks: per branch, the state of the work tree its records were last carried to (the
 // command's JSON), while the anchors file has the SHA-256 `anchors` ('' for none).
-// pending_pages: pages whose records the store holds for a text their file does not have yet.
 constexpr const char* kPageState = R"sql(
 CREATE TABLE IF NOT EXISTS page_origins(
   branch TEXT NOT NULL,
@@ -70,15 +69,6 @@ CREATE TABLE IF NOT EXISTS history_marks(
   branch TEXT PRIMARY KEY,
   mark TEXT NOT NULL,
   anchors TEXT NOT NULL
-) WITHOUT ROWID;
-CREATE TABLE IF NOT EXISTS pending_pages(
-  branch TEXT NOT NULL,
-  page_id TEXT NOT NULL,
-  rel_path TEXT NOT NULL,
-  old_hash TEXT NOT NULL,
-  new_hash TEXT NOT NULL,
-  redo TEXT NOT NULL,
-  PRIMARY KEY(branch, page_id)
 ) WITHOUT ROWID;
 )sql";
 
@@ -408,9 +398,9 @@ SqliteStore::SqliteStore(const fs::path& repo_root, std::optional<fs::path> db_f
     }
     Statement tables(db_, file_,
                      "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND "
-                     "name IN ('page_origins', 'anchors_files', 'history_marks', 'pending_pages')");
+                     "name IN ('page_origins', 'anchors_files', 'history_marks')");
     tables.step();
-    if (tables.integer(0) != 4) transaction([&] { exec(kPageState); });
+    if (tables.integer(0) != 3) transaction([&] { exec(kPageState); });
   } catch (...) {
     sqlite3_close(db_);
     db_ = nullptr;
@@ -754,53 +744,12 @@ void SqliteStore::anchors_written(const std::string& branch, const std::string& 
   });
 }
 
-void SqliteStore::carry_pages(const std::string& branch, const std::vector<StoredPage>& changed,
-                              const std::vector<PendingPage>& pending,
-                              const std::optional<std::string>& mark,
-                              const std::string& anchors_hash) {
+void SqliteStore::set_history_mark(const std::string& branch, const std::string& mark,
+                                   const std::string& anchors_hash) {
   transaction([&] {
-    Statement keep(db_, file_,
-                   "INSERT OR REPLACE INTO page_origins SELECT branch, page_id, citations, "
-                   "build_cache, content_hash FROM pages WHERE branch = ? AND page_id = ?");
-    Statement put(db_, file_, "INSERT OR REPLACE INTO pages VALUES (?, ?, ?, ?, ?, ?)");
-    for (const StoredPage& page : changed) {
-      keep.bind(1, branch).bind(2, page.page_id);
-      keep.run();
-      put_page(put, branch, page);
-    }
-    Statement add(db_, file_, "INSERT OR REPLACE INTO pending_pages VALUES (?, ?, ?, ?, ?, ?)");
-    for (const PendingPage& page : pending) {
-      add.bind(1, branch).bind(2, page.page_id).bind(3, page.rel_path).bind(4, page.old_hash);
-      add.bind(5, page.new_hash).bind(6, dump(page.redo));
-      add.run();
-    }
-    if (mark) {
-      Statement put_mark(db_, file_, "INSERT OR REPLACE INTO history_marks VALUES (?, ?, ?)");
-      put_mark.bind(1, branch).bind(2, *mark).bind(3, anchors_hash);
-      put_mark.run();
-    }
-    if (!changed.empty()) pages_changed(branch);
-  });
-}
-
-std::vector<PendingPage> SqliteStore::pending_pages(const std::string& branch) {
-  Statement s(db_, file_,
-              "SELECT page_id, rel_path, old_hash, new_hash, redo FROM pending_pages "
-              "WHERE branch = ? ORDER BY page_id");
-  s.bind(1, branch);
-  std::vector<PendingPage> out;
-  while (s.step()) {
-    out.push_back({s.text(0), s.text(1), s.text(2), s.text(3),
-                   parse_json(s.text(4), file_, "rewrite of a page")});
-  }
-  return out;
-}
-
-void SqliteStore::pending_done(const std::string& branch) {
-  transaction([&] {
-    Statement s(db_, file_, "DELETE FROM pending_pages WHERE branch = ?");
-    s.bind(1, branch);
-    s.run();
+    Statement put_mark(db_, file_, "INSERT OR REPLACE INTO history_marks VALUES (?, ?, ?)");
+    put_mark.bind(1, branch).bind(2, mark).bind(3, anchors_hash);
+    put_mark.run();
   });
 }
 

@@ -69,17 +69,6 @@ struct PageHead {
   std::optional<std::string> content_hash;
 };
 
-// A page whose file is behind the store: the store holds the records of its new text, and the
-// file is still to be rewritten from its old text (SqliteStore::carry_pages).
-struct PendingPage {
-  std::string page_id;
-  std::string rel_path;  // relative to the wiki directory
-  std::string old_hash;  // SHA-256 of the text the new one is made from
-  std::string new_hash;  // SHA-256 of the new text
-  wiki::Record redo;     // the caller's: how the new text is made from the old, and what else moves
-  friend bool operator==(const PendingPage&, const PendingPage&) = default;
-};
-
 // One change of the index, applied as one transaction.
 struct IndexChange {
   // Files whose facts change while their declarations stay (same content, new mtime).
@@ -185,17 +174,10 @@ class SqliteStore : public wiki::Repository {
   void anchors_written(const std::string& branch, const std::string& hash);
 
   // ---- Carrying between refreshes ----
-  // One transaction: each page of `changed` replaces the stored one, which becomes its origin
-  // (page_origin); `pending` become the branch's pages still to rewrite; and `mark`, when given,
-  // becomes the branch's history mark, valid while the anchors file's SHA-256 is `anchors_hash`
-  // ("" for no file). Seeding the pages from an anchors file forgets the mark.
-  void carry_pages(const std::string& branch, const std::vector<StoredPage>& changed,
-                   const std::vector<PendingPage>& pending, const std::optional<std::string>& mark,
-                   const std::string& anchors_hash);
-  // The branch's pages still to rewrite, ordered by page id.
-  std::vector<PendingPage> pending_pages(const std::string& branch);
-  // Forgets the branch's pages still to rewrite: their files are rewritten.
-  void pending_done(const std::string& branch);
+  // Makes `mark` the branch's history mark, valid while the anchors file's SHA-256 is
+  // `anchors_hash` ("" for no file). Seeding the pages from an anchors file forgets the mark.
+  void set_history_mark(const std::string& branch, const std::string& mark,
+                        const std::string& anchors_hash);
   // The mark the branch's records were last carried to, when the anchors file's SHA-256 is still
   // the `anchors_hash` of that time and no anchors file was seeded since; else nullopt.
   std::optional<std::string> history_mark(const std::string& branch,

@@ -273,33 +273,15 @@ TEST(Store, AnyPageChangeMakesTheWrittenAnchorsFileStale) {
   }
 }
 
-// Carried records, their pages' origins, the pages still to rewrite and the history mark are
-// stored together; the mark counts only with the anchors file of its time, until a seeding.
-TEST(Store, KeepsACarryTogetherAndItsMarkWithItsAnchorsFile) {
+// The history mark counts only with the anchors file of its time, and until a seeding.
+TEST(Store, KeepsTheHistoryMarkWithItsAnchorsFile) {
   TempDir repo;
   SqliteStore store(repo.path());
-  const Record old_record = Record::parse(R"({"path":"a.py","line_start":1,"line_end":2})");
-  const Record new_record = Record::parse(R"({"path":"b.py","line_start":3,"line_end":4})");
-  store.replace_pages("main", {{"p", "p.md", {old_record}, std::nullopt, "old"},
-                               {"q", "q.md", {}, std::nullopt, "q"}});
-  const PendingPage pending{"p", "p.md", "old", "new", Record::parse(R"({"targets":[]})")};
-  store.carry_pages("main", {{"p", "p.md", {new_record}, std::nullopt, "new"}}, {pending},
-                    R"({"commit":"ab"})", "anchors1");
-  EXPECT_EQ(store.pages("main")[0].citations, std::vector<Record>{new_record});
-  EXPECT_EQ(store.pages("main")[0].content_hash, "new");
-  EXPECT_EQ(store.page_origin("main", "p")->citations, std::vector<Record>{old_record});
-  EXPECT_EQ(store.page_origin("main", "p")->content_hash, "old");
-  EXPECT_FALSE(store.page_origin("main", "q"));
-  EXPECT_EQ(store.pending_pages("main"), std::vector<PendingPage>{pending});
-  EXPECT_TRUE(store.pending_pages("other").empty());
-  EXPECT_EQ(store.history_mark("main", "anchors1"), R"({"commit":"ab"})");
+  store.replace_pages("main", {{"p", "p.md", {}, std::nullopt, "old"}});
+  store.set_history_mark("main", "blobs ab", "anchors1");
+  EXPECT_EQ(store.history_mark("main", "anchors1"), "blobs ab");
   EXPECT_FALSE(store.history_mark("main", "anchors2"));  // another anchors file
   EXPECT_FALSE(store.history_mark("other", "anchors1"));
-
-  store.pending_done("main");
-  EXPECT_TRUE(store.pending_pages("main").empty());
-  store.carry_pages("main", {}, {}, std::nullopt, "anchors2");  // no mark: the last one stays
-  EXPECT_EQ(store.history_mark("main", "anchors1"), R"({"commit":"ab"})");
   store.replace_pages("main", store.pages("main"));  // not a seeding
   EXPECT_TRUE(store.history_mark("main", "anchors1"));
   store.replace_pages("main", store.pages("main"), "anchors1");  // the same file, seeded again

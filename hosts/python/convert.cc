@@ -268,8 +268,9 @@ LineRange to_range(py::handle range, std::string_view what) {
 py::tuple range_object(const LineRange& range) { return py::make_tuple(range.first, range.last); }
 
 Moves to_moves(py::handle moves, std::string_view what) {
-  return to_keyed<LineRange>(
-      moves, what, [&](py::handle range) { return to_range(range, std::string(what) + " range"); });
+  return to_keyed<Move>(moves, what, [&](py::handle range) {
+    return Move(to_range(range, std::string(what) + " range"));
+  });
 }
 
 KeyedMap<Record> to_anchors(py::handle anchors, std::string_view what) {

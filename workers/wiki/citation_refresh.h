@@ -78,6 +78,9 @@ struct Host {
   std::shared_ptr<spdlog::logger> logger = nullptr;
   // Asked, when given, before a stored citation is given new lines or kept where it is.
   LandingCheck* landing = nullptr;
+  // Asked, when given, where each stored citation stands now before its declaration is looked
+  // for; a citation it carries to another path or lines is moved like any other.
+  History* history = nullptr;
   // Whether the host sees each service call of the plain refresh, in its order, and nothing else:
   // a cited file's line count is asked of LineCounts for every citation placed, anchored() is
   // called for every citation placed (with or without a stored record, in report-only mode too),
@@ -92,6 +95,14 @@ struct Host {
 
 // ---- Results ----------------------------------------------------------------------------------
 
+// A citation that the host's History carried: where it was, and its move.
+struct CarriedMove {
+  std::string page_id;
+  CitationKey from;
+  Move to;  // the path stays when to.path is empty
+  friend bool operator==(const CarriedMove&, const CarriedMove&) = default;
+};
+
 // The result of one refresh.
 struct CitationRefresh {
   std::int64_t repaired = 0;       // writing mode: citations whose lines moved and were rewritten
@@ -99,6 +110,8 @@ struct CitationRefresh {
   std::int64_t pages_written = 0;  // page files written
   std::vector<Record> lost;        // {page_id, path, lines, name} per unrepairable citation
   nlohmann::ordered_map<std::string, std::int64_t> moved;  // report-only: page id -> moved count
+  // With a History: each citation it carried that moved, in page order, then text order.
+  std::vector<CarriedMove> carried;
 };
 // Field-wise equality (the order of `moved` does not count).
 bool operator==(const CitationRefresh& a, const CitationRefresh& b);

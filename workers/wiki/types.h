@@ -155,8 +155,20 @@ class KeyedMap {
   HashSlots index_;
 };
 
-// The new line range of each citation whose lines change, keyed by its CitationKey.
-using Moves = KeyedMap<LineRange>;
+// Where a citation goes: its new lines, and its new path when its file was renamed (empty: the
+// path stays). A move is read as a LineRange wherever only the lines count.
+struct Move : LineRange {
+  std::string path;
+  Move() = default;
+  Move(Line first, Line last, std::string path = {})
+      : LineRange{first, last}, path(std::move(path)) {}
+  Move(const LineRange& lines, std::string path = {})  // NOLINT: a LineRange is a move in place
+      : LineRange(lines), path(std::move(path)) {}
+  friend bool operator==(const Move&, const Move&) = default;
+};
+
+// The move of each citation whose lines or path change, keyed by its CitationKey.
+using Moves = KeyedMap<Move>;
 
 // Raised by a write lock when another writer of the wiki holds it. The guarded refresh catches
 // it to fall back to reporting only; hosts whose own busy error is of another kind derive from

@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "workers/wiki/symbol.h"
@@ -81,6 +82,23 @@ class LandingCheck {
   // citation is lost instead, under the name its record carries, and its link stays as written.
   virtual bool accepts(const std::string& path, const Record& cited, const Symbol* found,
                        LineRange lines) = 0;
+};
+
+// What a host knows of the code's history: where each stored citation stands in the code as it
+// is now, from what it was placed against (a version control system's diff of the cited file
+// since then, a rename of the file). Optional: without one, a stored citation is found again by
+// its declaration alone.
+class History {
+ public:
+  virtual ~History() = default;
+
+  // The record that the stored citation `cited` of page `page_id` is in the code now, when the
+  // history carries it elsewhere: its `path` and lines now, its declaration's lines now, and
+  // whatever the host keeps of what it was placed against. Null: the history has nothing to say
+  // and the citation is refreshed from `cited`. The refresh treats the answer as the stored
+  // record (finds its declaration, fits and checks its landing) and moves the citation, its
+  // page's text, its digest and its record from that one decision. Valid until the next call.
+  virtual const Record* carried(std::string_view page_id, const Record& cited) = 0;
 };
 
 // What anchored() gives for a host that adds nothing of its own: `citation` with `line_start`

@@ -22,8 +22,6 @@ namespace cr = wiki::citation_refresh;
 using namespace detail;
 namespace {
 
-using KeyMap = std::unordered_map<wiki::CitationKey, wiki::CitationKey, wiki::CitationKeyHash>;
-
 // git's output; CommandError naming the git command when it fails (exit codes in `ok` pass).
 std::string git(const fs::path& root, std::vector<std::string> args, std::string_view input = {},
                 std::initializer_list<int> ok = {0}) {
@@ -345,73 +343,7 @@ std::optional<wiki::Record> within_declaration(const wiki::Record& record, const
 
 }  // namespace detail
 
-namespace {
-
-// A page's text as the refresh reads it (CR LF and lone CR as LF), for the digest journal's
-// hashes of page texts.
-std::string as_refreshed(std::string bytes) {
-  if (bytes.find('\r') == std::string::npos) return bytes;
-  std::string text;
-  text.reserve(bytes.size());
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    text += bytes[i] == '\r' ? '\n' : bytes[i];
-    if (bytes[i] == '\r' && i + 1 < bytes.size() && bytes[i + 1] == '\n') ++i;
-  }
-  return text;
-}
-
-KeyMap targets_of_redo(const wiki::Record& redo) {
-  KeyMap targets;
-  for (const wiki::Record& t : redo.at("targets")) {
-    targets.emplace(wiki::CitationKey{t.at(0).get<std::string>(), t.at(1).get<wiki::Line>(),
-                                      t.at(2).get<wiki::Line>()},
-                    wiki::CitationKey{t.at(3).get<std::string>(), t.at(4).get<wiki::Line>(),
-                                      t.at(5).get<wiki::Line>()});
-  }
-  return targets;
-}
-
-// Adds to each pending page's rewrite the changes of its digest in "digests.json": the index of
-// each digest citation whose key the page's citations leave, its key and its new key. Applied by
-// index and old key (finish_carried), a change applies once however often it is applied. A
-// journal of digest moves that an interrupted refresh left is brought in first, so that the
-// digest is moved from where its page's records are.
-void add_digest_changes(SqliteStore& store, const fs::path& wiki_dir,
-                        const std::map<std::string, KeyMap>& targets_of,
-                        std::vector<PendingPage>& pending,
-                        const std::function<void(const std::string&)>& note) {
-  ContainedFileSystem files(store.repo_root());
-  files.allow(wiki_dir);
-  cr::detail::DigestFile(
-      files, store, wiki_dir,
-      [&](const fs::path& path) { return as_refreshed(files.read_file(path)); }, note)
-      .recover();
-  std::string why;
-  const auto digests = cr::detail::read_digests_to_rewrite(files, wiki_dir / "digests.json", why);
-  if (!digests) return;  // the refresh says why
-  for (PendingPage& page : pending) {
-    auto digest = digests->find(page.page_id);
-    if (digest == digests->end() || !digest->is_object()) continue;
-    auto citations = digest->find("citations");
-    if (citations == digest->end() || !citations->is_array()) continue;
-    const KeyMap& targets = targets_of.at(page.page_id);
-    for (std::size_t i = 0; i < citations->size(); ++i) {
-      if (!(*citations)[i].is_object()) continue;
-      std::optional<wiki::CitationKey> from;
-      try {
-        from = cr::detail::stored_key((*citations)[i]);
-      } catch (const std::invalid_argument&) {
-        continue;  // lines that are no lines: no citation of the page
-      }
-      auto to = targets.find(*from);
-      if (to == targets.end()) continue;
-      page.redo["digest"].push_back({i, from->path, from->start, from->end, to->second.path,
-                                     to->second.start, to->second.end});
-    }
-  }
-}
-
-}  // namespace
+namespace {}  // namespace
 
 namespace detail {
 
@@ -618,75 +550,18 @@ std::optional<std::string> write_anchors_placed(SqliteStore& store, const std::s
     if (auto blob = blobs.find(path); blob != blobs.end()) cited_blobs.insert(*blob);
   }
   if (exists && pages.is(old_text)) {
-    store.carry_pages(branch, {}, {}, state_of(cited_blobs), sha256_hex(old_text));
+    store.set_history_mark(branch, state_of(cited_blobs), sha256_hex(old_text));
     return std::nullopt;
   }
   const std::string text = std::move(pages).take();
   ContainedFileSystem(store.repo_root()).atomic_write(file, text);
   std::string hash = sha256_hex(text);
-  store.carry_pages(branch, {}, {}, state_of(cited_blobs), hash);
+  store.set_history_mark(branch, state_of(cited_blobs), hash);
   return hash;
 }
 
-void finish_carried(SqliteStore& store, const std::string& branch, const fs::path& wiki_dir) {
-  const std::vector<PendingPage> pending = store.pending_pages(branch);
-  if (pending.empty()) return;
-  // Each page file still with the text its new records were made from gets the new text, made
-  // again the same way; a file that is neither (edited since) is left to the sync.
-  std::vector<const PendingPage*> rewritten;
-  for (const PendingPage& page : pending) {
-    const fs::path file = wiki_dir / page.rel_path;
-    std::error_code error;
-    if (!fs::is_regular_file(file, error)) continue;
-    const std::string text = read_bytes(file);
-    std::string hash = sha256_hex(text);
-    if (hash == page.old_hash) {
-      const std::string new_text = retarget(text, targets_of_redo(page.redo));
-      if (sha256_hex(new_text) != page.new_hash) continue;
-      ContainedFileSystem(store.repo_root()).atomic_write(file, new_text);
-      hash = page.new_hash;
-    }
-    if (hash == page.new_hash) rewritten.push_back(&page);
-  }
-  // Their digests' changes, each to the citation at its index that still has its old key.
-  ContainedFileSystem files(store.repo_root());
-  files.allow(wiki_dir);
-  const fs::path digests_file = wiki_dir / "digests.json";
-  std::optional<wiki::Record> digests;
-  bool moved = false;
-  for (const PendingPage* page : rewritten) {
-    const wiki::Record& changes = page->redo.at("digest");
-    if (changes.empty()) continue;
-    std::string why;
-    if (!digests) digests = cr::detail::read_digests_to_rewrite(files, digests_file, why);
-    if (!digests) break;
-    auto digest = digests->find(page->page_id);
-    if (digest == digests->end() || !digest->is_object()) continue;
-    auto citations = digest->find("citations");
-    if (citations == digest->end() || !citations->is_array()) continue;
-    for (const wiki::Record& change : changes) {
-      const auto index = change.at(0).get<std::size_t>();
-      if (index >= citations->size() || !(*citations)[index].is_object()) continue;
-      wiki::Record& citation = (*citations)[index];
-      const wiki::CitationKey from{change.at(1).get<std::string>(), change.at(2).get<wiki::Line>(),
-                                   change.at(3).get<wiki::Line>()};
-      try {
-        if (!(cr::detail::stored_key(citation) == from)) continue;  // moved already, or since
-      } catch (const std::invalid_argument&) {
-        continue;
-      }
-      if (change.at(4) != from.path) citation["path"] = change.at(4);
-      citation["line_start"] = change.at(5);
-      citation["line_end"] = change.at(6);
-      moved = true;
-    }
-  }
-  if (moved) files.atomic_write(digests_file, cr::detail::dump_digests(*digests));
-  store.pending_done(branch);
-}
-
 Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wiki_dir,
-              const std::function<void(const std::string&)>& note, bool write,
+              const std::function<void(const std::string&)>& note, bool keep_blobs,
               const std::string& anchors_hash, const std::vector<std::string>* cited_now) {
   const fs::path& root = store.repo_root();
   const std::string wiki = wiki_in(root, wiki_dir);
@@ -695,7 +570,8 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
   // told from the pages' cited paths alone when the caller has them.
   const std::optional<std::string> last = store.history_mark(branch, anchors_hash);
   if (cited_now && last && *last == state_of(work_tree_blobs(root, *cited_now, false, wiki))) {
-    if (cited_now) carried.cited = *cited_now;
+    carried.cited = *cited_now;
+    carried.state = *last;
     return carried;
   }
   std::vector<StoredPage> pages = store.pages(branch);
@@ -721,7 +597,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
   std::vector<std::string> paths_now;
   for (const auto& [path, where] : now) paths_now.push_back(where.value_or(path));
   const std::map<std::string, std::string> blobs =
-      work_tree_blobs(root, paths_now, /*keep_blobs=*/write, wiki);
+      work_tree_blobs(root, paths_now, keep_blobs, wiki);
   auto blob_now = [&](const std::string& path) {
     auto it = blobs.find(path);
     return it != blobs.end() ? it->second : std::string();
@@ -856,25 +732,15 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     record["symbol_end"] = found->end_line;
   };
 
-  MarkdownCitationSyntax syntax;
-  std::vector<StoredPage> changed;
-  std::vector<PendingPage> pending;
-  std::map<std::string, KeyMap> targets_of;  // page id -> its citations' new keys
   std::set<std::string> cited_after;
   for (std::size_t p = 0; p < pages.size(); ++p) {
     StoredPage& page = pages[p];
-    const fs::path page_file = wiki_dir / page.rel_path;
-    if (!fs::is_regular_file(page_file)) continue;
-    const wiki::Text text(read_bytes(page_file), page_file.string());
-    std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> in_text;
-    syntax.find(text, [&](const wiki::Citation& c) { in_text.insert(c.key); });
-
     // Each record's proposed record, then undo those whose new key another citation holds.
     std::vector<std::optional<wiki::Record>> proposed(page.citations.size());
     for (std::size_t i = 0; i < page.citations.size(); ++i) {
       const wiki::Record& record = page.citations[i];
       const auto key = key_of(record);
-      if (!key || !in_text.count(*key) || !now[key->path]) continue;
+      if (!key || !now[key->path]) continue;
       const std::string& path = *now[key->path];
       std::optional<wiki::Record> next;
       if (anchored(record)) {
@@ -914,9 +780,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       const wiki::Record& record = proposed[i] ? *proposed[i] : page.citations[i];
       const wiki::Record& placed_against = page.citations[i];
       const auto from = key_of(placed_against);
-      if (!from || !in_text.count(*from) || !anchored(placed_against) || !now[from->path]) {
-        continue;
-      }
+      if (!from || !anchored(placed_against) || !now[from->path]) continue;
       const std::string& path = *now[from->path];
       const std::string fqn = placed_against["symbol"].get<std::string>();
       const std::vector<wiki::Symbol>& file_symbols = symbols(path);
@@ -965,59 +829,17 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       }
     }
 
-    KeyMap targets;
-    std::int64_t moved = 0;
-    bool records_changed = false;
     for (std::size_t i = 0; i < page.citations.size(); ++i) {
-      if (!proposed[i]) continue;
-      const wiki::CitationKey from = *key_of(page.citations[i]), to_key = *key_of(*proposed[i]);
-      if (from != to_key) targets.emplace(from, to_key);
-      if (from.path != to_key.path) {
-        carried.renamed.push_back(
-            {page.page_id, from.path, to_key.path,
-             "L" + std::to_string(to_key.start) + "-L" + std::to_string(to_key.end)});
+      const auto from = key_of(page.citations[i]);
+      if (!from) continue;
+      if (!proposed[i]) {
+        cited_after.insert(from->path);
+        continue;
       }
-      if (from.start != to_key.start || from.end != to_key.end) {
-        ++moved;
-        carried.lines.push_back(
-            {page.page_id, to_key.path,
-             "L" + std::to_string(from.start) + "-L" + std::to_string(from.end),
-             "L" + std::to_string(to_key.start) + "-L" + std::to_string(to_key.end)});
-      }
-      page.citations[i] = std::move(*proposed[i]);
-      records_changed = true;
+      cited_after.insert(key_of(*proposed[i])->path);
+      carried.records[page.page_id].set(*from, std::move(*proposed[i]));
     }
-    for (const wiki::CitationKey& key : in_text) {
-      auto target = targets.find(key);
-      cited_after.insert(target != targets.end() ? target->second.path : key.path);
-    }
-    if (moved) carried.translated[page.page_id] = moved;
-    std::string new_text = retarget(text.str(), targets);
-    if (page.build_cache && page.build_cache->is_object()) {
-      auto prose = page.build_cache->find("prose");
-      if (prose != page.build_cache->end() && prose->is_string()) {
-        *prose = retarget(prose->get<std::string>(), targets);
-      }
-    }
-    if (!records_changed) continue;
-    const std::string new_hash = sha256_hex(new_text);
-    if (!targets.empty()) {
-      wiki::Record redo = wiki::Record::array();
-      for (const auto& [from, to_key] : targets) {
-        redo.push_back({from.path, from.start, from.end, to_key.path, to_key.start, to_key.end});
-      }
-      pending.push_back({page.page_id,
-                         page.rel_path,
-                         sha256_hex(text.str()),
-                         new_hash,
-                         {{"targets", std::move(redo)}, {"digest", wiki::Record::array()}}});
-      targets_of.emplace(page.page_id, std::move(targets));
-      if (!write) carried.texts.emplace(page_file, std::move(new_text));
-    }
-    page.content_hash = new_hash;
-    changed.push_back(std::move(page));
   }
-  if (write && !pending.empty()) add_digest_changes(store, wiki_dir, targets_of, pending, note);
   carried.cited.assign(cited_after.begin(), cited_after.end());
 
   // The state the records now stand at: the cited files' blobs, as the next run will tell them.
@@ -1039,27 +861,15 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       state.insert(*other);
     }
   }
-  if (!write) {
-    store.carry_pages(branch, changed, {}, std::nullopt, "");
-  } else {
-    store.carry_pages(branch, changed, pending, state_of(state), anchors_hash);
-    finish_carried(store, branch, wiki_dir);
-  }
+  carried.state = state_of(state);
   return carried;
 }
 
-bool OverlayFileSystem::is_file(const fs::path& path) {
-  return texts_.count(path) || base_.is_file(path);
-}
-
-std::string OverlayFileSystem::read_file(const fs::path& path) {
-  auto it = texts_.find(path);
-  return it != texts_.end() ? it->second : base_.read_file(path);
-}
-
-void OverlayFileSystem::atomic_write(const fs::path& path, std::string_view content) {
-  base_.atomic_write(path, content);
-  texts_.erase(path);
+const wiki::Record* Carried::carried(std::string_view page_id, const wiki::Record& cited) {
+  const auto page = records.find(std::string(page_id));
+  if (page == records.end()) return nullptr;
+  const std::optional<wiki::CitationKey> key = key_of(cited);
+  return key ? page->second.find(*key) : nullptr;
 }
 
 }  // namespace tolbarrow::hosts::native::command

@@ -1,7 +1,8 @@
-// Where the wiki stands in the repository's history, and carrying its citations from there to
-// the work tree before the refresh: a cited file that git says was renamed is followed, and the
-// lines of each anchored citation (and of its declaration) are translated through git's diff of
-// the cited file where git says those lines did not change. The refresh then decides as always.
+// Where the wiki's citations stand in the repository's history: what each was placed against,
+// and from there where it is in the work tree now. A cited file that git says was renamed is
+// followed, and the lines of each anchored citation (and of its declaration) are translated
+// through git's diff of the cited file where git says those lines did not change. The refresh
+// asks this of each stored citation (Carried, the core's History) and moves it as it decides.
 #pragma once
 
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include "hosts/native/landing.h"
 #include "hosts/native/store.h"
 #include "workers/wiki/repo_facts.h"
+#include "workers/wiki/verify.h"
 
 namespace tolbarrow::hosts::native::command {
 
@@ -82,73 +84,43 @@ struct CarriedLines {
   std::string to;    // "Lx-Ly" now
 };
 
-struct Carried {
-  std::vector<FollowedRename> renamed;             // in page order, then record order
-  std::vector<CarriedLines> lines;                 // in page order, then record order
-  std::map<std::string, std::int64_t> translated;  // page id -> citations whose lines changed
-  // Without writing: page file -> its new text, for each page that changed. The store already
-  // holds the records.
-  std::map<std::filesystem::path, std::string> texts;
+// Where the branch's stored citations stand in the work tree, from what each was placed against:
+// the refresh asks it of each stored citation before it looks for its declaration (the core's
+// History), so that one decision moves a citation's link, its digest entry and its record.
+struct Carried : wiki::History {
+  // Page id -> stored key -> the record the citation is carried to: its path and lines now, its
+  // declaration's lines now, and `blob` and `text` of the work tree at those lines.
+  std::unordered_map<std::string, wiki::KeyedMap<wiki::Record>> records;
   // The paths the pages cite after the carrying, each once, sorted.
   std::vector<std::string> cited;
+  // The state of those files (state_of their blobs): where the records stand once the refresh has
+  // taken the carrying (SqliteStore::set_history_mark).
+  std::string state;
   // Citations whose declaration is gone while another of its name, which stood elsewhere in the
-  // file when they were placed, would take them: by path and lines after the carrying, why they are
-  // lost ("`a.f` is gone; `b.f` is at src/a.py#L3-L5").
+  // file when they were placed, would take them: by path and lines as stored, why they are lost
+  // ("`a.f` is gone; `b.f` is at src/a.py#L3-L5").
   std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> gone;
-  bool empty() const { return renamed.empty() && translated.empty(); }
+
+  const wiki::Record* carried(std::string_view page_id, const wiki::Record& cited) override;
 };
 
-// Carries the branch's stored citations from what each was placed against to the work tree: a
-// cited file that git says was renamed is followed; an anchored record's lines are translated
-// through git's diff from its `blob` to the file now where git says they are unchanged (within
-// its declaration found again when they changed); and a record whose cited text (`text`) is no
-// longer where the refresh would put it is moved to the place within its declaration that holds
-// that text, when one does. `note` gets one line when some blobs are not in the repository (a
-// shallow clone): their records are checked by their text alone.
+// Works out where the branch's stored citations stand in the work tree: a cited file that git
+// says was renamed is followed; an anchored record's lines are translated through git's diff from
+// its `blob` to the file now where git says they are unchanged (within its declaration found again
+// when they changed); and a record whose cited text (`text`) is no longer where the refresh would
+// put it is carried to the place within its declaration that holds that text, when one does.
+// Nothing is written: the refresh moves what it carries. `note` gets one line when some blobs are
+// not in the repository (a shallow clone): their records are checked by their text alone. With
+// `keep_blobs`, the work tree's contents of the cited files are written to git's object store,
+// so that a later run can diff from them.
 //
-// A writing run (`write`, under the wiki's write lock) never carries the same diff twice, and
-// never leaves a page file, its records and its digest apart, wherever it stops. One store
-// transaction holds the carried records, the pages' origins, each page still to rewrite (its old
-// and new text's hashes, the citation keys that change, the digest's changes) and the state of the
-// cited files the records now stand at. Only then are the page files and "digests.json" written
-// (finish_carried). A run stopped before the transaction carried nothing; one stopped after it is
-// finished by the next writing run before it reads any page. Without `write`, the store (a
-// scratch copy) takes the records and the new texts are returned.
-//
-// `anchors_hash` is the anchors file's SHA-256 now ("" for none), kept with the state. `cited`,
-// when given, lists the paths the branch's pages cite (as the page sync found them): a work tree
-// in the state the records were last carried to is told without reading the stored records.
+// `anchors_hash` is the anchors file's SHA-256 now ("" for none). `cited`, when given, lists the
+// paths the branch's pages cite (as the page sync found them): a work tree in the state the
+// records were last carried to (SqliteStore::history_mark) is told without reading the stored
+// records, and nothing is carried.
 Carried carry(SqliteStore& store, const std::string& branch, const std::filesystem::path& wiki_dir,
-              const std::function<void(const std::string&)>& note, bool write,
+              const std::function<void(const std::string&)>& note, bool keep_blobs,
               const std::string& anchors_hash, const std::vector<std::string>* cited = nullptr);
-
-// Brings the page files and "digests.json" to the records that the store took for them by
-// carrying: a page file that still has the text its new one was made from is rewritten (the new
-// text made again must have the hash recorded with it); each digest change of a page whose file
-// now has its new text applies to the digest citation at its index that still has its old key,
-// so that finishing twice changes nothing the second time. Then forgets the pages to rewrite.
-// Under the wiki's write lock, before the pages are read.
-void finish_carried(SqliteStore& store, const std::string& branch,
-                    const std::filesystem::path& wiki_dir);
-
-// A file system that answers reads of the files in `texts` from memory and everything else from
-// `base`, to which writes go. A run that writes nothing refreshes the carried pages through it.
-class OverlayFileSystem : public wiki::FileSystem {
- public:
-  OverlayFileSystem(wiki::FileSystem& base, std::map<std::filesystem::path, std::string> texts)
-      : base_(base), texts_(std::move(texts)) {}
-  bool is_file(const std::filesystem::path& path) override;
-  std::string read_file(const std::filesystem::path& path) override;
-  void atomic_write(const std::filesystem::path& path, std::string_view content) override;
-  void append(const std::filesystem::path& path, std::string_view content) override {
-    base_.append(path, content);
-  }
-  void remove_file(const std::filesystem::path& path) override { base_.remove_file(path); }
-
- private:
-  wiki::FileSystem& base_;
-  std::map<std::filesystem::path, std::string> texts_;
-};
 
 // ---- The carrying's parts ----
 namespace detail {

@@ -391,6 +391,33 @@ std::vector<MissingCitation> unanchored_citations(const std::optional<Anchors>& 
   return out;
 }
 
+// The citations the history carried, told apart from those the refresh moved by their
+// declaration: each is listed as renamed (its file) or carried (its lines), and counted once,
+// there, not among the moved or repaired.
+void told_carried(Outcome& outcome) {
+  cr::CitationRefresh& result = outcome.result;
+  auto lines = [](wiki::Line first, wiki::Line last) {
+    return "L" + std::to_string(first) + "-L" + std::to_string(last);
+  };
+  for (const cr::CarriedMove& c : result.carried) {
+    const std::string& path = c.to.path.empty() ? c.from.path : c.to.path;
+    if (!c.to.path.empty()) {
+      outcome.renamed.push_back({c.page_id, c.from.path, path, lines(c.to.first, c.to.last)});
+    }
+    if (c.from.start != c.to.first || c.from.end != c.to.last) {
+      outcome.carried.push_back(
+          {c.page_id, path, lines(c.from.start, c.from.end), lines(c.to.first, c.to.last)});
+      ++outcome.translated[c.page_id];
+    }
+    if (outcome.reported_only) {
+      auto moved = result.moved.find(c.page_id);
+      if (moved != result.moved.end() && --moved->second == 0) result.moved.erase(moved);
+    } else {
+      --result.repaired;
+    }
+  }
+}
+
 }  // namespace
 
 Outcome run(const Options& options) {
@@ -459,8 +486,6 @@ Outcome run(const Options& options) {
     if (lock.take(place.root, place.wiki)) {
       store = open_store(place.root, place.db, note);
       detail("store " + store->file().string());
-      // A run stopped after carrying stored its records: its page files first.
-      finish_carried(*store, place.branch, place.wiki);
       sync(*store);
       remove_leftovers(synced.leftovers);
     } else {
@@ -497,10 +522,8 @@ Outcome run(const Options& options) {
   detail(std::to_string(indexed.files) + " files indexed, " + std::to_string(indexed.reindexed) +
          " read by ctags, " + std::to_string(indexed.removed) + " gone");
 
-  // Renamed files and the diff since the last refresh, carried into the records and pages before
-  // the refresh: a writing run stores and writes them under the wiki's lock (see carry), a run
-  // that writes nothing keeps the pages in memory.
-  std::map<fs::path, std::string> carried_texts;
+  // Where the stored citations stand since what each was placed against (renamed files, git's
+  // diff): the refresh asks it of each stored citation and moves those it carries.
   std::vector<std::string> cited;  // the paths the pages cite, each once
   {
     std::unordered_set<std::string_view> seen;
@@ -510,25 +533,13 @@ Outcome run(const Options& options) {
       }
     }
   }
-  std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> gone;
-  auto carry_from_mark = [&] {
-    if (!options.follow_history) return Carried{};
+  Carried carried;
+  if (options.follow_history) {
     std::error_code error;
     const std::string hash =
         fs::exists(anchors_file, error) ? known_hash(anchors_file, anchors_known) : std::string();
-    Carried carried =
-        carry(*store, place.branch, place.wiki, note, !outcome.reported_only, hash, &cited);
-    outcome.renamed = carried.renamed;
-    outcome.translated = carried.translated;
-    outcome.carried = carried.lines;
-    gone = carried.gone;
+    carried = carry(*store, place.branch, place.wiki, note, !outcome.reported_only, hash, &cited);
     if (!carried.cited.empty()) cited = carried.cited;
-    return carried;
-  };
-  if (outcome.reported_only) {
-    carried_texts = carry_from_mark().texts;
-  } else {
-    carry_from_mark();
   }
 
   // Citations seen for the first time are anchored where they stand, before the refresh. Only
@@ -543,10 +554,10 @@ Outcome run(const Options& options) {
   first_sight();
 
   // A refresh that wrote nothing left all it read as it was: a later refresh that would read the
-  // same takes the result kept then instead (see refresh_inputs). Not with page texts carried in
-  // memory, nor with a digest journal left to finish: the refresh reads those too.
+  // same takes the result kept then instead (see refresh_inputs). Not with citations carried,
+  // nor with a digest journal left to finish: the refresh reads those too.
   std::error_code no_journal;
-  const bool reusable = carried_texts.empty() &&
+  const bool reusable = carried.records.empty() &&
                         !fs::exists(place.wiki / std::string(cr::DIGEST_JOURNAL), no_journal) &&
                         !no_journal;
   std::optional<std::string> inputs;
@@ -558,19 +569,19 @@ Outcome run(const Options& options) {
 
   NativeHost native(*store);
   native.file_system.allow(place.wiki);
-  OverlayFileSystem pages_now(native.file_system, std::move(carried_texts));
-  CountingFileSystem counted(pages_now, progress);
+  CountingFileSystem counted(native.file_system, progress);
   StoreBeforePages ordered(counted, *store);
-  const RefreshLog log = make_refresh_log(options.quiet);
+  const std::shared_ptr<spdlog::logger> log = make_refresh_log(options.quiet);
   TextLandingCheck landing(place.root);
-  landing.refuse(std::move(gone));
+  landing.refuse(std::move(carried.gone));
   const cr::Host host{.syntax = native.syntax,
                       .anchoring = native.anchoring,
                       .ranges = native.ranges,
                       .file_system = ordered,
                       .locks = native.locks,
-                      .logger = log.logger,
-                      .landing = &landing};
+                      .logger = log,
+                      .landing = &landing,
+                      .history = options.follow_history ? &carried : nullptr};
   // Each lost citation whose landing was refused says why.
   auto with_reasons = [&](cr::CitationRefresh result) {
     for (wiki::Record& lost : result.lost) {
@@ -586,17 +597,11 @@ Outcome run(const Options& options) {
     return result;
   };
   progress.begin("refreshing pages", synced.pages);
-  auto report = [&] {
-    std::optional<cr::CitationRefresh> reused = kept();
-    outcome.result =
-        reused ? std::move(*reused)
-               : with_reasons(cr::refresh_citations(host, ordered, place.branch, place.wiki,
-                                                    place.root, {.write = false}));
-  };
-  if (outcome.reported_only) {
-    report();
-  } else if (std::optional<cr::CitationRefresh> reused = kept()) {
+  if (std::optional<cr::CitationRefresh> reused = kept()) {
     outcome.result = std::move(*reused);
+  } else if (outcome.reported_only) {
+    outcome.result = with_reasons(cr::refresh_citations(host, ordered, place.branch, place.wiki,
+                                                        place.root, {.write = false}));
   } else {
     // The lock is held: the refresh writes (refresh_citations_if_free would take it again).
     outcome.result =
@@ -608,8 +613,16 @@ Outcome run(const Options& options) {
   }
   ordered.flush();
   progress.end();
+  told_carried(outcome);
 
   if (!outcome.reported_only) {
+    // The records now stand at the state the carrying worked from.
+    if (options.follow_history && !carried.state.empty()) {
+      std::error_code error;
+      store->set_history_mark(
+          place.branch, carried.state,
+          fs::exists(anchors_file, error) ? known_hash(anchors_file, anchors_known) : "");
+    }
     outcome.anchors_written =
         write_anchors(*store, place.branch, anchors_file, cited, anchors_known);
     if (outcome.anchors_written) detail("wrote " + anchors_file.string());

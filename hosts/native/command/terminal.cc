@@ -13,20 +13,17 @@ namespace {
 
 class RefreshSink : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  RefreshSink(bool quiet, std::shared_ptr<std::atomic<bool>> busy)
-      : quiet_(quiet), busy_(std::move(busy)) {}
+  explicit RefreshSink(bool quiet) : quiet_(quiet) {}
 
  protected:
   void sink_it_(const spdlog::details::log_msg& msg) override {
     const std::string_view text(msg.payload.data(), msg.payload.size());
-    if (text == wiki::citation_refresh::BUSY_MESSAGE) *busy_ = true;
     if (!quiet_) std::fprintf(stderr, "citation-refresh: %.*s\n", int(text.size()), text.data());
   }
   void flush_() override { std::fflush(stderr); }
 
  private:
   bool quiet_;
-  std::shared_ptr<std::atomic<bool>> busy_;
 };
 
 }  // namespace
@@ -108,13 +105,11 @@ std::string CountingFileSystem::read_file(const std::filesystem::path& path) {
   return bytes;
 }
 
-RefreshLog make_refresh_log(bool quiet) {
-  auto busy = std::make_shared<std::atomic<bool>>(false);
-  auto sink = std::make_shared<RefreshSink>(quiet, busy);
+std::shared_ptr<spdlog::logger> make_refresh_log(bool quiet) {
   auto logger = std::make_shared<spdlog::logger>(std::string(wiki::citation_refresh::MODULE_NAME),
-                                                 std::move(sink));
+                                                 std::make_shared<RefreshSink>(quiet));
   logger->set_level(spdlog::level::info);
-  return {std::move(logger), std::move(busy)};
+  return logger;
 }
 
 }  // namespace tolbarrow::hosts::native::command

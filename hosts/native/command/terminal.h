@@ -80,11 +80,7 @@ class CountingFileSystem : public wiki::FileSystem {
 };
 
 // The logger handed to the refresh: its lines go to stderr prefixed with the program's name
-// (none when quiet), and it remembers whether the refresh found the wiki busy.
-struct RefreshLog {
-  std::shared_ptr<spdlog::logger> logger;
-  std::shared_ptr<std::atomic<bool>> busy;
-};
-RefreshLog make_refresh_log(bool quiet);
+// (none when quiet).
+std::shared_ptr<spdlog::logger> make_refresh_log(bool quiet);
 
 }  // namespace tolbarrow::hosts::native::command

@@ -309,7 +309,7 @@ bool plan_moves(std::string_view value, const Moves& moves, std::vector<Splice>&
     elements.element();
     if (value[elements.at()] != '{') return false;
     CitationKey key;
-    std::optional<std::pair<std::size_t, std::size_t>> start, end;
+    std::optional<std::pair<std::size_t, std::size_t>> start, end, path;
     Walk citation(value, elements.at());
     if (citation.enter()) {
       do {
@@ -320,6 +320,7 @@ bool plan_moves(std::string_view value, const Moves& moves, std::vector<Splice>&
         if (name == "path") {
           if (member[0] != '"') return false;
           key.path = unescaped(member.substr(1, member.size() - 2));
+          path = std::pair(at, at + member.size());
           continue;
         }
         const std::optional<Line> line = is_integer(member) ? line_value(member) : std::nullopt;
@@ -328,11 +329,14 @@ bool plan_moves(std::string_view value, const Moves& moves, std::vector<Splice>&
         (name == "line_start" ? start : end) = std::pair(at, at + member.size());
       } while (citation.next());
     }
-    if (const LineRange* range = moves.find(key)) {
-      if (!start || !end) return false;
-      splices.push_back({start->first, start->second, std::to_string(range->first)});
-      splices.push_back({end->first, end->second, std::to_string(range->last)});
-      changed.push_back({index, std::move(key), *range});
+    if (const Move* move = moves.find(key)) {
+      if (!start || !end || (!move->path.empty() && !path)) return false;
+      if (!move->path.empty()) {
+        splices.push_back({path->first, path->second, Record(move->path).dump()});
+      }
+      splices.push_back({start->first, start->second, std::to_string(move->first)});
+      splices.push_back({end->first, end->second, std::to_string(move->last)});
+      changed.push_back({index, std::move(key), *move});
     }
     ++index;
   } while (elements.next());

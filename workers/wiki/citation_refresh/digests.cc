@@ -208,10 +208,11 @@ void move_digest_citations(Record* digest, const Moves& moves, std::vector<Diges
       throw RecordTypeError("digest citation: expected a map, got " + citation.dump());
     }
     CitationKey key = stored_key(citation);
-    if (const LineRange* range = moves.find(key)) {
-      citation["line_start"] = range->first;
-      citation["line_end"] = range->last;
-      if (changed) changed->push_back({i, std::move(key), *range});
+    if (const Move* move = moves.find(key)) {
+      if (!move->path.empty()) citation["path"] = move->path;
+      citation["line_start"] = move->first;
+      citation["line_end"] = move->last;
+      if (changed) changed->push_back({i, std::move(key), *move});
     }
   }
 }
@@ -315,6 +316,7 @@ void DigestFile::apply(const Record& page) {
     } catch (const std::invalid_argument&) {
       continue;  // lines that are no lines now: not the citation that was moved
     }
+    if (change.size() > 6) citation["path"] = change.at(6).get<std::string>();
     citation["line_start"] = change.at(4).get<Line>();
     citation["line_end"] = change.at(5).get<Line>();
   }
@@ -335,8 +337,9 @@ void DigestFile::move(const std::string& page_id, const fs::path& rel_path,
   if (changed.empty()) return;
 
   // The line as the library would write the record {"page_id", "page", "old_text_hash",
-  // "citations": [[index, path, first, last, new first, new last], ...]} on one line, put
-  // together directly: only its texts need the library's escaping.
+  // "citations": [[index, path, first, last, new first, new last(, new path)], ...]} on one line,
+  // put together directly: only its texts need the library's escaping. The new path is there
+  // only for a citation whose file was renamed.
   const auto text = [](const std::string& value) { return Record(value).dump(); };
   std::string line = "{\"page_id\":" + text(page_id) + ",\"page\":" + text(rel_path.string()) +
                      ",\"old_text_hash\":" +
@@ -346,7 +349,8 @@ void DigestFile::move(const std::string& page_id, const fs::path& rel_path,
     const auto& [index, from, to] = changed[i];
     line += (i == 0 ? "[" : ",[") + std::to_string(index) + "," + text(from.path) + "," +
             std::to_string(from.start) + "," + std::to_string(from.end) + "," +
-            std::to_string(to.first) + "," + std::to_string(to.last) + "]";
+            std::to_string(to.first) + "," + std::to_string(to.last) +
+            (to.path.empty() ? "]" : "," + text(to.path) + "]");
   }
   line += "]}\n";
   file_system_.append(journal_path_, line);

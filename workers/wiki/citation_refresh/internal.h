@@ -104,9 +104,11 @@ using LostPair = std::pair<CitationKey, std::string>;
 
 // The result of one page's refresh. Entries are in the order the page text first cites them.
 struct PageRefresh {
-  Moves moves;                 // new range of each citation whose lines change
+  Moves moves;                 // new range (and path) of each citation that moves
   KeyedMap<Record> anchors;    // new record of each stored citation whose record changes
   std::vector<LostPair> lost;  // each citation that can no longer be placed
+  // The citations of `moves` that the host's History carried, in text order.
+  std::vector<std::pair<CitationKey, Move>> carried;
 
   PageRefresh(Moves moves, KeyedMap<Record> anchors, std::vector<LostPair> lost)
       : moves(std::move(moves)), anchors(std::move(anchors)), lost(std::move(lost)) {}
@@ -242,7 +244,7 @@ inline constexpr std::string_view REPORT_MEMBERS[] = {"path", "line_start",   "l
 // `anchors` stays empty, and the host's anchored records are asked for only when it sees every
 // call (Host::every_call), which then also asks every citation's line count anew.
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
-                         Files& files, bool anchor = true);
+                         Files& files, bool anchor = true, std::string_view page_id = {});
 
 // The page's new citation records: each stored record replaced by its anchored record, if any.
 std::vector<Record> apply(const std::vector<Record>& citations, const PageRefresh& page);
@@ -268,7 +270,7 @@ std::optional<Record> read_digests_to_rewrite(FileSystem& file_system,
 struct DigestChange {
   std::size_t index = 0;
   CitationKey from;
-  LineRange to;
+  Move to;
 };
 
 // Moves the citation ranges of one page's digest in place. `digest` may be null (no entry) or any

@@ -171,7 +171,7 @@ class PageCitations {
 }  // namespace
 
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
-                         Files& files, bool anchor) {
+                         Files& files, bool anchor, std::string_view page_id) {
   // Stored records by stored key, the key's path a view of the record; a later record replaces
   // an earlier one with the same key.
   PageCitations page(citations.size());
@@ -215,31 +215,54 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
     const std::size_t hash = CitationKeyHash::combine(path_hash, key.start, key.end);
     PageCitations::Entry* entry = page.find(key_view(key), hash);
     // Skipped citations are not marked seen: a repeat of one is tested again.
-    if ((entry != nullptr && entry->seen) || key.start < 1 || !files.indexed(key.path)) return;
+    if ((entry != nullptr && entry->seen) || key.start < 1) return;
+    // The host's history speaks first for a stored citation: it may carry it to other lines, or
+    // to the file's new path. What it gives stands for the stored record from here on.
+    const Record* carried = nullptr;
+    CitationMembers carried_members;
+    std::string moved_to;  // the path the history carried the citation to, when another
+    if (host.history != nullptr && entry != nullptr && entry->record != nullptr) {
+      carried = host.history->carried(page_id, *entry->record);
+      if (carried != nullptr) {
+        carried_members = members_of(*carried);
+        if (const Record* to = carried_members.path;
+            to != nullptr && to->is_string() && to->get_ref<const std::string&>() != key.path) {
+          moved_to = to->get<std::string>();
+        }
+      }
+    }
+    const std::string& path = moved_to.empty() ? key.path : moved_to;
+    if (!files.indexed(path)) return;
     if (entry == nullptr) {
       entry = &page.add({paths.emplace_front(key.path), key.start, key.end}, hash);
     }
     entry->seen = true;
-    if (entry->number == PageCitations::kNoNumber)
-      entry->number = files.number(key.path, path_hash);
-    const std::uint32_t number = entry->number;
-    const Files::File& file = files.cited(number, key.path);
+    std::uint32_t number;
+    if (!moved_to.empty()) {
+      number = files.number(path, hash_text(path));
+    } else {
+      if (entry->number == PageCitations::kNoNumber)
+        entry->number = files.number(key.path, path_hash);
+      number = entry->number;
+    }
+    const Files::File& file = files.cited(number, path);
     const std::span<const Symbol> symbols = *file.symbols;
 
     // A citation without a stored record is placed as a legacy one; it has no record to anchor.
-    const Record* stored_record = entry->record;
+    const Record* stored_record = carried != nullptr ? carried : entry->record;
+    const CitationMembers& members = carried != nullptr ? carried_members : entry->members;
     const Symbol* found = nullptr;
     LineRange proposed;
-    const Record* symbol = stored_record != nullptr ? if_present(entry->members.symbol) : nullptr;
+    const Record* symbol = stored_record != nullptr ? if_present(members.symbol) : nullptr;
     if (symbol != nullptr) {
       // An anchored citation follows its declaration, or is lost with it.
-      found = find_again(symbols, file.keys, entry->members);
+      found = find_again(symbols, file.keys, members);
       if (found == nullptr) {
-        const Record* name = if_present(entry->members.name);
+        const Record* name = if_present(members.name);
         result.lost.emplace_back(key, to_path(name != nullptr ? *name : *symbol));
         return;
       }
-      proposed = relocated_range(entry->members, *found);
+      proposed = relocated_range(members, *found);
     } else {
       claim_names(host, text, citation.start, names);
       std::tie(found, proposed) = legacy_anchor(host, symbols, file.keys, key.start, key.end,
@@ -247,22 +270,26 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
     }
 
     const Line line_count =
-        host.every_call ? files.count_lines(key.path) : files.line_count(number, key.path);
+        host.every_call ? files.count_lines(path) : files.line_count(number, path);
     const auto fitted = host.ranges.fit_range(proposed.first, proposed.last, line_count);
     if (!fitted) {
       result.lost.emplace_back(key, found != nullptr ? found->name : std::string());
       return;
     }
     if (host.landing != nullptr && stored_record != nullptr &&
-        !host.landing->accepts(key.path, *stored_record, found, *fitted)) {
-      const Record* name = if_present(entry->members.name);
+        !host.landing->accepts(path, *stored_record, found, *fitted)) {
+      const Record* name = if_present(members.name);
       result.lost.emplace_back(key, name != nullptr     ? to_path(*name)
                                     : symbol != nullptr ? to_path(*symbol)
                                     : found != nullptr  ? found->name
                                                         : std::string());
       return;
     }
-    if (*fitted != LineRange{key.start, key.end}) result.moves.set(key, *fitted);
+    if (*fitted != LineRange{key.start, key.end} || !moved_to.empty()) {
+      Move move(*fitted, std::move(moved_to));
+      if (carried != nullptr) result.carried.emplace_back(key, move);
+      result.moves.set(key, std::move(move));
+    }
 
     if (host.every_call && stored_record == nullptr) {
       // The new record that stands for a citation the store lacks; it takes no anchors entry.
@@ -275,7 +302,7 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
       host.anchoring.anchored_unused(cite, *fitted, found);
     } else if (anchor && stored_record != nullptr) {
       Record updated = host.anchoring.anchored(*stored_record, *fitted, found);
-      if (!records_equal(updated, *stored_record)) result.anchors.set(key, std::move(updated));
+      if (!records_equal(updated, *entry->record)) result.anchors.set(key, std::move(updated));
     } else if (host.every_call) {
       host.anchoring.anchored_unused(*stored_record, *fitted, found);
     }

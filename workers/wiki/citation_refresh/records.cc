@@ -339,7 +339,7 @@ bool records_equal(const Record& a, const Record& b) {
 bool operator==(const CitationRefresh& a, const CitationRefresh& b) {
   if (a.repaired != b.repaired || a.unrepairable != b.unrepairable ||
       a.pages_written != b.pages_written || a.lost.size() != b.lost.size() ||
-      a.moved.size() != b.moved.size()) {
+      a.moved.size() != b.moved.size() || a.carried != b.carried) {
     return false;
   }
   for (std::size_t i = 0; i < a.lost.size(); ++i) {

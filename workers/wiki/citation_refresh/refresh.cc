@@ -87,7 +87,12 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
         options.write ? row->citations(citations_read)
                       : row->citation_members(citations_read, detail::REPORT_MEMBERS);
     // A report-only refresh has no use for the anchored records.
-    detail::PageRefresh page = detail::refresh_page(host, text, citations, files, options.write);
+    detail::PageRefresh page =
+        detail::refresh_page(host, text, citations, files, options.write,
+                             host.history != nullptr ? row->page_id() : std::string());
+    for (auto& [from, to] : page.carried) {
+      result.carried.push_back({row->page_id(), std::move(from), std::move(to)});
+    }
 
     result.unrepairable += static_cast<std::int64_t>(page.lost.size());
     if (!page.lost.empty()) {
