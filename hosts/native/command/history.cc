@@ -641,7 +641,8 @@ void finish_carried(SqliteStore& store, const std::string& branch, const fs::pat
     const std::string text = read_bytes(file);
     std::string hash = sha256_hex(text);
     if (hash == page.old_hash) {
-      const std::string new_text = retarget(text, targets_of_redo(page.redo));
+      const std::string new_text =
+          retarget(text, targets_of_redo(page.redo), page_folder(store.repo_root(), file));
       if (sha256_hex(new_text) != page.new_hash) continue;
       ContainedFileSystem(store.repo_root()).atomic_write(file, new_text);
       hash = page.new_hash;
@@ -866,6 +867,8 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     const fs::path page_file = wiki_dir / page.rel_path;
     if (!fs::is_regular_file(page_file)) continue;
     const wiki::Text text(read_bytes(page_file), page_file.string());
+    const std::string folder = page_folder(store.repo_root(), page_file);
+    syntax.set_page_folder(folder);
     std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> in_text;
     syntax.find(text, [&](const wiki::Citation& c) { in_text.insert(c.key); });
 
@@ -992,11 +995,11 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       cited_after.insert(target != targets.end() ? target->second.path : key.path);
     }
     if (moved) carried.translated[page.page_id] = moved;
-    std::string new_text = retarget(text.str(), targets);
+    std::string new_text = retarget(text.str(), targets, folder);
     if (page.build_cache && page.build_cache->is_object()) {
       auto prose = page.build_cache->find("prose");
       if (prose != page.build_cache->end() && prose->is_string()) {
-        *prose = retarget(prose->get<std::string>(), targets);
+        *prose = retarget(prose->get<std::string>(), targets, folder);
       }
     }
     if (!records_changed) continue;
