@@ -145,10 +145,12 @@ INSTANTIATE_TEST_SUITE_P(
         FormCase{"not_rendered_as_links",
                  "",
                  "![i](/i.py#L1) <!-- [c](/c.py#L1) -->\n\n    [ind](/ind.py#L1)\n\n"
-                 "<div>\n[h](/h.py#L1)\n</div>\n\n[e](/a\\_b.py#L1) [k](/k.py#L1)",
+                 "<div>\n[h](/h.py#L1)\n</div>\n\n[e](/a\\_b.py#L1) [k](/k.py#L1) ![a "
+                 "[l](/l.py#L1)](/i.png)",
                  {{"k.py", 1, 1, 107}},
                  "![i](/i.py#L1) <!-- [c](/c.py#L1) -->\n\n    [ind](/ind.py#L1)\n\n"
-                 "<div>\n[h](/h.py#L1)\n</div>\n\n[e](/a\\_b.py#L1) [k](/k.py#L11)"}),
+                 "<div>\n[h](/h.py#L1)\n</div>\n\n[e](/a\\_b.py#L1) [k](/k.py#L11) ![a "
+                 "[l](/l.py#L1)](/i.png)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct RewriteCase {
@@ -225,14 +227,14 @@ INSTANTIATE_TEST_SUITE_P(
                                     {{"c.py", 2, 2}, {"c d(1)%.py", 2, 2}}},
                                    "[f](/my%20d/a.py#L4-L6) [g](/c%20d%281%29%25.py#L2)"},
                       RetargetCase{"relative_stays_relative",
-                                   "[a](../src/a.py#L1) [b](./b.py#L2) [c](<../my d/c.py#L3>) "
+                                   "[a](../src/a.py#L1) [b](./b.py#L2) [c](<../my%20d/c.py#L3>) "
                                    "[d](../my%20d/d.py#L4)\n\n[r]: ../src/a.py#L1\n[r] [r]",
                                    {{{"src/a.py", 1, 1}, {"lib/a2.py", 5, 5}},
                                     {{"docs/b.py", 2, 2}, {"docs/sub/b b.py", 2, 2}},
                                     {{"my d/c.py", 3, 3}, {"my d/c c.py", 3, 3}},
                                     {{"my d/d.py", 4, 4}, {"my d/e e.py", 4, 4}}},
                                    "[a](../lib/a2.py#L5) [b](./sub/b%20b.py#L2) "
-                                   "[c](<../my d/c c.py#L3>) [d](../my%20d/e%20e.py#L4)\n\n"
+                                   "[c](<../my%20d/c c.py#L3>) [d](../my%20d/e%20e.py#L4)\n\n"
                                    "[r]: ../lib/a2.py#L5\n[r] [r]",
                                    "docs"},
                       RetargetCase{"code_untouched",
