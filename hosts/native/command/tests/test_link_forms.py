@@ -2,6 +2,8 @@
 
 import json
 
+import pytest
+
 HELPER = "def helper(x):\n    a = 1\n    b = 2\n    return a + b + x\n\n\n" \
          "def other():\n    p = 1\n    q = 2\n    r = 3\n    return p + q + r\n"
 M = "def m():\n    x = 1\n    y = 2\n    return x + y\n"
@@ -40,7 +42,23 @@ PAGES = {
 }
 
 
-def test_each_form_is_rewritten_in_its_own_form_across_a_rename(repo):
+def rename_and_edit(repo):
+    repo.git("mv", "src/h.py", "src/k.py")
+    repo.write("src/k.py", "import os\n" + HELPER)
+
+
+def edit(repo):
+    repo.write("src/h.py", "import os\n" + HELPER)
+
+
+# (what, the change to src/h.py, options): carried across git's diff before the refresh, or
+# followed by the refresh alone from each citation's declaration.
+CHANGES = [("renamed and edited, history followed", rename_and_edit, (), "k.py"),
+           ("edited, declarations followed", edit, ("--no-follow-history",), "h.py")]
+
+
+@pytest.mark.parametrize("what,change,options,name", CHANGES, ids=[c[0] for c in CHANGES])
+def test_each_form_is_rewritten_in_its_own_form(repo, what, change, options, name):
     repo.write("src/h.py", HELPER)
     repo.write("src/my lib/m.py", M)
     for rel, (text, _) in PAGES.items():
@@ -51,14 +69,14 @@ def test_each_form_is_rewritten_in_its_own_form_across_a_rename(repo):
     assert not json.loads(first.stdout)["missing"]
     repo.commit("anchors")
 
-    repo.git("mv", "src/h.py", "src/k.py")
-    repo.write("src/k.py", "import os\n" + HELPER)
+    change(repo)
     repo.write("src/my lib/m.py", "import sys\n\n" + M)
-    check = repo.run("--check")
+    check = repo.run("--check", *options)
     assert check.returncode == 1, check.stderr
-    done = repo.run("--json")
+    done = repo.run("--json", *options)
     assert done.returncode == 0, done.stderr
     result = json.loads(done.stdout)
     assert not result["lost"] and not result["missing"]
-    assert {rel: repo.read(rel) for rel in PAGES} == {rel: moved for rel, (_, moved) in PAGES.items()}
-    assert repo.run("--check").returncode == 0
+    assert {rel: repo.read(rel) for rel in PAGES} == {
+        rel: moved.replace("k.py", name) for rel, (_, moved) in PAGES.items()}
+    assert repo.run("--check", *options).returncode == 0
