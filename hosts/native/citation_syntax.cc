@@ -260,7 +260,9 @@ std::string page_folder(const fs::path& repo_root, const fs::path& page_file) {
 
 std::vector<WrittenCitation> written_citations(std::string_view page, std::string_view folder) {
   std::vector<WrittenCitation> out;
-  for (const ParsedLink& link : parsed_links(page)) {
+  const std::vector<ParsedLink> links = parsed_links(page);
+  out.reserve(links.size());
+  for (const ParsedLink& link : links) {
     if (link.href == kNone || link.href_size == 0) continue;
     const std::string_view dest = page.substr(link.href, link.href_size);
     const std::size_t hash = dest.find('#');
@@ -317,9 +319,14 @@ std::vector<WrittenCitation> written_citations(std::string_view page, std::strin
     }
     out.push_back(std::move(c));
   }
-  std::stable_sort(out.begin(), out.end(), [](const WrittenCitation& a, const WrittenCitation& b) {
+  // Links close in the order they open (a link holds no link), so the citations come sorted but
+  // where a link's opener was only guessed at (a reference's use without text of its own).
+  const auto by_begin = [](const WrittenCitation& a, const WrittenCitation& b) {
     return a.begin < b.begin;
-  });
+  };
+  if (!std::is_sorted(out.begin(), out.end(), by_begin)) {
+    std::stable_sort(out.begin(), out.end(), by_begin);
+  }
   return out;
 }
 
