@@ -306,7 +306,7 @@ std::vector<WrittenCitation> written_citations(std::string_view page, std::strin
     } else if (page[before - 1] == ':') {
       // A use of a definition: [text][label], [label][] or [label].
       c.begin = text_from != kNone ? opener(page, link.before, text_from - 1) : kNone;
-      if (c.begin == kNone) c.begin = opener(page, link.before, page.size() - 1);
+      if (c.begin == kNone) c.begin = page.find('[', link.before);  // [][label]
       if (c.begin == kNone) continue;
       std::size_t close =
           page.find(']', link.last_text_end != kNone ? link.last_text_end : c.begin + 1);

@@ -69,6 +69,7 @@ INSTANTIATE_TEST_SUITE_P(
         FindCase{"spans_in_later_paragraphs",
                  "`a` `b\n\n`[x](/x.py#L1)` `c\n\nd `[y](/y.py#L1)` [z](/z.py#L2)",
                  {{"z.py", 2, 2, 46}}},
+        FindCase{"reference_without_text", "a [][p] b\n\n[p]: /a.py#L1\n", {{"a.py", 1, 1, 2}}},
         FindCase{"not_citations",
                  "[b](/b.py) [c](https://x/c.py#L1) [d](/d.py#10) [e](/e.py#L1-5) [f](../f.py#L1) "
                  "[g](/g.py?x#L1) [h](//host/h.py#L1) [i](/i.py#L1x)",
