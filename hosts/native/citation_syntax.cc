@@ -1,259 +1,235 @@
-#define PCRE2_CODE_UNIT_WIDTH 8
 #include "hosts/native/citation_syntax.h"
 
-#include <pcre2.h>
+#include <md4c.h>
 
 #include <algorithm>
 #include <charconv>
-#include <memory>
 #include <stdexcept>
-#include <unordered_map>
 
 namespace tolbarrow::hosts::native {
+namespace fs = std::filesystem;
 namespace {
 
-// [text](/path#Lfirst) or [text](/path#Lfirst-Llast). The link text may hold one level of
-// brackets and no line break; the path starts with '/' and holds no space, parenthesis, '#',
-// backtick or angle bracket. Line numbers are at most 18 digits, so that they fit a Line.
-// Groups: 1 path, 2 fragment, 3 first line, 4 last line.
-constexpr std::string_view kCitationPattern =
-    R"(\[(?:[^\[\]\n]++|\[[^\[\]\n]*+\])*+\]\((/[^()\s#`<>]+)(#L([0-9]{1,18})(?:-L([0-9]{1,18}))?)\))";
+constexpr std::size_t kNone = std::string_view::npos;
 
-struct CodeDeleter {
-  void operator()(pcre2_code* code) const { pcre2_code_free(code); }
-};
-struct MatchDataDeleter {
-  void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
+// A link as md4c reports it, in byte offsets of the page.
+struct ParsedLink {
+  std::size_t href = kNone, href_size = 0;  // the destination, when md4c kept it in the page
+  std::size_t title_end = kNone;            // just past the title, when there is one in the page
+  std::size_t first_text = kNone;           // the first text inside the link
+  std::size_t last_text_end = kNone;        // the end of the last text inside it
+  std::size_t before = 0;                   // the end of the last text before it
 };
 
-// The citation pattern, compiled (and JIT-compiled where available) once per process.
-const pcre2_code* citation_code() {
-  static const std::unique_ptr<pcre2_code, CodeDeleter> code = [] {
-    int error = 0;
-    PCRE2_SIZE offset = 0;
-    pcre2_code* compiled =
-        pcre2_compile(reinterpret_cast<PCRE2_SPTR>(kCitationPattern.data()),
-                      kCitationPattern.size(), PCRE2_UTF | PCRE2_UCP, &error, &offset, nullptr);
-    if (compiled == nullptr) {
-      PCRE2_UCHAR message[256];
-      pcre2_get_error_message(error, message, sizeof message);
-      throw std::logic_error("citation pattern does not compile at " + std::to_string(offset) +
-                             ": " + reinterpret_cast<const char*>(message));
+// Collects the links (images and the links inside them left out) of one md4c parse.
+struct Collector {
+  std::string_view page;
+  std::vector<ParsedLink> links;
+  // The links open, innermost last; a link inside an image is no link, and opens nothing.
+  std::vector<ParsedLink> open;
+  int images = 0;
+  std::size_t last_text_end = 0;
+
+  // The offset of `p` in the page, or kNone when md4c built the string elsewhere.
+  std::size_t offset(const MD_CHAR* p) const {
+    if (p < page.data() || p > page.data() + page.size()) return kNone;
+    return static_cast<std::size_t>(p - page.data());
+  }
+
+  static int enter_span(MD_SPANTYPE type, void* detail, void* self_) {
+    auto* self = static_cast<Collector*>(self_);
+    if (type == MD_SPAN_IMG) ++self->images;
+    if (type != MD_SPAN_A || self->images > 0) return 0;
+    const auto* a = static_cast<const MD_SPAN_A_DETAIL*>(detail);
+    ParsedLink link;
+    link.before = self->last_text_end;
+    link.href = self->offset(a->href.text);
+    link.href_size = a->href.size;
+    if (link.href != kNone && link.href + link.href_size > self->page.size()) link.href = kNone;
+    if (a->title.size > 0) {
+      const std::size_t title = self->offset(a->title.text);
+      if (title != kNone && title + a->title.size < self->page.size()) {
+        link.title_end = title + a->title.size + 1;  // its closing delimiter
+      }
     }
-    pcre2_jit_compile(compiled, PCRE2_JIT_COMPLETE);  // falls back to the interpreter on failure
-    return std::unique_ptr<pcre2_code, CodeDeleter>(compiled);
-  }();
-  return code.get();
+    self->open.push_back(link);
+    return 0;
+  }
+
+  static int leave_span(MD_SPANTYPE type, void*, void* self_) {
+    auto* self = static_cast<Collector*>(self_);
+    if (type == MD_SPAN_IMG) --self->images;
+    if (type != MD_SPAN_A || self->images > 0 || self->open.empty()) return 0;
+    self->links.push_back(self->open.back());
+    self->open.pop_back();
+    return 0;
+  }
+
+  static int text(MD_TEXTTYPE, const MD_CHAR* text, MD_SIZE size, void* self_) {
+    auto* self = static_cast<Collector*>(self_);
+    const std::size_t at = self->offset(text);
+    if (at == kNone || at + size > self->page.size()) return 0;
+    for (ParsedLink& link : self->open) {
+      if (link.first_text == kNone) link.first_text = at;
+      link.last_text_end = at + size;
+    }
+    self->last_text_end = at + size;
+    return 0;
+  }
+
+  static int block(MD_BLOCKTYPE, void*, void*) { return 0; }
+};
+
+// The links of `page` that CommonMark renders as links, in text order of their openers.
+std::vector<ParsedLink> parsed_links(std::string_view page) {
+  Collector collector{page, {}, {}, 0, 0};
+  if (page.size() > 0xffffffffu) throw std::length_error("page too large to parse");
+  MD_PARSER parser{};
+  parser.abi_version = 0;
+  parser.flags = 0;  // CommonMark: raw HTML is recognised, so links inside it are none
+  parser.enter_block = &Collector::block;
+  parser.leave_block = &Collector::block;
+  parser.enter_span = &Collector::enter_span;
+  parser.leave_span = &Collector::leave_span;
+  parser.text = &Collector::text;
+  if (md_parse(page.data(), static_cast<MD_SIZE>(page.size()), &parser, &collector) != 0) {
+    throw std::runtime_error("the markdown parser failed on a page");
+  }
+  return std::move(collector.links);
 }
 
-struct LinkMatch {
-  std::size_t begin = 0, end = 0;                    // the whole link
-  std::size_t path_begin = 0, path_end = 0;          // group 1
-  std::size_t fragment_begin = 0, fragment_end = 0;  // group 2
-  std::string_view first, last;                      // groups 3 and 4 (last empty for #Lx)
-};
-
-// Searches `subject` (whose bytes before `start` stay visible) for citation links.
-class Matcher {
- public:
-  explicit Matcher(std::string_view subject)
-      : subject_(subject), data_(pcre2_match_data_create_from_pattern(citation_code(), nullptr)) {
-    if (!data_) throw std::bad_alloc();
-  }
-
-  std::optional<LinkMatch> search(std::size_t start) {
-    const int rc = pcre2_match(citation_code(), reinterpret_cast<PCRE2_SPTR>(subject_.data()),
-                               subject_.size(), start, PCRE2_NO_UTF_CHECK, data_.get(), nullptr);
-    if (rc == PCRE2_ERROR_NOMATCH) return std::nullopt;
-    if (rc < 0) {
-      PCRE2_UCHAR message[256];
-      pcre2_get_error_message(rc, message, sizeof message);
-      throw std::runtime_error(std::string("citation search failed: ") +
-                               reinterpret_cast<const char*>(message));
-    }
-    const PCRE2_SIZE* v = pcre2_get_ovector_pointer(data_.get());
-    LinkMatch m;
-    m.begin = v[0], m.end = v[1];
-    m.path_begin = v[2], m.path_end = v[3];
-    m.fragment_begin = v[4], m.fragment_end = v[5];
-    m.first = subject_.substr(v[6], v[7] - v[6]);
-    if (rc > 4 && v[8] != PCRE2_UNSET) m.last = subject_.substr(v[8], v[9] - v[8]);
-    return m;
-  }
-
- private:
-  std::string_view subject_;
-  std::unique_ptr<pcre2_match_data, MatchDataDeleter> data_;
-};
-
-wiki::Line to_line(std::string_view digits) {
+// The digits of one line number: 1 to 18 of them, so that it fits a Line.
+std::optional<wiki::Line> line_number(std::string_view text, std::size_t& at) {
+  const std::size_t begin = at;
+  while (at < text.size() && at - begin < 19 && text[at] >= '0' && text[at] <= '9') ++at;
+  if (at == begin || at - begin > 18) return std::nullopt;
   wiki::Line value = 0;
-  std::from_chars(digits.data(), digits.data() + digits.size(), value);  // <= 18 digits fits
+  std::from_chars(text.data() + begin, text.data() + at, value);
   return value;
 }
 
-bool inside(const std::vector<ByteRange>& ranges, std::size_t byte) {
-  auto it = std::upper_bound(ranges.begin(), ranges.end(), byte,
-                             [](std::size_t b, const ByteRange& r) { return b < r.begin; });
-  return it != ranges.begin() && byte < std::prev(it)->end;
-}
-
-struct FoundCitation {
-  LinkMatch link;
-  wiki::CitationKey key;
+// A line fragment (after '#'): Lx, Lx-Ly, each line with an optional column (L4C1-L9C5).
+struct Fragment {
+  wiki::Line first = 0, last = 0;
+  std::string_view first_column, last_column;  // "C1", or empty
+  bool has_last = false;
 };
 
-// Every citation link of `text` outside code, in text order.
-void each_citation(std::string_view text, const std::function<void(const FoundCitation&)>& each) {
-  const std::vector<ByteRange> code = code_ranges(text);
-  Matcher matcher(text);
+std::optional<Fragment> parse_fragment(std::string_view text) {
+  Fragment f;
   std::size_t at = 0;
-  while (auto m = matcher.search(at)) {
-    // The link starts in code, or its target does (the "](" is in a code span): not a link.
-    const std::size_t target = m->path_begin - 2;
-    if (inside(code, m->begin) || inside(code, target)) {
-      at = m->begin + 1;  // '[' is one byte, so this is the next code point
-      continue;
+  auto part = [&](wiki::Line& line, std::string_view& column) {
+    if (at >= text.size() || text[at] != 'L') return false;
+    ++at;
+    const auto number = line_number(text, at);
+    if (!number) return false;
+    line = *number;
+    if (at < text.size() && text[at] == 'C') {
+      const std::size_t c = at++;
+      if (!line_number(text, at)) return false;
+      column = text.substr(c, at - c);
     }
-    FoundCitation found{*m, {}};
-    found.key.path =
-        percent_decode(text.substr(m->path_begin + 1, m->path_end - m->path_begin - 1));
-    found.key.start = to_line(m->first);
-    found.key.end = m->last.empty() ? found.key.start : to_line(m->last);
-    each(found);
-    at = m->end;
-  }
-}
-
-// Length of the run of `c` at `pos`.
-std::size_t run_length(std::string_view text, std::size_t pos, char c) {
-  std::size_t n = 0;
-  while (pos + n < text.size() && text[pos + n] == c) ++n;
-  return n;
-}
-
-std::size_t line_end(std::string_view text, std::size_t pos) {
-  const std::size_t nl = text.find('\n', pos);
-  return nl == std::string_view::npos ? text.size() : nl + 1;
-}
-
-bool blank(std::string_view line) {
-  return line.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
-
-// Where the paragraph holding byte `pos` ends: the start of the next blank line, or `end`.
-std::size_t paragraph_end(std::string_view text, std::size_t pos, std::size_t end) {
-  std::size_t line = line_end(text, pos);
-  while (line < end) {
-    const std::size_t after = std::min(line_end(text, line), end);
-    if (blank(text.substr(line, after - line))) return line;
-    line = after;
-  }
-  return end;
-}
-
-// The backtick runs of one paragraph by length, each length's starts in text order, with a
-// cursor past the starts already passed: finding each opener's closer costs, over the whole
-// paragraph, one look at each run. (Searching the rest of the paragraph for every opener would
-// take time in the square of a paragraph of runs that close nothing.)
-class BacktickRuns {
- public:
-  // The maximal runs of [begin, end).
-  void index(std::string_view text, std::size_t begin, std::size_t end) {
-    by_length_.clear();
-    for (std::size_t at = text.find('`', begin); at < end; at = text.find('`', at)) {
-      const std::size_t n = std::min(run_length(text, at, '`'), end - at);
-      by_length_[n].starts.push_back(at);
-      at += n;
-    }
-  }
-  // The end of the first run of exactly `n` backticks that starts at or after `from`, or npos.
-  // `from` never decreases between calls for the same `n`.
-  std::size_t closer(std::size_t n, std::size_t from) {
-    const auto it = by_length_.find(n);
-    if (it == by_length_.end()) return std::string_view::npos;
-    Starts& runs = it->second;
-    while (runs.next < runs.starts.size() && runs.starts[runs.next] < from) ++runs.next;
-    return runs.next < runs.starts.size() ? runs.starts[runs.next] + n : std::string_view::npos;
-  }
-
- private:
-  struct Starts {
-    std::vector<std::size_t> starts;
-    std::size_t next = 0;
+    return true;
   };
-  std::unordered_map<std::size_t, Starts> by_length_;
-};
+  if (!part(f.first, f.first_column)) return std::nullopt;
+  f.last = f.first;
+  if (at < text.size() && text[at] == '-') {
+    ++at;
+    if (!part(f.last, f.last_column)) return std::nullopt;
+    f.has_last = true;
+  }
+  if (at != text.size()) return std::nullopt;
+  return f;
+}
 
-// Adds the inline code spans of the prose bytes [begin, end) to `out`.
-void add_code_spans(std::string_view text, std::size_t begin, std::size_t end,
-                    std::vector<ByteRange>& out) {
-  std::size_t i = begin;
-  // Where the paragraph of the last run looked at ends: the runs after it in the same paragraph
-  // share it (each starts later, and the lines between it and the blank line stay non-blank).
-  std::size_t limit = begin;
-  BacktickRuns runs;
-  while (i < end) {
-    const std::size_t open = text.find('`', i);
-    if (open == std::string_view::npos || open >= end) return;
-    const std::size_t n = std::min(run_length(text, open, '`'), end - open);
-    if (open > begin && text[open - 1] == '\\') {  // an escaped backtick is literal
-      i = open + 1;
-      continue;
-    }
-    // The closer is the next run of exactly n backticks before the paragraph ends.
-    if (open >= limit) {
-      limit = paragraph_end(text, open, end);
-      runs.index(text, open + n, limit);
-    }
-    const std::size_t close = runs.closer(n, open + n);
-    if (close == std::string_view::npos) {
-      i = open + n;  // no closer: the run is literal text
-    } else {
-      out.push_back({open, close});
-      i = close;
+// The fragment `f` at new lines `first`..`last`, columns as written.
+std::string fragment_text(const Fragment& f, wiki::Line first, wiki::Line last) {
+  std::string out = "L" + std::to_string(first);
+  out += f.first_column;
+  if (last != first || !f.last_column.empty()) {
+    out += "-L" + std::to_string(last);
+    out += f.last_column;
+  }
+  return out;
+}
+
+std::vector<std::string> split(std::string_view path) {
+  std::vector<std::string> out;
+  std::size_t begin = 0;
+  while (true) {
+    const std::size_t slash = path.find('/', begin);
+    out.emplace_back(path.substr(begin, slash == kNone ? kNone : slash - begin));
+    if (slash == kNone) return out;
+    begin = slash + 1;
+  }
+}
+
+// `path` (decoded) from `folder`, made relative to the repository root and normalised; nullopt
+// when it leaves the repository or names nothing.
+std::optional<std::string> resolve(std::string_view path, std::string_view folder) {
+  std::vector<std::string> parts;
+  if (path.empty() || path[0] != '/') {
+    for (std::string& part : split(folder)) {
+      if (!part.empty()) parts.push_back(std::move(part));
     }
   }
+  for (std::string& part : split(path)) {
+    if (part.empty() || part == ".") continue;
+    if (part == "..") {
+      if (parts.empty()) return std::nullopt;
+      parts.pop_back();
+    } else {
+      parts.push_back(std::move(part));
+    }
+  }
+  if (parts.empty()) return std::nullopt;
+  std::string out;
+  for (const std::string& part : parts) out += (out.empty() ? "" : "/") + part;
+  return out;
+}
+
+// Whether a destination starts with a URI scheme ("https:", "mailto:").
+bool has_scheme(std::string_view dest) {
+  if (dest.empty() || !std::isalpha(static_cast<unsigned char>(dest[0]))) return false;
+  for (std::size_t i = 1; i < dest.size(); ++i) {
+    const char c = dest[i];
+    if (c == ':') return true;
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '+' && c != '.' && c != '-') {
+      return false;
+    }
+  }
+  return false;
+}
+
+// The last '[' in [from, to], or kNone.
+std::size_t opener(std::string_view page, std::size_t from, std::size_t to) {
+  if (to == kNone || to < from) return kNone;
+  for (std::size_t i = std::min(to, page.size() - 1) + 1; i-- > from;) {
+    if (page[i] == '[') return i;
+  }
+  return kNone;
+}
+
+// The '[' that the ']' at `close` closes, no earlier than `from` (brackets escaped with a
+// backslash do not count), or kNone.
+std::size_t matching_opener(std::string_view page, std::size_t from, std::size_t close) {
+  std::size_t depth = 0;
+  for (std::size_t i = close + 1; i-- > from;) {
+    const char c = page[i];
+    if (c != '[' && c != ']') continue;
+    std::size_t slashes = 0;
+    while (i > slashes && page[i - slashes - 1] == '\\') ++slashes;
+    if (slashes % 2 == 1) continue;
+    if (c == ']') {
+      ++depth;
+    } else if (--depth == 0) {
+      return i;
+    }
+  }
+  return kNone;
 }
 
 }  // namespace
-
-std::vector<ByteRange> code_ranges(std::string_view text) {
-  std::vector<ByteRange> out;
-  std::size_t prose_begin = 0, pos = 0;
-  while (pos < text.size()) {
-    const std::size_t next = line_end(text, pos);
-    const std::size_t indent = text.find_first_not_of(" \t", pos);
-    const char c = indent < next ? text[indent] : '\0';
-    const std::size_t fence = (c == '`' || c == '~') ? run_length(text, indent, c) : 0;
-    if (fence < 3 || (c == '`' && text.substr(indent + fence, next - indent - fence).find('`') !=
-                                      std::string_view::npos)) {
-      pos = next;  // not an opening fence (a backtick fence's info text holds no backtick)
-      continue;
-    }
-    add_code_spans(text, prose_begin, pos, out);
-    // The block runs to a line of at least `fence` of the same character and nothing else.
-    std::size_t block_end = text.size(), line = next;
-    while (line < text.size()) {
-      const std::size_t after = line_end(text, line);
-      const std::size_t first = text.find_first_not_of(" \t", line);
-      if (first < after) {
-        const std::size_t n = run_length(text, first, c);
-        if (n >= fence && blank(text.substr(first + n, after - first - n))) {
-          block_end = after;
-          break;
-        }
-      }
-      line = after;
-    }
-    out.push_back({pos, block_end});
-    prose_begin = pos = block_end;
-  }
-  add_code_spans(text, prose_begin, text.size(), out);
-  std::sort(out.begin(), out.end(),
-            [](const ByteRange& a, const ByteRange& b) { return a.begin < b.begin; });
-  return out;
-}
 
 std::string percent_decode(std::string_view path) {
   auto hex = [](char c) -> int {
@@ -275,23 +251,111 @@ std::string percent_decode(std::string_view path) {
   return out;
 }
 
+std::string page_folder(const fs::path& repo_root, const fs::path& page_file) {
+  const fs::path folder =
+      fs::absolute(page_file).lexically_normal().parent_path().lexically_relative(repo_root);
+  const std::string out = folder.generic_string();
+  return out == "." ? std::string() : out;
+}
+
+std::vector<WrittenCitation> written_citations(std::string_view page, std::string_view folder) {
+  std::vector<WrittenCitation> out;
+  const std::vector<ParsedLink> links = parsed_links(page);
+  out.reserve(links.size());
+  for (const ParsedLink& link : links) {
+    if (link.href == kNone || link.href_size == 0) continue;
+    const std::string_view dest = page.substr(link.href, link.href_size);
+    const std::size_t hash = dest.find('#');
+    if (hash == kNone || hash == 0) continue;
+    const std::string_view path = dest.substr(0, hash);
+    if (has_scheme(path) || path.starts_with("//") || path.find('?') != kNone) continue;
+    const auto fragment = parse_fragment(dest.substr(hash + 1));
+    if (!fragment) continue;
+    const auto resolved = resolve(percent_decode(path), folder);
+    if (!resolved) continue;
+
+    // What stands before the destination tells the form: "(" an inline link, ":" a definition.
+    std::size_t before = link.href;
+    if (before > 0 && page[before - 1] == '<') --before;
+    while (before > 0 && (page[before - 1] == ' ' || page[before - 1] == '\t' ||
+                          page[before - 1] == '\n' || page[before - 1] == '\r')) {
+      --before;
+    }
+    if (before == 0) continue;
+    WrittenCitation c;
+    c.path_begin = link.href;
+    c.path_end = link.href + hash;
+    c.fragment_begin = c.path_end + 1;
+    c.fragment_end = link.href + link.href_size;
+    c.key = {*resolved, fragment->first, fragment->last};
+    const std::size_t text_from = link.first_text != kNone ? link.first_text : kNone;
+    if (page[before - 1] == '(') {
+      // [text](dest "title"): the text's ']' stands just before the '('.
+      const std::size_t close = before - 2;
+      if (before < 2 || page[close] != ']') continue;
+      c.begin = matching_opener(page, link.before, close);
+      if (c.begin == kNone) {
+        c.begin = opener(page, link.before, text_from != kNone ? text_from - 1 : close);
+      }
+      if (c.begin == kNone) continue;
+      std::size_t after = c.fragment_end;
+      if (after < page.size() && page[after] == '>') ++after;
+      if (link.title_end != kNone) after = std::max(after, link.title_end);
+      const std::size_t paren = page.find(')', after);
+      c.end = paren == kNone ? page.size() : paren + 1;
+    } else if (page[before - 1] == ':') {
+      // A use of a definition: [text][label], [label][] or [label].
+      c.begin = text_from != kNone ? opener(page, link.before, text_from - 1) : kNone;
+      if (c.begin == kNone) c.begin = page.find('[', link.before);  // [][label]
+      if (c.begin == kNone) continue;
+      std::size_t close =
+          page.find(']', link.last_text_end != kNone ? link.last_text_end : c.begin + 1);
+      if (close != kNone && close + 1 < page.size() && page[close + 1] == '[') {
+        close = page.find(']', close + 1);
+      }
+      c.end = close == kNone ? page.size() : close + 1;
+    } else {
+      continue;
+    }
+    out.push_back(std::move(c));
+  }
+  // Links close in the order they open (a link holds no link), so the citations come sorted but
+  // where a link's opener was only guessed at (a reference's use without text of its own).
+  const auto by_begin = [](const WrittenCitation& a, const WrittenCitation& b) {
+    return a.begin < b.begin;
+  };
+  if (!std::is_sorted(out.begin(), out.end(), by_begin)) {
+    std::stable_sort(out.begin(), out.end(), by_begin);
+  }
+  return out;
+}
+
+const std::vector<WrittenCitation>& MarkdownCitationSyntax::citations(const wiki::Text& text) {
+  if (cached_id_ != text.id() || cached_folder_ != folder_) {
+    cached_ = written_citations(text.str(), folder_);
+    cached_id_ = text.id();
+    cached_folder_ = folder_;
+  }
+  return cached_;
+}
+
 void MarkdownCitationSyntax::find(const wiki::Text& text,
                                   const std::function<void(const wiki::Citation&)>& each) {
-  each_citation(text.str(), [&](const FoundCitation& found) {
-    each(wiki::Citation{found.key, text.point_at(found.link.begin)});
-  });
+  // A copy: `each` may call back into this syntax with another text.
+  const std::vector<WrittenCitation> found = citations(text);
+  for (const WrittenCitation& c : found) each(wiki::Citation{c.key, text.point_at(c.begin)});
 }
 
 std::optional<std::size_t> MarkdownCitationSyntax::last_end(const wiki::Text& text,
                                                             std::size_t start, std::size_t end) {
   if (start >= end) return std::nullopt;
-  const std::string_view subject = std::string_view(text.str()).substr(0, text.byte_at(end));
-  Matcher matcher(subject);
+  const std::size_t from = text.byte_at(start), to = text.byte_at(end);
+  const std::vector<WrittenCitation>& found = citations(text);
+  auto it = std::lower_bound(found.begin(), found.end(), from,
+                             [](const WrittenCitation& c, std::size_t b) { return c.begin < b; });
   std::optional<std::size_t> last;
-  std::size_t at = text.byte_at(start);
-  while (auto m = matcher.search(at)) {
-    last = m->end;
-    at = m->end;
+  for (; it != found.end() && it->begin < to; ++it) {
+    if (it->end <= to && (!last || it->end > *last)) last = it->end;
   }
   if (!last) return std::nullopt;
   return text.point_at(*last);
@@ -299,15 +363,54 @@ std::optional<std::size_t> MarkdownCitationSyntax::last_end(const wiki::Text& te
 
 namespace {
 
-// A repository path as a citation writes it: from the root, with %XX escapes for the bytes a
-// link's path cannot hold.
-std::string link_path(std::string_view path) {
-  std::string out = "/";
-  for (const char c : path) {
+// `text` with each citation for which `replace` gives new bytes from its path's or fragment's
+// start (through the fragment's end) so changed; a definition used many times is changed once.
+std::string replaced(
+    std::string_view text, const std::vector<WrittenCitation>& found,
+    const std::function<std::optional<std::pair<std::size_t, std::string>>(const WrittenCitation&)>&
+        replace) {
+  struct Edit {
+    std::size_t begin, end;
+    std::string bytes;
+  };
+  std::vector<Edit> edits;
+  std::vector<std::size_t> done;  // fragment ends already edited
+  for (const WrittenCitation& c : found) {
+    if (std::find(done.begin(), done.end(), c.fragment_end) != done.end()) continue;
+    auto edit = replace(c);
+    if (!edit) continue;
+    done.push_back(c.fragment_end);
+    edits.push_back({edit->first, c.fragment_end, std::move(edit->second)});
+  }
+  if (edits.empty()) return std::string(text);
+  std::sort(edits.begin(), edits.end(),
+            [](const Edit& a, const Edit& b) { return a.begin < b.begin; });
+  std::string out;
+  out.reserve(text.size() + 16);
+  std::size_t copied = 0;
+  for (const Edit& e : edits) {
+    out.append(text.substr(copied, e.begin - copied));
+    out += e.bytes;
+    copied = e.end;
+  }
+  out.append(text.substr(copied));
+  return out;
+}
+
+Fragment fragment_of(std::string_view text, const WrittenCitation& c) {
+  return *parse_fragment(text.substr(c.fragment_begin, c.fragment_end - c.fragment_begin));
+}
+
+// `segment` (a file or folder name) as a destination holds it: %XX for the bytes that would end
+// or change the destination (inside angle brackets, a space may stay).
+std::string encoded(std::string_view segment, bool angle) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (const char c : segment) {
     const auto byte = static_cast<unsigned char>(c);
-    if (byte <= ' ' || byte == 0x7f ||
-        std::string_view("()#`<>%").find(c) != std::string_view::npos) {
-      static constexpr char kHex[] = "0123456789ABCDEF";
+    const bool plain = angle ? byte != '\n' && byte != '\r' && byte >= ' '
+                             : byte > ' ' && std::string_view("()`").find(c) == kNone;
+    if (!plain || byte == 0x7f || std::string_view("#<>%?\\").find(c) != kNone) {
       out += '%';
       out += kHex[byte >> 4];
       out += kHex[byte & 15];
@@ -318,29 +421,63 @@ std::string link_path(std::string_view path) {
   return out;
 }
 
+// The destination path for `to` in the form `written` was written in: from the root when it
+// starts with '/', else from `folder` (with "./" kept); each name equal to the written one at its
+// place is written as it was.
+std::string rewritten_path(std::string_view written, const std::string& to, std::string_view folder,
+                           bool angle) {
+  std::vector<std::string> parts;
+  const bool root = written.starts_with("/");
+  if (root) {
+    parts.emplace_back();
+    for (std::string& part : split(to)) parts.push_back(std::move(part));
+  } else {
+    std::vector<std::string> from;
+    for (std::string& part : split(folder)) {
+      if (!part.empty()) from.push_back(std::move(part));
+    }
+    const std::vector<std::string> target = split(to);
+    std::size_t common = 0;
+    while (common < from.size() && common + 1 < target.size() && from[common] == target[common]) {
+      ++common;
+    }
+    if (written.starts_with("./")) parts.emplace_back(".");
+    for (std::size_t i = common; i < from.size(); ++i) parts.emplace_back("..");
+    for (std::size_t i = common; i < target.size(); ++i) parts.push_back(target[i]);
+  }
+  const std::vector<std::string> was = split(written);
+  std::string out;
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    if (i > 0) out += '/';
+    if (i < was.size() && percent_decode(was[i]) == parts[i]) {
+      out += was[i];
+    } else {
+      out += encoded(parts[i], angle);
+    }
+  }
+  return out;
+}
+
 }  // namespace
 
 std::string MarkdownCitationSyntax::rewrite(const wiki::Text& text, const wiki::Moves& moves) {
   const std::string& bytes = text.str();
   if (moves.empty()) return bytes;
-  std::string out;
-  out.reserve(bytes.size() + 16);
-  std::size_t copied = 0;
-  each_citation(bytes, [&](const FoundCitation& found) {
-    const wiki::Move* move = moves.find(found.key);
-    if (move == nullptr) return;
-    if (!move->path.empty() && move->path != found.key.path) {  // the path runs up to the fragment
-      out.append(bytes, copied, found.link.path_begin - copied);
-      out += link_path(move->path);
+  return replaced(bytes, citations(text), [&](const WrittenCitation& c) {
+    std::optional<std::pair<std::size_t, std::string>> edit;
+    const wiki::Move* move = moves.find(c.key);
+    if (move == nullptr) return edit;
+    const std::string lines = fragment_text(fragment_of(bytes, c), move->first, move->last);
+    if (move->path.empty() || move->path == c.key.path) {
+      edit.emplace(c.fragment_begin, lines);
     } else {
-      out.append(bytes, copied, found.link.fragment_begin - copied);
+      const bool angle = c.path_begin > 0 && bytes[c.path_begin - 1] == '<';
+      const std::string_view written =
+          std::string_view(bytes).substr(c.path_begin, c.path_end - c.path_begin);
+      edit.emplace(c.path_begin, rewritten_path(written, move->path, folder_, angle) + "#" + lines);
     }
-    out += "#L" + std::to_string(move->first);
-    if (move->last != move->first) out += "-L" + std::to_string(move->last);
-    copied = found.link.fragment_end;
+    return edit;
   });
-  out.append(bytes, copied, std::string::npos);
-  return out;
 }
 
 }  // namespace tolbarrow::hosts::native

@@ -1,8 +1,21 @@
-// Markdown citations: links whose target is a repository-root-relative path with a line fragment,
-// such as [the parser](/src/parse.py#L10-L12) or [main](/src/main.cc#L7).
+// Markdown citations: links whose destination names a file of the repository and a line
+// fragment, as CommonMark renders them (md4c parses the page):
+//
+//   [the parser](/src/parse.py#L10-L12)      from the repository root
+//   [the parser](../src/parse.py#L10-L12)    from the page's own folder ("./" and "../" too)
+//   [main](</src/my main.cc#L7> "title")     angle brackets, a title
+//   [a](/src/a.py#L4C1-L9C5)                 columns (kept as written when the lines move)
+//   [the parser][parse] ... [parse]: ../src/parse.py#L10-L12
+//                                            a reference: its definition is the citation
+//
+// Not citations: images, links in HTML (comments included), in code blocks (fenced or indented)
+// and in code spans, destinations with a scheme ("https:") or a query, relative paths that leave
+// the repository, and destinations written with backslash escapes or character references.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -16,36 +29,60 @@ namespace tolbarrow::hosts::native {
 
 namespace wiki = tolbarrow::workers::wiki;
 
-// A byte range [begin, end) of a page text.
-struct ByteRange {
-  std::size_t begin = 0;
-  std::size_t end = 0;
-};
-
-// The byte ranges of `text` that are code, in text order: fenced code blocks (``` and ~~~, from
-// the opening fence line through the closing one, or to the end of the text when unclosed) and
-// inline code spans (a run of n backticks up to the next run of exactly n backticks in the same
-// paragraph). A fence may be indented by any run of spaces and tabs, so that fences inside list
-// items count.
-std::vector<ByteRange> code_ranges(std::string_view text);
-
 // `path` with every %XX escape (two hexadecimal digits) replaced by its byte; a '%' that does not
 // start such an escape stays as it is.
 std::string percent_decode(std::string_view path);
 
+// The folder of `page_file` relative to `repo_root` ("" for the root itself, "docs/guide" for
+// docs/guide/a.md), the folder a page's relative links start from. Lexical: neither path is
+// resolved on disk.
+std::string page_folder(const std::filesystem::path& repo_root,
+                        const std::filesystem::path& page_file);
+
+// One citation as written on a page: byte offsets into the page text.
+struct WrittenCitation {
+  std::size_t begin = 0, end = 0;  // the link (for a reference, the use that cites)
+  // The path and the line fragment (after '#') as written, at the link's destination or, for a
+  // reference, at its definition.
+  std::size_t path_begin = 0, path_end = 0;
+  std::size_t fragment_begin = 0, fragment_end = 0;
+  wiki::CitationKey key;
+};
+
+// The citations of `text` whose relative links start from `folder` (relative to the repository
+// root), in text order. A reference definition used several times is one citation per use, all
+// with the definition's path and fragment.
+std::vector<WrittenCitation> written_citations(std::string_view text, std::string_view folder);
+
 class MarkdownCitationSyntax : public wiki::CitationSyntax {
  public:
-  // A citation's key is its percent-decoded path without the leading '/', and its lines (#L7 is
-  // lines 7 to 7). Links inside code are not citations.
+  // The folder (relative to the repository root, "" for the root) of the page whose text the next
+  // calls are given: its relative links start there.
+  void set_page_folder(std::string folder) { folder_ = std::move(folder); }
+  const std::string& page_folder() const { return folder_; }
+
+  // A citation's key is its percent-decoded path relative to the repository root, and its lines
+  // (#L7 is lines 7 to 7); its start is where its link (or reference) begins.
   void find(const wiki::Text& text,
             const std::function<void(const wiki::Citation&)>& each) override;
-  // A plain search for the citation pattern that does not look at code blocks or spans.
+  // The end of the last citation link lying wholly inside [start, end).
   std::optional<std::size_t> last_end(const wiki::Text& text, std::size_t start,
                                       std::size_t end) override;
-  // Rewrites only the line fragment of each moved citation: #Lx when its new range is one line,
-  // #Lx-Ly otherwise; and its path, for a move to another path (written with %XX escapes for the
-  // bytes a citation's path cannot hold). A path that stays is kept as written.
+  // Rewrites only the line numbers of each moved citation's fragment: #Lx when its new range is
+  // one line, #Lx-Ly otherwise; columns stay as written. A move to another path rewrites the path
+  // in the form it was written in (from the root or from the page's folder, each folder name that
+  // stays written as it was, new names %XX-escaped where a destination needs it); a path that
+  // stays is kept as written. Not one other byte changes.
   std::string rewrite(const wiki::Text& text, const wiki::Moves& moves) override;
+
+ private:
+  // The citations of `text` in the current folder; one page's, kept while the calls are about it.
+  const std::vector<WrittenCitation>& citations(const wiki::Text& text);
+
+  std::string folder_;
+  std::optional<std::uint64_t> cached_id_;
+  std::string cached_folder_;
+  std::vector<WrittenCitation> cached_;
 };
 
 }  // namespace tolbarrow::hosts::native

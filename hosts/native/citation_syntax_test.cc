@@ -69,15 +69,95 @@ INSTANTIATE_TEST_SUITE_P(
         FindCase{"spans_in_later_paragraphs",
                  "`a` `b\n\n`[x](/x.py#L1)` `c\n\nd `[y](/y.py#L1)` [z](/z.py#L2)",
                  {{"z.py", 2, 2, 46}}},
+        FindCase{"reference_without_text", "a [][p] b\n\n[p]: /a.py#L1\n", {{"a.py", 1, 1, 2}}},
         FindCase{"not_citations",
-                 "[a](a.py#L1) [b](/b.py) [c](https://x/c.py#L1) [d](/d.py#10) [e](/e.py#L1-5)",
+                 "[b](/b.py) [c](https://x/c.py#L1) [d](/d.py#10) [e](/e.py#L1-5) [f](../f.py#L1) "
+                 "[g](/g.py?x#L1) [h](//host/h.py#L1) [i](/i.py#L1x)",
                  {}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Each form a link is written in: what it cites from the page's folder, and the page after every
+// citation found moved ten lines down (the rewrite touches the line numbers only).
+struct FormCase {
+  const char* name;
+  std::string folder;
+  std::string text;
+  std::vector<Found> expected;
+  std::string moved;
+};
+
+void PrintTo(const FormCase& c, std::ostream* out) { *out << c.name; }
+
+class FormTest : public ::testing::TestWithParam<FormCase> {};
+
+TEST_P(FormTest, FindsAndRewritesEachForm) {
+  const FormCase& c = GetParam();
+  MarkdownCitationSyntax syntax;
+  syntax.set_page_folder(c.folder);
+  const Text text(c.text);
+  std::vector<Found> found;
+  wiki::Moves moves;
+  syntax.find(text, [&](const wiki::Citation& f) {
+    found.push_back({f.key.path, f.key.start, f.key.end, f.start});
+    moves.set(f.key, {f.key.start + 10, f.key.end + 10});
+  });
+  EXPECT_EQ(found, c.expected);
+  EXPECT_EQ(syntax.rewrite(text, moves), c.moved);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Syntax, FormTest,
+    ::testing::Values(
+        FormCase{"relative_from_the_page_folder",
+                 "docs/guide",
+                 "[a](../../src/a.py#L4-L9) [b](b.py#L4) [c](./c.py#L3) [d](/d.py#L1)",
+                 {{"src/a.py", 4, 9, 0},
+                  {"docs/guide/b.py", 4, 4, 26},
+                  {"docs/guide/c.py", 3, 3, 39},
+                  {"d.py", 1, 1, 54}},
+                 "[a](../../src/a.py#L14-L19) [b](b.py#L14) [c](./c.py#L13) [d](/d.py#L11)"},
+        FormCase{"relative_leaving_the_repository",
+                 "docs",
+                 "[a](../../a.py#L1) [b](../b.py#L2)",
+                 {{"b.py", 2, 2, 19}},
+                 "[a](../../a.py#L1) [b](../b.py#L12)"},
+        FormCase{
+            "reference_definition_is_the_citation",
+            "docs",
+            "See [the parser][parse], [parse][] and [parse].\n\n[parse]: ../src/p.py#L10-L12\n",
+            {{"src/p.py", 10, 12, 4}, {"src/p.py", 10, 12, 25}, {"src/p.py", 10, 12, 39}},
+            "See [the parser][parse], [parse][] and [parse].\n\n[parse]: ../src/p.py#L20-L22\n"},
+        FormCase{"unused_definition_is_none", "", "[x]: /a.py#L1\n", {}, "[x]: /a.py#L1\n"},
+        FormCase{"angle_brackets_title_escapes",
+                 "",
+                 "[a](</src/my file.py#L3> \"t\") [b](/src/a.py#L3 'x') [c](/my%20d/c.py#L5)",
+                 {{"src/my file.py", 3, 3, 0}, {"src/a.py", 3, 3, 30}, {"my d/c.py", 5, 5, 52}},
+                 "[a](</src/my file.py#L13> \"t\") [b](/src/a.py#L13 'x') [c](/my%20d/c.py#L15)"},
+        FormCase{"columns_kept",
+                 "",
+                 "[a](/a.py#L4C1-L9C5) [b](/b.py#L2C3)",
+                 {{"a.py", 4, 9, 0}, {"b.py", 2, 2, 21}},
+                 "[a](/a.py#L14C1-L19C5) [b](/b.py#L12C3)"},
+        FormCase{"emphasis_and_images_in_link_text",
+                 "",
+                 "**[*a*](/a.py#L1)** [![i](/i.png)](/b.py#L2)",
+                 {{"a.py", 1, 1, 2}, {"b.py", 2, 2, 20}},
+                 "**[*a*](/a.py#L11)** [![i](/i.png)](/b.py#L12)"},
+        FormCase{"not_rendered_as_links",
+                 "",
+                 "![i](/i.py#L1) <!-- [c](/c.py#L1) -->\n\n    [ind](/ind.py#L1)\n\n"
+                 "<div>\n[h](/h.py#L1)\n</div>\n\n[e](/a\\_b.py#L1) [k](/k.py#L1) ![a "
+                 "[l](/l.py#L1)](/i.png)",
+                 {{"k.py", 1, 1, 107}},
+                 "![i](/i.py#L1) <!-- [c](/c.py#L1) -->\n\n    [ind](/ind.py#L1)\n\n"
+                 "<div>\n[h](/h.py#L1)\n</div>\n\n[e](/a\\_b.py#L1) [k](/k.py#L11) ![a "
+                 "[l](/l.py#L1)](/i.png)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct RewriteCase {
   const char* name;
   std::string text;
-  std::vector<std::pair<CitationKey, wiki::Move>> moves;
+  std::vector<std::pair<CitationKey, wiki::LineRange>> moves;
   std::string expected;
 };
 
@@ -115,20 +195,56 @@ INSTANTIATE_TEST_SUITE_P(
                                   "```\n[f](/a.py#L1)\n```\n`[f](/a.py#L1)` [f](/a.py#L1)",
                                   {{{"a.py", 1, 1}, {3, 3}}},
                                   "```\n[f](/a.py#L1)\n```\n`[f](/a.py#L1)` [f](/a.py#L3)"},
-                      RewriteCase{"no_moves", "[f](/a.py#L1)\r\n", {}, "[f](/a.py#L1)\r\n"},
-                      RewriteCase{"path_and_lines",
-                                  "a [f](/a.py#L1-L2) b [g](/a.py#L5)\n",
-                                  {{{"a.py", 1, 2}, {3, 3, "src/b.py"}}},
-                                  "a [f](/src/b.py#L3) b [g](/a.py#L5)\n"},
-                      RewriteCase{"escaped_path_kept_when_only_lines_change",
-                                  "[f](/my%20d/a.py#L1) [g](/c.py#L2)",
-                                  {{{"my d/a.py", 1, 1}, {4, 6, "my d/a.py"}},
-                                   {{"c.py", 2, 2}, {2, 2, "c d(1)%.py"}}},
-                                  "[f](/my%20d/a.py#L4-L6) [g](/c%20d%281%29%25.py#L2)"},
-                      RewriteCase{"renamed_in_code_untouched",
-                                  "`[f](/a.py#L1)` [f](/a.py#L1)",
-                                  {{{"a.py", 1, 1}, {1, 1, "b.py"}}},
-                                  "`[f](/a.py#L1)` [f](/b.py#L1)"}),
+                      RewriteCase{"no_moves", "[f](/a.py#L1)\r\n", {}, "[f](/a.py#L1)\r\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct RetargetCase {
+  const char* name;
+  std::string text;
+  std::vector<std::pair<CitationKey, CitationKey>> targets;
+  std::string expected;
+  std::string folder = "";
+};
+
+void PrintTo(const RetargetCase& c, std::ostream* out) { *out << c.name; }
+
+class RetargetTest : public ::testing::TestWithParam<RetargetCase> {};
+
+// Moves to another path: the path is rewritten in the form it was written in.
+TEST_P(RetargetTest, ChangesOnlyTargetedPathsAndFragments) {
+  wiki::Moves moves;
+  for (const auto& [from, to] : GetParam().targets) moves.set(from, {to.start, to.end, to.path});
+  MarkdownCitationSyntax syntax;
+  syntax.set_page_folder(GetParam().folder);
+  EXPECT_EQ(syntax.rewrite(Text(GetParam().text), moves), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Syntax, RetargetTest,
+    ::testing::Values(RetargetCase{"path_and_lines",
+                                   "a [f](/a.py#L1-L2) b [g](/a.py#L5)\n",
+                                   {{{"a.py", 1, 2}, {"src/b.py", 3, 3}}},
+                                   "a [f](/src/b.py#L3) b [g](/a.py#L5)\n"},
+                      RetargetCase{"escaped_path_kept_when_only_lines_change",
+                                   "[f](/my%20d/a.py#L1) [g](/c.py#L2)",
+                                   {{{"my d/a.py", 1, 1}, {"my d/a.py", 4, 6}},
+                                    {{"c.py", 2, 2}, {"c d(1)%.py", 2, 2}}},
+                                   "[f](/my%20d/a.py#L4-L6) [g](/c%20d%281%29%25.py#L2)"},
+                      RetargetCase{"relative_stays_relative",
+                                   "[a](../src/a.py#L1) [b](./b.py#L2) [c](<../my%20d/c.py#L3>) "
+                                   "[d](../my%20d/d.py#L4)\n\n[r]: ../src/a.py#L1\n[r] [r]",
+                                   {{{"src/a.py", 1, 1}, {"lib/a2.py", 5, 5}},
+                                    {{"docs/b.py", 2, 2}, {"docs/sub/b b.py", 2, 2}},
+                                    {{"my d/c.py", 3, 3}, {"my d/c c.py", 3, 3}},
+                                    {{"my d/d.py", 4, 4}, {"my d/e e.py", 4, 4}}},
+                                   "[a](../lib/a2.py#L5) [b](./sub/b%20b.py#L2) "
+                                   "[c](<../my%20d/c c.py#L3>) [d](../my%20d/e%20e.py#L4)\n\n"
+                                   "[r]: ../lib/a2.py#L5\n[r] [r]",
+                                   "docs"},
+                      RetargetCase{"code_untouched",
+                                   "`[f](/a.py#L1)` [f](/a.py#L1)",
+                                   {{{"a.py", 1, 1}, {"b.py", 1, 1}}},
+                                   "`[f](/a.py#L1)` [f](/b.py#L1)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct LastEndCase {
@@ -154,7 +270,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(LastEndCase{"last_of_two", "[a](/a.py#L1) [b](/b.py#L2) x", 0, 29, 27},
                       LastEndCase{"end_cuts_second", "[a](/a.py#L1) [b](/b.py#L2) x", 0, 26, 13},
                       LastEndCase{"start_skips_first", "[a](/a.py#L1) x", 1, 15, std::nullopt},
-                      LastEndCase{"code_counts", "`[a](/a.py#L1)`", 0, 15, 14},
+                      LastEndCase{"code_does_not_count", "`[a](/a.py#L1)`", 0, 15, std::nullopt},
+                      LastEndCase{"title_and_reference_use",
+                                  "[a](/a.py#L1 \"t)\") [b] x\n\n[b]: /b.py#L2", 0, 24, 22},
                       LastEndCase{"points_not_bytes", "日本[a](/a.py#L1)", 0, 15, 15},
                       LastEndCase{"empty_bounds", "[a](/a.py#L1)", 5, 5, std::nullopt}),
     [](const auto& info) { return std::string(info.param.name); });

@@ -122,7 +122,7 @@ bool names_symbol(std::string_view name, const wiki::Symbol& symbol, std::string
 
 }  // namespace detail
 
-FirstSightStats anchor_first_sight(SqliteStore& store, wiki::CitationSyntax& syntax,
+FirstSightStats anchor_first_sight(SqliteStore& store, MarkdownCitationSyntax& syntax,
                                    wiki::Anchoring& anchoring, const std::string& branch,
                                    const fs::path& wiki_dir) {
   FirstSightStats stats;
@@ -142,6 +142,7 @@ FirstSightStats anchor_first_sight(SqliteStore& store, wiki::CitationSyntax& syn
       return;  // gone since the sync: the refresh reports it
     }
     const wiki::Text text(std::move(bytes), (wiki_dir / page.rel_path).string());
+    syntax.set_page_folder(page_folder(store.repo_root(), wiki_dir / page.rel_path));
     std::vector<wiki::Citation> cited;
     syntax.find(text, [&](const wiki::Citation& c) { cited.push_back(c); });
 

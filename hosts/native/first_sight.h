@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "hosts/native/citation_syntax.h"
 #include "hosts/native/store.h"
 #include "workers/wiki/verify.h"
 
@@ -48,7 +49,7 @@ bool names_symbol(std::string_view name, const wiki::Symbol& symbol, std::string
 // declarations of the file and none of them holds the lines, the citation is anchored all the
 // same and listed in `misnamed` (the name nearest the link, and where that declaration is).
 // Pages are read from `wiki_dir`; the records that change are stored in one transaction.
-FirstSightStats anchor_first_sight(SqliteStore& store, wiki::CitationSyntax& syntax,
+FirstSightStats anchor_first_sight(SqliteStore& store, MarkdownCitationSyntax& syntax,
                                    wiki::Anchoring& anchoring, const std::string& branch,
                                    const std::filesystem::path& wiki_dir);
 

@@ -448,7 +448,7 @@ bool Indexer::parsed(const std::string& path, std::int64_t size) const {
   const std::string ending = fs::path(path).extension().string();  // as ctags maps them
   if (ending != ".md" && ending != ".markdown") return true;
   const bool page =
-      ending == ".md" && !wiki_dir_.empty() &&
+      !wiki_dir_.empty() &&
       (wiki_dir_ == "." || (path.size() > wiki_dir_.size() && path[wiki_dir_.size()] == '/' &&
                             path.compare(0, wiki_dir_.size(), wiki_dir_) == 0));
   return !page && size <= kMarkdownParseLimit;

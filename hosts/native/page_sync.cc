@@ -73,7 +73,7 @@ std::string escaped(std::string_view bytes) {
   return out;
 }
 
-// The page files under `wiki_dir`: path relative to it -> file. A `*.md` symbolic link is a page
+// The page files under `wiki_dir`: path relative to it -> file. A page's symbolic link is a page
 // when it leads to a regular file inside the repository but outside the wiki directory; one that
 // leads to a file inside the wiki directory is that file's page under another name, refreshed
 // (once) as that file, and no page of its own; one that loops, dangles or leads elsewhere is
@@ -86,6 +86,15 @@ bool temporary_name(std::string_view name) {
          tmp + 5 < name.size() &&
          name.find_first_not_of("0123456789", tmp + 5) == std::string_view::npos;
 }
+
+}  // namespace
+
+bool page_file_name(const fs::path& file) {
+  const fs::path ending = file.extension();
+  return ending == ".md" || ending == ".markdown" || ending == ".mdx";
+}
+
+namespace {
 
 std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::path& repo_root,
                                            std::vector<std::string>& skipped,
@@ -105,7 +114,7 @@ std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::p
       continue;
     }
     if (!link && temporary_name(name)) leftovers.push_back(it->path());
-    if (it->path().extension() != ".md") continue;
+    if (!page_file_name(it->path())) continue;
     const std::string rel = it->path().lexically_relative(wiki_dir).generic_string();
     if (wiki::first_invalid_utf8(rel) != std::string::npos) {
       skipped.push_back(escaped(it->path().string()) +
@@ -135,7 +144,7 @@ std::map<std::string, PageFile> page_files(const fs::path& wiki_dir, const fs::p
 
 }  // namespace
 
-SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std::string& branch,
+SyncStats sync_pages(SqliteStore& store, MarkdownCitationSyntax& syntax, const std::string& branch,
                      const fs::path& wiki_dir) {
   // A page whose path and content hash are as stored has the records of its text: only the
   // others' records are read.
@@ -165,7 +174,8 @@ SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std
     struct stat before;
     const bool stated = !page_file.link && wiki_in_root && ::stat(file.c_str(), &before) == 0;
     std::string bytes = read_bytes(file);
-    Found found{rel.substr(0, rel.size() - 3), rel, sha256_hex(bytes), {}};
+    const bool md = rel.ends_with(".md");
+    Found found{md ? rel.substr(0, rel.size() - 3) : rel, rel, sha256_hex(bytes), {}};
     if (stated) {
       const std::string path = (*wiki_in_root / rel).lexically_normal().generic_string();
       stats.read.emplace(path,
@@ -179,6 +189,9 @@ SyncStats sync_pages(SqliteStore& store, wiki::CitationSyntax& syntax, const std
                                       before.st_ctim.tv_nsec});
     }
     const wiki::Text text(std::move(bytes), file.string());
+    syntax.set_page_folder(
+        wiki_in_root ? (*wiki_in_root / rel).lexically_normal().parent_path().generic_string()
+                     : page_folder(store.repo_root(), wiki_dir / rel));
     // Each key once: a page's few are compared in place, a long page's hashed.
     constexpr std::size_t kCompared = 32;
     std::unordered_set<wiki::CitationKey, wiki::CitationKeyHash> in_text;

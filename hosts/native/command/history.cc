@@ -9,7 +9,6 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "hosts/native/citation_syntax.h"
 #include "hosts/native/command/anchors.h"
 #include "hosts/native/command/run.h"
 #include "hosts/native/process.h"

@@ -15,8 +15,10 @@ namespace {
 namespace command = tolbarrow::hosts::native::command;
 
 constexpr const char* kDescription =
-    "Keeps the code citations of a repository's markdown docs, links such as\n"
-    "[parse](/src/parse.py#L10-L12), pointing at the declarations they cite.\n"
+    "Keeps the code citations of a repository's markdown docs (*.md, *.markdown,\n"
+    "*.mdx), links such as [parse](/src/parse.py#L10-L12) from the repository root or\n"
+    "[parse](../src/parse.py#L10) from the page's folder (inline or by reference),\n"
+    "pointing at the declarations they cite.\n"
     "\n"
     "Each run reads the pages of the wiki directory, indexes the repository with\n"
     "universal-ctags, moves every citation whose declaration moved, and reports the\n"

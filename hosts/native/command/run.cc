@@ -208,7 +208,7 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
     if (path.filename() == "digests.json" && !files_.is_file(path)) return;
     flush();
     wrote_ = true;
-    if (path.extension() == ".md") {
+    if (page_file_name(path)) {
       pending_.emplace(path, std::string(content));
     } else {
       files_.atomic_write(path, content);
@@ -571,13 +571,14 @@ Outcome run(const Options& options) {
   native.file_system.allow(place.wiki);
   CountingFileSystem counted(native.file_system, progress);
   StoreBeforePages ordered(counted, *store);
+  PageFolders pages(ordered, native.syntax, place.root);
   const std::shared_ptr<spdlog::logger> log = make_refresh_log(options.quiet);
   TextLandingCheck landing(place.root);
   landing.refuse(std::move(carried.gone));
   const cr::Host host{.syntax = native.syntax,
                       .anchoring = native.anchoring,
                       .ranges = native.ranges,
-                      .file_system = ordered,
+                      .file_system = pages,
                       .locks = native.locks,
                       .logger = log,
                       .landing = &landing,
