@@ -87,6 +87,8 @@ def key_of(tag):
     """A declaration's qualified name as the truth finds it: scope and name (and a macro body's
     arguments). ctags numbers anonymous namespaces: the number is left out."""
     scope = re.sub(r"__anon[0-9a-f]+", "__anon", tag.get("scope", ""))
+    # A test stays the test when TEST becomes TEST_F, and so does what it declares.
+    scope = re.sub(r"\b(TYPED_|GTEST_)?TEST(_F|_P)?\b", "TEST", scope)
     if not macro(tag):
         return (scope, tag["name"])
     # A test stays the test when TEST becomes TEST_F: suite and name are its identity.
