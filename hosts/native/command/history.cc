@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <regex>
 #include <set>
 #include <unordered_map>
@@ -432,21 +431,20 @@ std::optional<wiki::LineRange> find_text(std::string_view content, const std::st
 
 namespace {
 
-// `fqn` without its parameter list, each anonymous namespace's generated name read as "__anon".
+// `fqn` without its parameter list, each anonymous namespace's generated name read as "__anon",
+// and a test macro's name in a scope (what a test body declares) read as "TEST": the body stays the
+// test's when TEST becomes TEST_F.
 std::string signature_free(std::string_view fqn) {
   fqn = fqn.substr(0, std::min(fqn.find('('), fqn.size()));
+  static const std::regex generated(R"(__anon[0-9a-fA-F]*|\b(TYPED_|GTEST_)?TEST(_F|_P)?::)");
   std::string out;
-  static constexpr std::string_view kAnon = "__anon";
-  for (std::size_t at = 0; at < fqn.size();) {
-    const std::size_t anon = fqn.find(kAnon, at);
-    if (anon == std::string_view::npos) {
-      out += fqn.substr(at);
-      break;
-    }
-    out += fqn.substr(at, anon + kAnon.size() - at);
-    at = anon + kAnon.size();
-    while (at < fqn.size() && std::isxdigit(static_cast<unsigned char>(fqn[at]))) ++at;
+  auto at = fqn.begin();
+  for (std::cregex_iterator it(fqn.begin(), fqn.end(), generated), end; it != end; ++it) {
+    out.append(at, (*it)[0].first);
+    out += (*it)[0].str().starts_with("__anon") ? "__anon" : "TEST::";
+    at = (*it)[0].second;
   }
+  out.append(at, fqn.end());
   return out;
 }
 

@@ -234,7 +234,8 @@ std::optional<wiki::LineRange> find_text(std::string_view content, const std::st
 // Whether two qualified names name one declaration whose signature changed: equal once the
 // parameter list is left out (C++ functions carry their parameter types) and an anonymous
 // namespace's generated name ("__anon" and hex digits, which depend on the file's path and on how
-// many anonymous scopes come before it) is read as "__anon".
+// many anonymous scopes come before it) is read as "__anon", and a test macro named in a scope
+// (TEST_F, TEST_P: a class declared in a test's body) as TEST.
 bool same_but_signature(std::string_view a, std::string_view b);
 
 // The declaration among `symbols` that the one named `fqn` became when its qualified name changed
