@@ -437,7 +437,8 @@ def run_pair(program, mirror, repo, label, back, days, count, seed, tmp):
             return False
         if sharing[(c.page, got)] == 1:
             return True
-        own = {c.tag["name"], *re.findall(r"[~\w]+", c.prose)}
+        # Its own name: the last of the prose's (`Cache::~Cache` is `~Cache`, not `Cache`).
+        own = {c.tag["name"], *re.findall(r"[~\w]+", c.prose)[-1:]}
         return any(n in own for n in names)
 
     cmd, base = Score(), Score()
