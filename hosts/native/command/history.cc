@@ -456,11 +456,17 @@ bool same_but_signature(std::string_view a, std::string_view b) {
 
 const wiki::Symbol* renamed_in_signature(const std::vector<wiki::Symbol>& symbols,
                                          std::string_view fqn) {
+  if (std::any_of(symbols.begin(), symbols.end(),
+                  [&](const wiki::Symbol& s) { return s.fqn == fqn; })) {
+    return nullptr;
+  }
+  // Only declarations of its simple name are compared in full.
+  std::string_view name = fqn.substr(0, std::min(fqn.find('('), fqn.size()));
+  name.remove_prefix(std::min(name.size(), name.find_last_of(":.") + 1));
   const std::string key = signature_free(fqn);
   const wiki::Symbol* out = nullptr;
   for (const wiki::Symbol& s : symbols) {
-    if (s.fqn == fqn) return nullptr;
-    if (signature_free(s.fqn) != key) continue;
+    if (s.name != name || signature_free(s.fqn) != key) continue;
     if (out != nullptr) return nullptr;
     out = &s;
   }

@@ -81,13 +81,15 @@ TEST(History, FollowsADeclarationWhoseSignatureChanged) {
   for (const auto& n : names) {
     EXPECT_EQ(detail::same_but_signature(n.a, n.b), n.same) << n.a << " / " << n.b;
   }
-  auto symbol = [](std::string fqn) {
+  auto symbol = [](std::string fqn, std::string name) {
     wiki::Symbol s;
     s.fqn = std::move(fqn);
+    s.name = std::move(name);
     return s;
   };
-  const std::vector<wiki::Symbol> one = {symbol("A"), symbol("A::A(long)"), symbol("g(int)")},
-                                  two = {symbol("f(long)"), symbol("f(double)")};
+  const std::vector<wiki::Symbol> one = {symbol("A", "A"), symbol("A::A(long)", "A"),
+                                         symbol("g(int)", "g")},
+                                  two = {symbol("f(long)", "f"), symbol("f(double)", "f")};
   EXPECT_EQ(detail::renamed_in_signature(one, "A::A(int)"), &one[1]);
   EXPECT_EQ(detail::renamed_in_signature(one, "A::A(long)"), nullptr);  // it is there itself
   EXPECT_EQ(detail::renamed_in_signature(two, "f(int)"), nullptr);      // which of two?
