@@ -87,6 +87,8 @@ def key_of(tag):
     """A declaration's qualified name as the truth finds it: scope and name (and a macro body's
     arguments). ctags numbers anonymous namespaces: the number is left out."""
     scope = re.sub(r"__anon[0-9a-f]+", "__anon", tag.get("scope", ""))
+    # A test stays the test when TEST becomes TEST_F, and so does what it declares.
+    scope = re.sub(r"\b(TYPED_|GTEST_)?TEST(_F|_P)?\b", "TEST", scope)
     if not macro(tag):
         return (scope, tag["name"])
     # A test stays the test when TEST becomes TEST_F: suite and name are its identity.
@@ -420,15 +422,31 @@ def run_pair(program, mirror, repo, label, back, days, count, seed, tmp):
     agrees = ({k: check.get(k) for k in same} == {k: result.get(k) for k in same}
               and sum(check.get("moved", {}).values()) == result.get("repaired"))
     # A citation of a file no longer there is reported as missing: a report all the same.
-    lost = {(x["page_id"], x["lines"]) for x in result["lost"] + result["missing"]}
+    lost = collections.defaultdict(list)  # (page, lines) -> the names the reports give
+    for x in result["lost"] + result["missing"]:
+        lost[(x["page_id"], x["lines"])].append(x.get("name", ""))
     links = read_links(root, cites)
+    sharing = collections.Counter((c.page, links[c]) for c in cites if links[c])
+
+    def reported(c, got):
+        """Whether the citation `c`, whose link is `got` now, was reported lost. A report gives
+        the page and the lines; where several citations of the page now have those lines (one
+        moved onto the lines another, lost, keeps), the name it gives tells whose it is."""
+        names = got is not None and lost.get((c.page, f"L{got[1]}-L{got[2]}"))
+        if not names:
+            return False
+        if sharing[(c.page, got)] == 1:
+            return True
+        # Its own name: the last of the prose's (`Cache::~Cache` is `~Cache`, not `Cache`).
+        own = {c.tag["name"], *re.findall(r"[~\w]+", c.prose)[-1:]}
+        return any(n in own for n in names)
 
     cmd, base = Score(), Score()
     outcomes = collections.defaultdict(list)
     maps = {}
     for c in cites:
         got = links[c]
-        was_lost = got is not None and (c.page, f"L{got[1]}-L{got[2]}") in lost
+        was_lost = reported(c, got)
         verdict = cmd.judge(c, got, was_lost, got is None)
         if got is None:
             verdict = "dropped from the page"
@@ -457,6 +475,8 @@ def run_pair(program, mirror, repo, label, back, days, count, seed, tmp):
             "first_run_lost": len(first["lost"]),
             # Prose naming other code on correct pages: false alarms.
             "first_run_misnamed": len(first.get("misnamed", [])),
+            # Links that another citation of the same page has too after the run.
+            "shared_links": sum(n for n in sharing.values() if n > 1),
             "check_agrees": agrees, "check_exit": check_exit, "seconds": round(seconds, 1),
             "command": cmd, "git_diff": base, "outcomes": outcomes}
 
@@ -536,6 +556,7 @@ def main():
               f"({r['command'].n['by_file_exact']} exact, git diff "
               f"{r['git_diff'].n['by_file_exact']}); --check "
               f"{'told' if r['check_agrees'] else 'did NOT tell'} what the writing run did; "
+              f"{r['shared_links']} citations share their link with another of the page; "
               f"{r['seconds']} s")
         for e in r["first_run_moved_examples"][:args.examples]:
             print(f"    moved on first sight: {e}")

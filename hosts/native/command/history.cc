@@ -360,6 +360,50 @@ std::optional<wiki::LineRange> find_text(std::string_view content, const std::st
   return best;
 }
 
+namespace {
+
+// `fqn` without its parameter list, each anonymous namespace's generated name read as "__anon",
+// and a test macro's name in a scope (what a test body declares) read as "TEST": the body stays the
+// test's when TEST becomes TEST_F.
+std::string signature_free(std::string_view fqn) {
+  fqn = fqn.substr(0, std::min(fqn.find('('), fqn.size()));
+  static const std::regex generated(R"(__anon[0-9a-fA-F]*|\b(TYPED_|GTEST_)?TEST(_F|_P)?::)");
+  std::string out;
+  auto at = fqn.begin();
+  for (std::cregex_iterator it(fqn.begin(), fqn.end(), generated), end; it != end; ++it) {
+    out.append(at, (*it)[0].first);
+    out += (*it)[0].str().starts_with("__anon") ? "__anon" : "TEST::";
+    at = (*it)[0].second;
+  }
+  out.append(at, fqn.end());
+  return out;
+}
+
+}  // namespace
+
+bool same_but_signature(std::string_view a, std::string_view b) {
+  return signature_free(a) == signature_free(b);
+}
+
+const wiki::Symbol* renamed_in_signature(const std::vector<wiki::Symbol>& symbols,
+                                         std::string_view fqn) {
+  if (std::any_of(symbols.begin(), symbols.end(),
+                  [&](const wiki::Symbol& s) { return s.fqn == fqn; })) {
+    return nullptr;
+  }
+  // Only declarations of its simple name are compared in full.
+  std::string_view name = fqn.substr(0, std::min(fqn.find('('), fqn.size()));
+  name.remove_prefix(std::min(name.size(), name.find_last_of(":.") + 1));
+  const std::string key = signature_free(fqn);
+  const wiki::Symbol* out = nullptr;
+  for (const wiki::Symbol& s : symbols) {
+    if (s.name != name || signature_free(s.fqn) != key) continue;
+    if (out != nullptr) return nullptr;
+    out = &s;
+  }
+  return out;
+}
+
 }  // namespace detail
 
 std::string wiki_in(const fs::path& root, const fs::path& wiki_dir) {
@@ -719,6 +763,33 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     return out;
   };
 
+  // The declaration a record's declaration became when only its signature changed, unless git
+  // says it stood outside the cited declaration when the citation was placed (its first line git
+  // says is unchanged stood there; a changed signature line tells nothing).
+  auto stood_at = [&](const wiki::Record& record, const std::string& path,
+                      const wiki::Symbol& symbol) {
+    std::optional<wiki::Line> was;
+    if (auto diffed = maps.find({blob_of(record), path}); diffed != maps.end()) {
+      for (wiki::Line n = symbol.start_line; !was && n <= symbol.end_line; ++n) {
+        was = diffed->second.map.old_of(n);
+      }
+    } else if (blob_of(record) == blob_now(path)) {
+      was = symbol.start_line;  // the file as it was: nothing moved
+    }
+    return was;
+  };
+  auto renamed = [&](const wiki::Record& record, const std::string& path) {
+    const wiki::Symbol* same =
+        renamed_in_signature(symbols(path), record.at("symbol").get_ref<const std::string&>());
+    if (same == nullptr) return same;
+    if (const auto was = stood_at(record, path, *same)) {
+      const wiki::Line start = record.value("symbol_start", wiki::Line{0}),
+                       end = record.value("symbol_end", wiki::Line{0});
+      if (was && (*was < start || *was > end)) return static_cast<const wiki::Symbol*>(nullptr);
+    }
+    return same;
+  };
+
   // A carried citation inside its declaration takes the declaration's lines now, so that the
   // refresh, which keeps a citation's offset from its declaration's first line, leaves it where
   // the carrying put it.
@@ -742,21 +813,39 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       if (!key || !now[key->path]) continue;
       const std::string& path = *now[key->path];
       std::optional<wiki::Record> next;
+      bool carried_lines = false;
       if (anchored(record)) {
+        // A declaration whose qualified name changed only in its signature is followed under the
+        // name it has now, so that the refresh finds it by that name.
+        const wiki::Symbol* same = renamed(record, path);
+        wiki::Record as_named;
+        if (same != nullptr) (as_named = record)["symbol"] = same->fqn;
+        const wiki::Record& source = same != nullptr ? as_named : record;
         if (auto diffed = maps.find({blob_of(record), path}); diffed != maps.end()) {
-          next = translated(record, diffed->second.map);
+          next = translated(source, diffed->second.map);
           if (auto in = carried_inside.find({p, i}); !next && in != carried_inside.end()) {
             next = in->second;
+            if (same != nullptr) (*next)["symbol"] = same->fqn;
           }
         }
-        if (!next) next = by_text(record, path);
-        if (next) rebase(*next, path);
+        if (!next) next = by_text(source, path);
+        carried_lines = next.has_value();
+        if (next) {
+          rebase(*next, path);
+        } else if (same != nullptr) {
+          next = as_named;
+        }
       }
       if (path != key->path) {
         if (!next) next = record;
         (*next)["path"] = path;
       }
-      if (next && *next != record) {
+      if (next && *next != record && !carried_lines && !blob_of(record).empty() &&
+          blob_of(record) != blob_now(path)) {
+        // Its file changed and its lines not carried: it keeps what it was placed against, for
+        // the refresh to check its landing against.
+        proposed[i] = std::move(next);
+      } else if (next && *next != record) {
         // Placed anew: against the file now, with the text of its lines now.
         const auto to_key = key_of(*next);
         const std::optional<std::string>& content = content_of(path);
@@ -773,8 +862,9 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       }
     }
     // A declaration gone (none has its qualified name now) is lost rather than lent the place of
-    // another of its name: one that stood elsewhere when the citation was placed (git says its
-    // first line is unchanged since), or one of several of that name, none of them known to be it.
+    // another of its name: one that stood elsewhere when the citation was placed (the first of its
+    // lines git says is unchanged since stood there), or one of several of that name, none of them
+    // known to be it.
     for (std::size_t i = 0; i < page.citations.size(); ++i) {
       const wiki::Record& record = proposed[i] ? *proposed[i] : page.citations[i];
       const wiki::Record& placed_against = page.citations[i];
@@ -784,7 +874,8 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       const std::string fqn = placed_against["symbol"].get<std::string>();
       const std::vector<wiki::Symbol>& file_symbols = symbols(path);
       if (std::any_of(file_symbols.begin(), file_symbols.end(),
-                      [&](const wiki::Symbol& s) { return s.fqn == fqn; })) {
+                      [&](const wiki::Symbol& s) { return s.fqn == fqn; }) ||
+          renamed(placed_against, path) != nullptr) {
         continue;
       }
       const wiki::Symbol* other = cr::detail::find_again(file_symbols, record);
@@ -793,12 +884,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
       for (const wiki::Symbol& s : file_symbols) {
         if (s.name == other->name) namesakes.insert(s.fqn);
       }
-      std::optional<wiki::Line> was;
-      if (auto diffed = maps.find({blob_of(placed_against), path}); diffed != maps.end()) {
-        was = diffed->second.map.old_of(other->start_line);
-      } else if (blob_of(placed_against) == blob_now(path)) {
-        was = other->start_line;  // the file as it was: nothing moved
-      }
+      const std::optional<wiki::Line> was = stood_at(placed_against, path, *other);
       const wiki::Line old_start = as_line(placed_against["symbol_start"]),
                        old_end = as_line(placed_against["symbol_end"]);
       std::string why;

@@ -203,6 +203,19 @@ std::optional<wiki::Record> within_declaration(const wiki::Record& record, const
 std::optional<wiki::LineRange> find_text(std::string_view content, const std::string& text,
                                          wiki::Line count, wiki::LineRange within, wiki::Line near);
 
+// Whether two qualified names name one declaration whose signature changed: equal once the
+// parameter list is left out (C++ functions carry their parameter types) and an anonymous
+// namespace's generated name ("__anon" and hex digits, which depend on the file's path and on how
+// many anonymous scopes come before it) is read as "__anon", and a test macro named in a scope
+// (TEST_F, TEST_P: a class declared in a test's body) as TEST.
+bool same_but_signature(std::string_view a, std::string_view b);
+
+// The declaration among `symbols` that the one named `fqn` became when its qualified name changed
+// only in its signature (same_but_signature): the only one so named. Null when one has `fqn`
+// itself, or none or several are so named.
+const wiki::Symbol* renamed_in_signature(const std::vector<wiki::Symbol>& symbols,
+                                         std::string_view fqn);
+
 }  // namespace detail
 
 }  // namespace tolbarrow::hosts::native::command

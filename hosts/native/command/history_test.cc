@@ -56,6 +56,46 @@ TEST(History, FindsTheCitedTextNearestItsLanding) {
   EXPECT_EQ(detail::find_text(file, "", 1, {1, 7}, 1), std::nullopt);
 }
 
+// A qualified name that changed only in its parameter types, or in the name the index generates
+// for an anonymous namespace, names the declaration it was: when that declaration is the only one
+// so named, and none has the old name itself.
+TEST(History, FollowsADeclarationWhoseSignatureChanged) {
+  const struct {
+    const char* a;
+    const char* b;
+    bool same;
+  } names[] = {
+      {"f(int)", "f(long)", true},
+      {"ns::A::A(const std::string&,FILE*)", "ns::A::A(const std::string&)", true},
+      {"leveldb::__anon46bacdd30111::Stats::Add(int)",
+       "leveldb::__anon008c292b0111::Stats::Add(int)", true},
+      {"__anon1a::S::f()", "__anon2b::T::f()", false},
+      {"ns::TEST::Cmp::Compare(int) const", "ns::TEST_F::Cmp::Compare(int) const override", true},
+      {"ns::TEST::Cmp::Compare(int)", "ns::TEST_F::Other::Compare(int)", false},
+      {"ns::LATEST::f()", "ns::LATEST_F::f()", false},
+      {"A::f(int)", "B::f(int)", false},
+      {"f", "g", false},
+      {"A.run", "A.run", true},
+      {"A.run", "A.runner", false},
+  };
+  for (const auto& n : names) {
+    EXPECT_EQ(detail::same_but_signature(n.a, n.b), n.same) << n.a << " / " << n.b;
+  }
+  auto symbol = [](std::string fqn, std::string name) {
+    wiki::Symbol s;
+    s.fqn = std::move(fqn);
+    s.name = std::move(name);
+    return s;
+  };
+  const std::vector<wiki::Symbol> one = {symbol("A", "A"), symbol("A::A(long)", "A"),
+                                         symbol("g(int)", "g")},
+                                  two = {symbol("f(long)", "f"), symbol("f(double)", "f")};
+  EXPECT_EQ(detail::renamed_in_signature(one, "A::A(int)"), &one[1]);
+  EXPECT_EQ(detail::renamed_in_signature(one, "A::A(long)"), nullptr);  // it is there itself
+  EXPECT_EQ(detail::renamed_in_signature(two, "f(int)"), nullptr);      // which of two?
+  EXPECT_EQ(detail::renamed_in_signature(one, "h(int)"), nullptr);
+}
+
 // The anchors file's text made page by page is the one dump_anchors makes of all the pages, and
 // AnchorsText::is tells that text from any other.
 TEST(Anchors, TextMadePageByPageIsTheDump) {

@@ -64,3 +64,46 @@ def test_a_gone_declaration_is_not_lent_an_alike_namesake(repo):
     assert [x.get("reason") for x in json.loads(written.stdout)["lost"]] == [
         "`A.run` is gone; `B.run` is at src/a.py#L2-L3"], written.stdout
     assert repo.read("docs/p.md") == "See [it](/src/a.py#L2-L3).\n"
+
+
+ANON = "namespace {\nstruct S {\n  void f(int x) {\n    g(x);\n  }\n};\n}  // namespace\n"
+CTOR = "class A {\n public:\n  A(int x)\n      : x_(x) {}\n  int x_;\n};\n"
+PAIR = "void f(int x) {\n  g(x);\n}\n\nvoid f(double x) {\n  h(x);\n}\n"
+
+# (what, code before, code after, cited lines, the link after, the reason a loss gives)
+SIGNATURES = [
+    ("an anonymous namespace added before the cited one, which the index names by number", ANON,
+     "namespace {\nint k;\n}  // namespace\n\n" + ANON.replace("int x", "long x").replace("g(x)", "h(x + 1)"),
+     "L3-L5",
+     "L7-L9", None),
+    ("a constructor's parameter type changed, its class moved down", CTOR,
+     "#include <cstdint>\n\n" + CTOR.replace("A(int x)", "A(std::int64_t x)"), "L3-L4", "L5-L6",
+     None),
+    ("a one-line constructor's parameter type changed, its class moved down",
+     CTOR.replace("(int x)\n     ", "(int x)"), "#include <cstdint>\n\n" + CTOR.replace(
+         "A(int x)\n     ", "A(std::int64_t x)"), "L3", "L5", None),
+    ("of two overloads the cited one deleted, the other's parameter type changed", PAIR,
+     "void f(long x) {\n  h(x);\n}\n", "L1-L3", "L1-L3", "`f(int)` is gone; `f(long)` is at"),
+]
+
+
+@pytest.mark.parametrize("what,before,after,lines,moved,reason", SIGNATURES,
+                         ids=[c[0] for c in SIGNATURES])
+def test_a_declaration_whose_signature_changed_is_followed(repo, what, before, after, lines,
+                                                           moved, reason):
+    """A qualified name that changed only in its parameter types, or in the number the index gives
+    an anonymous namespace, is the same declaration: its citations follow it. Not when another
+    declaration of the name stood elsewhere when the citation was placed."""
+    repo.write("src/a.cc", before)
+    repo.write("docs/p.md", f"See [f](/src/a.cc#{lines}).\n")
+    repo.commit()
+    assert repo.run().returncode == 0
+    repo.commit("anchors")
+    repo.write("src/a.cc", after)
+    check = repo.run("--check", "--json")
+    written = repo.run("--json")
+    assert written.returncode == 0, written.stderr
+    for result in (json.loads(check.stdout), json.loads(written.stdout)):
+        got = [x.get("reason", "") for x in result["lost"]]
+        assert got == [] if reason is None else got[0].startswith(reason), result["lost"]
+    assert repo.read("docs/p.md") == f"See [f](/src/a.cc#{moved}).\n"
