@@ -193,16 +193,16 @@ std::vector<Placed> place_citations(wiki::CitationSyntax& syntax, const wiki::Te
   return out;
 }
 
-std::vector<Finding> at_their_places(std::vector<Finding> findings,
-                                     const std::map<std::string, std::vector<Placed>>& pages,
-                                     const std::function<wiki::CitationKey(const Finding&)>& at) {
+std::vector<Finding> at_their_places(
+    std::vector<Finding> findings, const std::map<std::string, std::vector<Placed>>& pages,
+    const std::function<std::vector<wiki::CitationKey>(const Finding&)>& keys) {
   std::vector<Finding> out;
   out.reserve(findings.size());
   for (Finding& f : findings) {
     const auto page = pages.find(f.page_id);
-    const wiki::CitationKey key = at(f);
     bool placed = false;
-    if (page != pages.end()) {
+    for (const wiki::CitationKey& key : keys(f)) {
+      if (placed || page == pages.end()) break;
       for (const Placed& p : page->second) {
         if (p.key != key) continue;
         Finding one = f;

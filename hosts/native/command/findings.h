@@ -85,10 +85,11 @@ std::vector<Placed> place_citations(wiki::CitationSyntax& syntax, const wiki::Te
 
 // The findings given each occurrence of their citation on their page: a finding whose key is on
 // the page `n` times becomes `n` findings, one per place; one whose key is not there stays, with
-// line 0. `pages` holds the citations of each finding's page, by page id; `at` gives the key the
-// finding's citation has on the page now. Sorted by page, then line and column.
-std::vector<Finding> at_their_places(std::vector<Finding> findings,
-                                     const std::map<std::string, std::vector<Placed>>& pages,
-                                     const std::function<wiki::CitationKey(const Finding&)>& at);
+// line 0. `pages` holds the citations of each finding's page, by page id; `keys` gives the keys
+// the finding's citation may have on the page, the first found counting. Sorted by page, then
+// line and column.
+std::vector<Finding> at_their_places(
+    std::vector<Finding> findings, const std::map<std::string, std::vector<Placed>>& pages,
+    const std::function<std::vector<wiki::CitationKey>(const Finding&)>& keys);
 
 }  // namespace tolbarrow::hosts::native::command

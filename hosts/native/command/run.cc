@@ -414,14 +414,22 @@ using PageMoves =
 // It also refuses to place a citation whose lines no file has.
 class WatchedLanding : public wiki::LandingCheck {
  public:
-  WatchedLanding(wiki::LandingCheck& inner, const StoreBeforePages& pages)
-      : inner_(inner), pages_(pages) {}
+  WatchedLanding(wiki::LandingCheck& inner, const StoreBeforePages& pages,
+                 wiki::CitationRanges& ranges, const fs::path& root)
+      : inner_(inner), pages_(pages), ranges_(ranges), root_(root) {}
 
   bool accepts(const std::string& path, const wiki::Record& cited, const wiki::Symbol* found,
                wiki::LineRange lines) override {
     const std::optional<wiki::CitationKey> key = key_of(cited);
-    // Lines no file has (line 0, a reversed range) stay as written: reported, never rewritten.
+    // Lines no file has stay as written: reported, never rewritten. Line 0 and a reversed range;
+    // and lines past the end of the file for a citation that follows no declaration (one that
+    // does may outlive the lines its file lost).
     if (key && (key->start < 1 || key->end < key->start)) return false;
+    if (const auto symbol = cited.find("symbol");
+        key && (symbol == cited.end() || symbol->is_null())) {
+      if (!counts_) counts_ = ranges_.line_counts(root_);
+      if (key->end > counts_->count(path)) return false;
+    }
     if (!inner_.accepts(path, cited, found, lines)) return false;
     if (key && (key->start != lines.first || key->end != lines.last)) {
       moves_[pages_.last_read()].insert_or_assign({key->path, key->start, key->end}, lines);
@@ -433,6 +441,9 @@ class WatchedLanding : public wiki::LandingCheck {
  private:
   wiki::LandingCheck& inner_;
   const StoreBeforePages& pages_;
+  wiki::CitationRanges& ranges_;
+  fs::path root_;
+  std::unique_ptr<wiki::LineCounts> counts_;
   PageMoves moves_;
 };
 
@@ -464,7 +475,7 @@ std::string invalid_lines(const wiki::CitationKey& key, std::optional<wiki::Line
 // What the run found, one finding per citation on its page (see Outcome::findings).
 std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store, const Place& place,
                                      const SyncStats& synced, const PageMoves& moves,
-                                     wiki::FileSystem& pages_now, wiki::CitationRanges& ranges) {
+                                     wiki::FileSystem& pages, wiki::CitationRanges& ranges) {
   std::map<std::string, std::string> rel_of;  // page id -> path relative to the wiki
   std::map<fs::path, std::string> id_of;      // page file -> page id
   for (PageHead& head : store.page_heads(place.branch)) {
@@ -513,7 +524,7 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
     if (const std::string why = invalid_lines({path, lines.first, lines.last}, line_count);
         !why.empty()) {
       add(page_id, FindingKind::invalid, path, lines).reason =
-          name.empty() && given.empty() ? why : why + "; " + reason;
+          given.empty() ? why : why + "; " + given;
       continue;
     }
     add(page_id, FindingKind::lost, path, lines).reason = std::move(reason);
@@ -562,14 +573,14 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
                                   f.kind != FindingKind::renamed);
   }
 
-  // Each finding at each of its citation's places on its page as it stands now (as it would
-  // stand, for a run that writes nothing): only the pages with findings are read again.
+  // Each finding at each of its citation's places on its page: only the pages with findings are
+  // read again.
   std::map<std::string, std::vector<Placed>> placed;
   for (const Finding& f : found) {
     const auto rel = rel_of.find(f.page_id);
     if (rel == rel_of.end() || placed.count(f.page_id)) continue;
     try {
-      std::string bytes = pages_now.read_file(place.wiki / rel->second);
+      std::string bytes = pages.read_file(place.wiki / rel->second);
       // CR LF and a lone CR end a line, as the refresh reads them.
       std::string text;
       text.reserve(bytes.size());
@@ -585,19 +596,45 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
       placed.emplace(f.page_id, std::vector<Placed>());  // gone meanwhile: no places
     }
   }
+  // Pages are read as they are on disk: a run that writes nothing finds its citations as they
+  // are written, one that writes as it wrote them (carried, then moved).
   const bool written = !outcome.reported_only;
-  return at_their_places(std::move(found), placed, [written](const Finding& f) {
+  return at_their_places(std::move(found), placed, [&](const Finding& f) {
+    using Key = wiki::CitationKey;
+    std::vector<Key> keys;
+    const Key before{f.path, f.lines.first, f.lines.last};
     switch (f.kind) {
       case FindingKind::moved:
-        return written ? wiki::CitationKey{f.path, f.new_lines->first, f.new_lines->last}
-                       : wiki::CitationKey{f.path, f.lines.first, f.lines.last};
+        keys.push_back(written ? Key{f.path, f.new_lines->first, f.new_lines->last} : before);
+        break;
       case FindingKind::carried:
-        return wiki::CitationKey{f.path, f.new_lines->first, f.new_lines->last};
+        if (written) {
+          keys.push_back({f.path, f.new_lines->first, f.new_lines->last});
+        } else {  // its path as written, when the file was also renamed
+          keys.push_back(before);
+          for (const FollowedRename& r : outcome.renamed) {
+            if (r.page_id == f.page_id && r.to == f.path)
+              keys.push_back({r.from, before.start, before.end});
+          }
+        }
+        break;
       case FindingKind::renamed:
-        return wiki::CitationKey{f.new_path, f.lines.first, f.lines.last};
+        if (written) {
+          keys.push_back({f.new_path, f.lines.first, f.lines.last});
+        } else {  // its lines as written, when they were also carried
+          keys.push_back(before);
+          for (const CarriedLines& c : outcome.carried) {
+            if (c.page_id == f.page_id && c.path == f.new_path && parse_lines(c.to) == f.lines) {
+              const wiki::LineRange from = parse_lines(c.from);
+              keys.push_back({f.path, from.first, from.last});
+            }
+          }
+        }
+        break;
       default:
-        return wiki::CitationKey{f.path, f.lines.first, f.lines.last};
+        keys.push_back(before);
     }
+    return keys;
   });
 }
 
@@ -774,7 +811,7 @@ Outcome run(const Options& options) {
   const RefreshLog log = make_refresh_log(options.quiet);
   TextLandingCheck landing(place.root);
   landing.refuse(std::move(gone));
-  WatchedLanding watched(landing, ordered);
+  WatchedLanding watched(landing, ordered, native.ranges, place.root);
   const cr::Host host{.syntax = native.syntax,
                       .anchoring = native.anchoring,
                       .ranges = native.ranges,
@@ -829,8 +866,8 @@ Outcome run(const Options& options) {
 
   outcome.missing = missing_citations(*store, synced, outcome.renamed);
   if (options.check) outcome.unanchored = unanchored_citations(recorded, synced, outcome.missing);
-  outcome.findings =
-      gather_findings(outcome, *store, place, synced, watched.moves(), pages_now, native.ranges);
+  outcome.findings = gather_findings(outcome, *store, place, synced, watched.moves(),
+                                     native.file_system, native.ranges);
   outcome.stale = std::any_of(outcome.findings.begin(), outcome.findings.end(),
                               [](const Finding& f) { return f.action; });
   return outcome;
