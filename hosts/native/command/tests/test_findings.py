@@ -11,7 +11,7 @@ from conftest import Repo
 
 CODE = "def alpha():\n    return 1\n\n\ndef beta():\n    return 2\n"
 # The citation is on lines 3 and 4, never at column 1, and twice, so that each place is told.
-PAGE = "# Guide\n\nIntro: `{name}` is here {link}.\nAgain, said twice: {link}.\n"
+PAGE = "# Guide\n\nIntró: `{name}` is here {link}.\nAgain, said twice: {link}.\n"
 README = pathlib.Path(__file__).resolve().parents[1] / "README.md"
 
 
