@@ -229,7 +229,7 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", "citation-refresh " CITATION_REFRESH_VERSION);
   command::Options options;
   bool json = false;
-  Format format = Format::text;
+  std::string format_name = "text";
   std::string repo, wiki, branch, db;
   app.add_option("--repo", repo,
                  "The repository's work tree (default: the git work tree around the current "
@@ -255,14 +255,11 @@ int main(int argc, char** argv) {
       "renamed since the wiki was last refreshed, nor carry citations across git's diff "
       "of their files (both are done by default)");
   app.add_flag("--follow-history", options.follow_history)->group("");  // the default
-  app.add_option("--format", format,
+  app.add_option("--format", format_name,
                  "How to print the findings: text (one compiler-style line each, "
                  "page:line:column: ...), github (GitHub workflow annotations) or json")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, Format>{
-              {"text", Format::text}, {"github", Format::github}, {"json", Format::json}},
-          CLI::ignore_case))
-      ->type_name("FORMAT");
+      ->check(CLI::IsMember({"text", "github", "json"}).description(""))
+      ->type_name("text|github|json");
   app.add_flag("--json", json, "Print the result as one JSON object (--format json)");
   auto* quiet = app.add_flag("--quiet,-q", options.quiet,
                              "No progress, notes or summary; only the findings and errors");
@@ -275,6 +272,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "citation-refresh: error: %s (see --help)\n", e.what());
     return 2;
   }
+  const Format format = json || format_name == "json" ? Format::json
+                        : format_name == "github"     ? Format::github
+                                                      : Format::text;
   if (!repo.empty()) options.repo = repo;
   if (!wiki.empty()) options.wiki = wiki;
   if (!branch.empty()) options.branch = branch;
@@ -282,7 +282,7 @@ int main(int argc, char** argv) {
 
   try {
     const command::Outcome outcome = command::run(options);
-    if (json || format == Format::json) {
+    if (format == Format::json) {
       std::printf("%s\n", to_json(outcome).dump(2).c_str());
     } else {
       print(outcome, format, options.quiet);

@@ -634,6 +634,23 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
       default:
         keys.push_back(before);
     }
+    // A run that writes nothing refreshes the pages as they would be carried: a citation it
+    // finds moved or lost there may still have its lines (and path) as written on the page.
+    if (!written && (f.kind == FindingKind::moved || f.kind == FindingKind::lost)) {
+      for (const CarriedLines& c : outcome.carried) {
+        if (c.page_id != f.page_id || c.path != f.path || parse_lines(c.to) != f.lines) continue;
+        const wiki::LineRange from = parse_lines(c.from);
+        keys.push_back({f.path, from.first, from.last});
+        for (const FollowedRename& r : outcome.renamed) {
+          if (r.page_id == f.page_id && r.to == f.path)
+            keys.push_back({r.from, from.first, from.last});
+        }
+      }
+      for (const FollowedRename& r : outcome.renamed) {
+        if (r.page_id == f.page_id && r.to == f.path)
+          keys.push_back({r.from, before.start, before.end});
+      }
+    }
     return keys;
   });
 }
