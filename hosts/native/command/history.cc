@@ -954,7 +954,9 @@ const wiki::Record* Carried::carried(std::string_view page_id, const wiki::Recor
   const auto page = records.find(std::string(page_id));
   if (page == records.end()) return nullptr;
   const std::optional<wiki::CitationKey> key = key_of(cited);
-  return key ? page->second.find(*key) : nullptr;
+  const wiki::Record* record = key ? page->second.find(*key) : nullptr;
+  if (record != nullptr) given_.insert(record);
+  return record;
 }
 
 }  // namespace tolbarrow::hosts::native::command

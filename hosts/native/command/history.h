@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "hosts/native/landing.h"
@@ -76,14 +77,6 @@ struct FollowedRename {
   std::string lines;  // "Lx-Ly", after translation
 };
 
-// A citation carried to other lines of its file (or of its file's new path).
-struct CarriedLines {
-  std::string page_id;
-  std::string path;  // the path now
-  std::string from;  // "Lx-Ly" before
-  std::string to;    // "Lx-Ly" now
-};
-
 // Where the branch's stored citations stand in the work tree, from what each was placed against:
 // the refresh asks it of each stored citation before it looks for its declaration (the core's
 // History), so that one decision moves a citation's link, its digest entry and its record.
@@ -102,6 +95,11 @@ struct Carried : wiki::History {
   std::unordered_map<wiki::CitationKey, std::string, wiki::CitationKeyHash> gone;
 
   const wiki::Record* carried(std::string_view page_id, const wiki::Record& cited) override;
+  // Whether `record` is one that carried() gave.
+  bool gave(const wiki::Record& record) const { return given_.count(&record) != 0; }
+
+ private:
+  std::unordered_set<const wiki::Record*> given_;
 };
 
 // Works out where the branch's stored citations stand in the work tree: a cited file that git

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "hosts/native/command/run.h"
 #include "hosts/native/command/terminal.h"
@@ -27,12 +29,21 @@ constexpr const char* kDescription =
     "declaration in <wiki>/.citation-anchors.json: commit it with the docs, so that\n"
     "--check in a fresh clone (CI) knows what each citation cites.\n";
 
+// The exit code of a writing run that found another run writing the wiki and only reported.
+constexpr int kBusy = 3;
+
 constexpr const char* kFooter =
+    "Findings: one line each, page:line:column: citation (what), then a summary and\n"
+    "what to run; kinds: moved, carried, renamed (the run writes them), lost, missing\n"
+    "file, invalid (line 0, a reversed range, past the end of the file), not anchored\n"
+    "yet, and a new citation whose prose names other code.\n"
+    "\n"
     "Exit codes: 0 the citations are current, or were written (a writing run exits 0\n"
     "even when citations are lost or missing: it reports them); 1 with --check, when a\n"
-    "citation would move (or follow a renamed file), is lost, cites a missing file, or is\n"
-    "new and its prose names a declaration that does not hold its lines;\n"
-    "2 an error. --check also exits 1 for a citation that the anchors file does not\n"
+    "citation would move (or follow a renamed file), is lost, invalid, cites a missing\n"
+    "file, or is new and its prose names a declaration that does not hold its lines;\n"
+    "2 an error; 3 a writing run found another run writing the wiki, wrote nothing and\n"
+    "only reported. --check also exits 1 for a citation that the anchors file does not\n"
     "know yet (commit the anchors file a writing run leaves).\n"
     "\n"
     "Workflow: run citation-refresh after changing code, review and commit the pages\n"
@@ -40,40 +51,6 @@ constexpr const char* kFooter =
 
 std::string plural(std::int64_t n, const char* one, const char* many) {
   return std::to_string(n) + " " + (n == 1 ? one : many);
-}
-
-struct Finding {
-  std::string page_id;
-  std::string text;
-};
-
-// Lost and missing citations and new ones whose prose names other code, in page order; within a
-// page, lost ones first, each kind in text order.
-std::vector<Finding> findings(const command::Outcome& outcome) {
-  std::vector<Finding> out;
-  for (const auto& lost : outcome.result.lost) {
-    const std::string reason = lost.value("reason", "");
-    out.push_back({lost.value("page_id", ""),
-                   lost.value("page_id", "") + ": " + lost.value("path", "") + " " +
-                       lost.value("lines", "") + " (" +
-                       (reason.empty() ? lost.value("name", "") : "lost: " + reason) + ")"});
-  }
-  for (const auto& missing : outcome.missing) {
-    out.push_back({missing.page_id, missing.page_id + ": " + missing.path + " " + missing.lines +
-                                        " (missing file)"});
-  }
-  for (const auto& new_one : outcome.unanchored) {
-    out.push_back({new_one.page_id, new_one.page_id + ": " + new_one.path + " " + new_one.lines +
-                                        " (not anchored yet; run citation-refresh)"});
-  }
-  for (const auto& m : outcome.misnamed) {
-    out.push_back({m.page_id, m.page_id + ":" + std::to_string(m.page_line) + ": " + m.link +
-                                  ": the prose names `" + m.named + "`, at " + m.named_at +
-                                  ", which does not hold these lines (anchored as written)"});
-  }
-  std::stable_sort(out.begin(), out.end(),
-                   [](const Finding& a, const Finding& b) { return a.page_id < b.page_id; });
-  return out;
 }
 
 nlohmann::ordered_json to_json(const command::Outcome& outcome) {
@@ -102,7 +79,14 @@ nlohmann::ordered_json to_json(const command::Outcome& outcome) {
   }
   nlohmann::ordered_json translated = nlohmann::ordered_json::object();
   for (const auto& [page, count] : outcome.translated) translated[page] = count;
-  nlohmann::ordered_json out = {{"repaired", r.repaired},
+  nlohmann::ordered_json findings = nlohmann::ordered_json::array();
+  for (const command::Finding& f : outcome.findings) findings.push_back(command::finding_json(f));
+  nlohmann::ordered_json out = {{"version", 1},
+                                {"stale", outcome.stale},
+                                {"written", !outcome.reported_only},
+                                {"busy", outcome.busy},
+                                {"findings", findings},
+                                {"repaired", r.repaired},
                                 {"unrepairable", r.unrepairable},
                                 {"pages_written", r.pages_written},
                                 {"lost", r.lost},
@@ -115,62 +99,96 @@ nlohmann::ordered_json to_json(const command::Outcome& outcome) {
   return out;
 }
 
-void print_text(const command::Outcome& outcome, bool quiet) {
+// The summary line: what the run did or would do, counted.
+std::string summary(const command::Outcome& outcome) {
   const auto& r = outcome.result;
-  const bool colour = command::colour_for(stdout);
-  std::int64_t would_move = 0;
+  std::int64_t would_move = 0, translated = 0;
   for (const auto& [page, count] : r.moved) would_move += count;
-  const auto problems = findings(outcome);
+  for (const auto& [page, count] : outcome.translated) translated += count;
+  const auto renamed = static_cast<std::int64_t>(outcome.renamed.size());
+  std::string out;
+  if (outcome.reported_only) {
+    out = outcome.findings.empty() && would_move == 0 && translated == 0 && renamed == 0
+              ? "all citations are current"
+              : plural(would_move, "citation would move", "citations would move");
+  } else {
+    out = plural(r.repaired, "citation repaired", "citations repaired") + ", " +
+          plural(r.pages_written, "page written", "pages written");
+  }
+  const char* would = outcome.reported_only ? " would be" : "";
+  if (translated) {
+    out += ", " + plural(translated, "citation", "citations") + would + " carried across the diff";
+  }
+  if (renamed)
+    out += ", " + plural(renamed, "citation", "citations") + would + " followed to a renamed file";
+  std::map<command::FindingKind, std::int64_t> count;
+  for (const command::Finding& f : outcome.findings) ++count[f.kind];
+  using K = command::FindingKind;
+  if (count[K::lost]) out += ", " + std::to_string(count[K::lost]) + " lost";
+  if (count[K::invalid]) {
+    out += ", " + plural(count[K::invalid], "citation of lines no file has",
+                         "citations of lines no file has");
+  }
+  if (count[K::missing]) {
+    out += ", " +
+           plural(count[K::missing], "citation of a missing file", "citations of missing files");
+  }
+  if (count[K::unanchored]) {
+    out += ", " +
+           plural(count[K::unanchored], "citation not anchored yet", "citations not anchored yet");
+  }
+  if (count[K::misnamed]) {
+    out += ", " + plural(count[K::misnamed], "new citation names other code",
+                         "new citations name other code");
+  }
+  return out;
+}
 
-  if (!quiet) {
-    std::int64_t translated = 0;
-    for (const auto& [page, count] : outcome.translated) translated += count;
-    const auto renamed = static_cast<std::int64_t>(outcome.renamed.size());
-    std::string summary;
-    if (outcome.reported_only) {
-      summary = would_move == 0 && problems.empty() && translated == 0 && renamed == 0
-                    ? "all citations are current"
-                    : plural(would_move, "citation would move", "citations would move");
-    } else {
-      summary = plural(r.repaired, "citation repaired", "citations repaired") + ", " +
-                plural(r.pages_written, "page written", "pages written");
+// What to do next, a line each: run the command, fix links by hand, or wait for the other writer.
+std::vector<std::string> advice(const command::Outcome& outcome) {
+  std::vector<std::string> out;
+  bool to_write = false, by_hand = false;
+  for (const command::Finding& f : outcome.findings) {
+    switch (f.kind) {
+      case command::FindingKind::moved:
+      case command::FindingKind::carried:
+      case command::FindingKind::renamed:
+      case command::FindingKind::unanchored:
+        to_write = to_write || outcome.reported_only;
+        break;
+      default:
+        by_hand = true;
     }
-    const char* would = outcome.reported_only ? " would be" : "";
-    if (translated) {
-      summary +=
-          ", " + plural(translated, "citation", "citations") + would + " carried across the diff";
-    }
-    if (renamed) {
-      summary += ", " + plural(renamed, "citation", "citations") + would + " led to a renamed file";
-    }
-    if (!r.lost.empty()) summary += ", " + std::to_string(r.lost.size()) + " lost";
-    if (!outcome.missing.empty()) {
-      summary += ", " + plural(static_cast<std::int64_t>(outcome.missing.size()),
-                               "citation of a missing file", "citations of missing files");
-    }
-    if (!outcome.unanchored.empty()) {
-      summary += ", " + plural(static_cast<std::int64_t>(outcome.unanchored.size()),
-                               "citation not anchored yet", "citations not anchored yet");
-    }
-    if (!outcome.misnamed.empty()) {
-      summary += ", " + plural(static_cast<std::int64_t>(outcome.misnamed.size()),
-                               "new citation names other code", "new citations name other code");
-    }
-    std::printf("%s\n", summary.c_str());
   }
-  for (const auto& [page, count] : r.moved) {
-    std::printf("%s: %s\n", page.c_str(),
-                plural(count, "citation would move", "citations would move").c_str());
+  if (outcome.busy) {
+    out.push_back(
+        "another run is writing the wiki: nothing was written; run citation-refresh "
+        "again once it is done");
+  } else if (to_write) {
+    out.push_back(
+        "run citation-refresh to write these changes, then commit the pages and the "
+        "anchors file");
   }
-  for (const auto& f : outcome.renamed) {
-    std::printf("%s: %s -> %s %s (renamed)\n", f.page_id.c_str(), f.from.c_str(), f.to.c_str(),
-                f.lines.c_str());
+  if (by_hand) {
+    out.push_back(std::string(out.empty() ? "fix these" : "fix the other") +
+                  " citations by hand: give each link the path and lines it should cite now");
   }
-  for (const auto& c : outcome.carried) {
-    std::printf("%s: %s %s -> %s (%s)\n", c.page_id.c_str(), c.path.c_str(), c.from.c_str(),
-                c.to.c_str(), outcome.reported_only ? "would be carried" : "carried");
+  return out;
+}
+
+enum class Format { text, github, json };
+
+void print(const command::Outcome& outcome, Format format, bool quiet) {
+  const bool colour = format == Format::text && command::colour_for(stdout);
+  const bool written = !outcome.reported_only;
+  for (const command::Finding& f : outcome.findings) {
+    const std::string line = format == Format::github ? command::github_line(f, written)
+                                                      : command::compiler_line(f, written);
+    std::printf("%s\n", f.action ? command::paint(colour, "33", line).c_str() : line.c_str());
   }
-  for (const auto& f : problems) std::printf("%s\n", command::paint(colour, "33", f.text).c_str());
+  if (quiet) return;
+  std::printf("%s\n", summary(outcome).c_str());
+  for (const std::string& line : advice(outcome)) std::printf("%s\n", line.c_str());
 }
 
 // One line: the error's message with its line breaks folded.
@@ -213,6 +231,7 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", "citation-refresh " CITATION_REFRESH_VERSION);
   command::Options options;
   bool json = false;
+  std::string format_name = "text";
   std::string repo, wiki, branch, db;
   app.add_option("--repo", repo,
                  "The repository's work tree (default: the git work tree around the current "
@@ -238,7 +257,12 @@ int main(int argc, char** argv) {
       "renamed since the wiki was last refreshed, nor carry citations across git's diff "
       "of their files (both are done by default)");
   app.add_flag("--follow-history", options.follow_history)->group("");  // the default
-  app.add_flag("--json", json, "Print the result as one JSON object");
+  app.add_option("--format", format_name,
+                 "How to print the findings: text (one compiler-style line each, "
+                 "page:line:column: ...), github (GitHub workflow annotations) or json")
+      ->check(CLI::IsMember({"text", "github", "json"}).description(""))
+      ->type_name("text|github|json");
+  app.add_flag("--json", json, "Print the result as one JSON object (--format json)");
   auto* quiet = app.add_flag("--quiet,-q", options.quiet,
                              "No progress, notes or summary; only the findings and errors");
   app.add_flag("--verbose,-v", options.verbose, "Also tell what each step did, on stderr")
@@ -250,6 +274,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "citation-refresh: error: %s (see --help)\n", e.what());
     return 2;
   }
+  const Format format = json || format_name == "json" ? Format::json
+                        : format_name == "github"     ? Format::github
+                                                      : Format::text;
   if (!repo.empty()) options.repo = repo;
   if (!wiki.empty()) options.wiki = wiki;
   if (!branch.empty()) options.branch = branch;
@@ -257,18 +284,15 @@ int main(int argc, char** argv) {
 
   try {
     const command::Outcome outcome = command::run(options);
-    if (json) {
+    if (format == Format::json) {
       std::printf("%s\n", to_json(outcome).dump(2).c_str());
     } else {
-      print_text(outcome, options.quiet);
+      print(outcome, format, options.quiet);
     }
     std::fflush(stdout);
+    if (outcome.busy) return kBusy;
     if (!options.check) return 0;
-    const bool stale = !outcome.result.moved.empty() || !outcome.result.lost.empty() ||
-                       !outcome.missing.empty() || !outcome.renamed.empty() ||
-                       !outcome.translated.empty() || !outcome.unanchored.empty() ||
-                       !outcome.misnamed.empty();
-    return stale ? 1 : 0;
+    return outcome.stale ? 1 : 0;
   } catch (const std::exception& e) {
     std::fflush(stdout);
     std::string message = e.what();

@@ -6,9 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <map>
 #include <set>
 #include <string_view>
+#include <tuple>
 #include <unordered_set>
 
 #include "hosts/native/anchoring.h"
@@ -68,6 +72,10 @@ Place locate(const Options& options) {
     place.branch = *name;
   } else if (auto commit = git({"rev-parse", "--verify", "--quiet", "HEAD"}, place.root)) {
     place.branch = *commit;  // a detached head
+  } else if (git({"rev-parse", "--is-inside-work-tree"}, place.root) != "true") {
+    throw CommandError(place.root.string() +
+                       ": not a git work tree (--repo); pass --branch NAME to refresh it "
+                       "without git");
   } else {
     throw CommandError(place.root.string() + ": cannot tell the branch; pass --branch NAME");
   }
@@ -192,7 +200,10 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
   StoreBeforePages(wiki::FileSystem& files, SqliteStore& store) : files_(files), store_(store) {}
 
   bool is_file(const fs::path& path) override { return files_.is_file(path); }
-  std::string read_file(const fs::path& path) override { return files_.read_file(path); }
+  std::string read_file(const fs::path& path) override {
+    last_read_ = path;
+    return files_.read_file(path);
+  }
   void append(const fs::path& path, std::string_view content) override {
     flush();
     wrote_ = true;
@@ -241,10 +252,13 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
 
   // Whether the refresh wrote anything: a file, or a page to the store.
   bool wrote() const { return wrote_; }
+  // The file read last: while the refresh places a page's citations, that page.
+  const fs::path& last_read() const { return last_read_; }
 
  private:
   wiki::FileSystem& files_;
   SqliteStore& store_;
+  fs::path last_read_;
   std::optional<std::pair<fs::path, std::string>> pending_;
   bool wrote_ = false;
 };
@@ -392,8 +406,8 @@ std::vector<MissingCitation> unanchored_citations(const std::optional<Anchors>& 
 }
 
 // The citations the history carried, told apart from those the refresh moved by their
-// declaration: each is listed as renamed (its file) or carried (its lines), and counted once,
-// there, not among the moved or repaired.
+// declaration: each is listed once, as renamed (its file, whatever its lines did) or carried (its
+// lines), and counted there, not among the moved or repaired.
 void told_carried(Outcome& outcome) {
   cr::CitationRefresh& result = outcome.result;
   auto lines = [](wiki::Line first, wiki::Line last) {
@@ -403,10 +417,7 @@ void told_carried(Outcome& outcome) {
     const std::string& path = c.to.path.empty() ? c.from.path : c.to.path;
     if (!c.to.path.empty()) {
       outcome.renamed.push_back({c.page_id, c.from.path, path, lines(c.to.first, c.to.last)});
-    }
-    if (c.from.start != c.to.first || c.from.end != c.to.last) {
-      outcome.carried.push_back(
-          {c.page_id, path, lines(c.from.start, c.from.end), lines(c.to.first, c.to.last)});
+    } else if (c.from.start != c.to.first || c.from.end != c.to.last) {
       ++outcome.translated[c.page_id];
     }
     if (outcome.reported_only) {
@@ -416,6 +427,227 @@ void told_carried(Outcome& outcome) {
       --result.repaired;
     }
   }
+}
+
+// Each citation the refresh gives new lines, by page file and key (in key order): the answers of
+// the landing check it asks before placing a stored citation, with the page it reads last (the
+// refresh reads a page, then places its citations).
+using PageMoves =
+    std::map<fs::path, std::map<std::tuple<std::string, wiki::Line, wiki::Line>, wiki::LineRange>>;
+
+// It also refuses to place a citation whose lines no file has.
+class WatchedLanding : public wiki::LandingCheck {
+ public:
+  WatchedLanding(wiki::LandingCheck& inner, const StoreBeforePages& pages,
+                 wiki::CitationRanges& ranges, const fs::path& root, const Carried& carried)
+      : inner_(inner), pages_(pages), ranges_(ranges), root_(root), carried_(carried) {}
+
+  bool accepts(const std::string& path, const wiki::Record& cited, const wiki::Symbol* found,
+               wiki::LineRange lines) override {
+    const std::optional<wiki::CitationKey> key = key_of(cited);
+    // Lines no file has stay as written: reported, never rewritten. Line 0 and a reversed range;
+    // and lines past the end of the file for a citation that follows no declaration (one that
+    // does may outlive the lines its file lost).
+    if (key && (key->start < 1 || key->end < key->start)) return false;
+    if (const auto symbol = cited.find("symbol");
+        key && (symbol == cited.end() || symbol->is_null())) {
+      if (!counts_) counts_ = ranges_.line_counts(root_);
+      if (key->end > counts_->count(path)) return false;
+    }
+    if (!inner_.accepts(path, cited, found, lines)) return false;
+    // A citation the history carried is told by the refresh's result, from its key on the page.
+    if (key && !carried_.gave(cited) && (key->start != lines.first || key->end != lines.last)) {
+      moves_[pages_.last_read()].insert_or_assign({key->path, key->start, key->end}, lines);
+    }
+    return true;
+  }
+  const PageMoves& moves() const { return moves_; }
+
+ private:
+  wiki::LandingCheck& inner_;
+  const StoreBeforePages& pages_;
+  wiki::CitationRanges& ranges_;
+  fs::path root_;
+  std::unique_ptr<wiki::LineCounts> counts_;
+  const Carried& carried_;
+  PageMoves moves_;
+};
+
+// "Lx-Ly" as lines; 0-0 when it is not that.
+wiki::LineRange parse_lines(std::string_view text) {
+  const std::size_t dash = text.find("-L");
+  wiki::LineRange lines;
+  if (!text.starts_with("L") || dash == std::string_view::npos) return lines;
+  std::from_chars(text.data() + 1, text.data() + dash, lines.first);
+  std::from_chars(text.data() + dash + 2, text.data() + text.size(), lines.last);
+  return lines;
+}
+
+// Why the lines of `key` cannot be in any file, or nothing. `line_count` gives the lines of its
+// file when the refresh lost it (nullopt otherwise: a citation placed is not past the end).
+std::string invalid_lines(const wiki::CitationKey& key, std::optional<wiki::Line> line_count) {
+  if (key.start < 1 || key.end < 1) return "line 0 is no line; lines count from 1";
+  if (key.end < key.start) {
+    return "the range is reversed: L" + std::to_string(key.start) + " comes after L" +
+           std::to_string(key.end);
+  }
+  if (line_count && key.end > *line_count) {
+    return "past the end of the file, which has " + std::to_string(*line_count) +
+           (*line_count == 1 ? " line" : " lines");
+  }
+  return "";
+}
+
+// What the run found, one finding per citation on its page (see Outcome::findings).
+std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store, const Place& place,
+                                     const SyncStats& synced, const PageMoves& moves,
+                                     wiki::FileSystem& pages, wiki::CitationRanges& ranges) {
+  std::map<std::string, std::string> rel_of;  // page id -> path relative to the wiki
+  std::map<fs::path, std::string> id_of;      // page file -> page id
+  for (PageHead& head : store.page_heads(place.branch)) {
+    id_of.emplace(place.wiki / head.rel_path, head.page_id);
+    rel_of.emplace(std::move(head.page_id), std::move(head.rel_path));
+  }
+  std::vector<Finding> found;
+  auto add = [&](const std::string& page_id, FindingKind kind, const std::string& path,
+                 wiki::LineRange lines) -> Finding& {
+    Finding& f = found.emplace_back();
+    f.page_id = page_id;
+    const auto rel = rel_of.find(page_id);
+    f.page = rel == rel_of.end()
+                 ? page_id
+                 : (place.wiki / rel->second).lexically_relative(place.root).generic_string();
+    f.kind = kind;
+    f.path = path;
+    f.lines = lines;
+    return f;
+  };
+
+  // Citations whose lines cannot be in any file: that, rather than what else befell them.
+  std::set<std::tuple<std::string, std::string, wiki::Line, wiki::Line>> invalid;
+  for (const auto& [page_id, keys] : synced.cited) {
+    for (const wiki::CitationKey& key : keys) {
+      const std::string why = invalid_lines(key, std::nullopt);
+      if (why.empty()) continue;
+      add(page_id, FindingKind::invalid, key.path, {key.start, key.end}).reason = why;
+      invalid.emplace(page_id, key.path, key.start, key.end);
+    }
+  }
+  std::unique_ptr<wiki::LineCounts> counts;
+  for (const wiki::Record& lost : outcome.result.lost) {
+    const std::string page_id = lost.value("page_id", ""), path = lost.value("path", "");
+    const wiki::LineRange lines = parse_lines(lost.value("lines", ""));
+    if (invalid.count({page_id, path, lines.first, lines.last})) continue;
+    std::optional<wiki::Line> line_count;
+    if (lines.first >= 1 && store.is_indexed(path)) {
+      if (!counts) counts = ranges.line_counts(place.root);
+      line_count = counts->count(path);
+    }
+    const std::string name = lost.value("name", ""), given = lost.value("reason", "");
+    std::string reason = !given.empty() ? given
+                         : name.empty() ? std::string("no declaration holds these lines")
+                                        : "`" + name + "` is gone";
+    // A citation whose declaration is gone is lost with it, though its lines also left the file:
+    // the declaration is what the reader has to look for.
+    const auto gone = [&] {
+      if (name.empty()) return false;
+      const std::vector<wiki::Symbol> symbols = store.get_symbols_by_path(path);
+      return std::none_of(symbols.begin(), symbols.end(),
+                          [&](const wiki::Symbol& s) { return s.fqn == name || s.name == name; });
+    };
+    if (const std::string why = invalid_lines({path, lines.first, lines.last}, line_count);
+        !why.empty() && !gone()) {
+      add(page_id, FindingKind::invalid, path, lines).reason =
+          given.empty() ? why : why + "; " + given;
+      continue;
+    }
+    add(page_id, FindingKind::lost, path, lines).reason = std::move(reason);
+  }
+  const auto valid = [&](const std::string& page_id, const std::string& path,
+                         wiki::LineRange lines) {
+    return !invalid.count({page_id, path, lines.first, lines.last});
+  };
+  for (const auto& [file, keys] : moves) {
+    const auto id = id_of.find(file);
+    if (id == id_of.end()) continue;
+    for (const auto& [key, to] : keys) {
+      const auto& [path, start, end] = key;
+      add(id->second, FindingKind::moved, path, {start, end}).new_lines = to;
+    }
+  }
+  // Each citation the history carried, once: renamed when its file was, else carried.
+  for (const cr::CarriedMove& c : outcome.result.carried) {
+    const bool renamed = !c.to.path.empty() && c.to.path != c.from.path;
+    Finding& f = add(c.page_id, renamed ? FindingKind::renamed : FindingKind::carried, c.from.path,
+                     {c.from.start, c.from.end});
+    if (renamed) f.new_path = c.to.path;
+    f.new_lines = wiki::LineRange{c.to.first, c.to.last};
+  }
+  for (const MissingCitation& m : outcome.missing) {
+    if (valid(m.page_id, m.path, parse_lines(m.lines))) {
+      add(m.page_id, FindingKind::missing, m.path, parse_lines(m.lines));
+    }
+  }
+  for (const MissingCitation& m : outcome.unanchored) {
+    if (valid(m.page_id, m.path, parse_lines(m.lines))) {
+      add(m.page_id, FindingKind::unanchored, m.path, parse_lines(m.lines));
+    }
+  }
+  MarkdownCitationSyntax syntax;
+  for (const Misnamed& m : outcome.misnamed) {
+    const auto rel = rel_of.find(m.page_id);
+    syntax.set_page_folder(rel == rel_of.end() ? std::string()
+                                               : page_folder(place.root, place.wiki / rel->second));
+    const std::vector<Placed> link = place_citations(syntax, wiki::Text(m.link, "a link"));
+    if (link.empty()) continue;
+    const wiki::CitationKey& key = link.front().key;
+    add(m.page_id, FindingKind::misnamed, key.path, {key.start, key.end}).reason =
+        "the prose names `" + m.named + "`, at " + m.named_at + ", which does not hold these lines";
+  }
+  for (Finding& f : found) {
+    f.action =
+        outcome.reported_only || (f.kind != FindingKind::moved && f.kind != FindingKind::carried &&
+                                  f.kind != FindingKind::renamed);
+  }
+
+  // Each finding at each of its citation's places on its page: only the pages with findings are
+  // read again.
+  std::map<std::string, std::vector<Placed>> placed;
+  for (const Finding& f : found) {
+    const auto rel = rel_of.find(f.page_id);
+    if (rel == rel_of.end() || placed.count(f.page_id)) continue;
+    try {
+      std::string bytes = pages.read_file(place.wiki / rel->second);
+      // CR LF and a lone CR end a line, as the refresh reads them.
+      std::string text;
+      text.reserve(bytes.size());
+      for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (bytes[i] != '\r') {
+          text += bytes[i];
+        } else if (i + 1 >= bytes.size() || bytes[i + 1] != '\n') {
+          text += '\n';
+        }
+      }
+      syntax.set_page_folder(page_folder(place.root, place.wiki / rel->second));
+      placed.emplace(f.page_id, place_citations(syntax, wiki::Text(std::move(text), rel->second)));
+    } catch (const std::exception&) {
+      placed.emplace(f.page_id, std::vector<Placed>());  // gone meanwhile: no places
+    }
+  }
+  // Pages are read as they are on disk: a run that writes nothing finds its citations as they
+  // are written, one that writes as it wrote them (carried, then moved).
+  const bool written = !outcome.reported_only;
+  return at_their_places(std::move(found), placed, [&](const Finding& f) {
+    using Key = wiki::CitationKey;
+    const Key before{f.path, f.lines.first, f.lines.last};
+    if (!written || !f.new_lines ||
+        (f.kind != FindingKind::moved && f.kind != FindingKind::carried &&
+         f.kind != FindingKind::renamed)) {
+      return std::vector<Key>{before};
+    }
+    return std::vector<Key>{
+        {f.new_path.empty() ? f.path : f.new_path, f.new_lines->first, f.new_lines->last}};
+  });
 }
 
 }  // namespace
@@ -575,13 +807,14 @@ Outcome run(const Options& options) {
   const std::shared_ptr<spdlog::logger> log = make_refresh_log(options.quiet);
   TextLandingCheck landing(place.root);
   landing.refuse(std::move(carried.gone));
+  WatchedLanding watched(landing, ordered, native.ranges, place.root, carried);
   const cr::Host host{.syntax = native.syntax,
                       .anchoring = native.anchoring,
                       .ranges = native.ranges,
                       .file_system = pages,
                       .locks = native.locks,
                       .logger = log,
-                      .landing = &landing,
+                      .landing = &watched,
                       .history = options.follow_history ? &carried : nullptr};
   // Each lost citation whose landing was refused says why.
   auto with_reasons = [&](cr::CitationRefresh result) {
@@ -632,6 +865,10 @@ Outcome run(const Options& options) {
 
   outcome.missing = missing_citations(*store, synced, outcome.renamed);
   if (options.check) outcome.unanchored = unanchored_citations(recorded, synced, outcome.missing);
+  outcome.findings = gather_findings(outcome, *store, place, synced, watched.moves(),
+                                     native.file_system, native.ranges);
+  outcome.stale = std::any_of(outcome.findings.begin(), outcome.findings.end(),
+                              [](const Finding& f) { return f.action; });
   return outcome;
 }
 

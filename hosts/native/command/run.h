@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "hosts/native/command/findings.h"
 #include "hosts/native/command/history.h"
 #include "hosts/native/first_sight.h"
 #include "workers/wiki/citation_refresh.h"
@@ -54,9 +55,13 @@ struct Outcome {
   // Carried from where the wiki was last refreshed, before the refresh (see history.h).
   std::vector<FollowedRename> renamed;
   std::map<std::string, std::int64_t> translated;  // page id -> citations
-  std::vector<CarriedLines> carried;               // each citation carried to other lines
   // New citations whose prose names a declaration that does not hold their lines.
   std::vector<Misnamed> misnamed;
+  // Every finding above, one per citation on its page, in page order, then page line and column;
+  // with the citations whose lines cannot be in any file (invalid).
+  std::vector<Finding> findings;
+  // Whether a finding needs action: with --check, whether the docs are stale.
+  bool stale = false;
 };
 
 // Runs the command. Notes and progress go to stderr (none when quiet); errors are exceptions.

@@ -36,7 +36,7 @@ def test_branches_carry_check_and_merge_alike(repo, tmp_path):
     repo.commit("inside")
     check = repo.run("--check")
     assert check.returncode == 1, check.stderr
-    assert "h: src/h.py L3-L3 -> L4-L4 (would be carried)" in check.stdout.splitlines()
+    assert "docs/h.md:1:15: src/h.py#L3 -> #L4 (would be carried)" in check.stdout.splitlines()
 
     # A fresh shallow clone of the branch (no local store, no older blobs) tells the same.
     clone = Repo(tmp_path / "clone")
@@ -85,7 +85,7 @@ def test_the_committed_anchors_file_rules_over_the_store(repo):
     file.write_text(json.dumps(pages))
     removed = repo.run("--check")
     assert removed.returncode == 1
-    assert "h: src/h.py L3-L3 (not anchored yet; run citation-refresh)" in removed.stdout
+    assert "docs/h.md:1:1: src/h.py#L3 (not anchored yet)" in removed.stdout.splitlines()
     anchored = repo.run("--json")
     assert json.loads(anchored.stdout)["lost"] == [], anchored.stdout
     assert repo.run("--check").returncode == 0

@@ -131,7 +131,9 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
     make_repo(repo)
     first = repo.run("--json")
     assert first.returncode == 0, first.stderr
-    assert json.loads(first.stdout) == {"repaired": 0, "unrepairable": 0, "pages_written": 0,
+    assert json.loads(first.stdout) == {"version": 1, "stale": False, "written": True,
+                                        "busy": False, "findings": [],
+                                        "repaired": 0, "unrepairable": 0, "pages_written": 0,
                                         "lost": [], "moved": {}, "missing": [], "renamed": [],
                                         "translated": {}, "misnamed": []}
     assert {rel: repo.read(rel) for rel in PAGES} == PAGES  # nothing moved yet: no byte changes
@@ -159,8 +161,12 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
     in_clone = clone.run("--check", "--json")
     assert in_clone.returncode == 1, in_clone.stderr
     assert in_clone.stderr.count("not in this repository (a shallow clone") == 1
-    assert json.loads(in_clone.stdout) == {**reported, "moved": TRANSLATED, "missing": MISSING,
-                                           "renamed": [], "translated": {}, "misnamed": []}
+    cloned = json.loads(in_clone.stdout)
+    assert cloned == {**reported, "moved": TRANSLATED, "missing": MISSING, "renamed": [],
+                      "translated": {}, "misnamed": [], "findings": cloned["findings"]}
+    # The same citations at the same places; the clone moves what history carried.
+    assert [(f["page"], f["line"], f["column"]) for f in cloned["findings"]] == [
+        (f["page"], f["line"], f["column"]) for f in reported["findings"]]
     assert not (clone.root / ".git" / "citation-refresh.db").exists()
 
     second = repo.run("--json")
@@ -177,9 +183,10 @@ def test_workflow_moves_reports_and_settles(repo, tmp_path):
     third = repo.run()
     assert third.returncode == 0, third.stderr
     assert third.stdout.splitlines() == [
+        "docs/shapes.md:6:27: src/shapes.py#L12-L13 (lost: `total_area` is gone)",
+        "docs/shapes.md:7:11: src/shapes.py#L16-L17 (lost: `largest` is gone)",
         "0 citations repaired, 0 pages written, 2 lost",
-        "shapes: src/shapes.py L12-L13 (total_area)",
-        "shapes: src/shapes.py L16-L17 (largest)"]
+        "fix these citations by hand: give each link the path and lines it should cite now"]
     assert wiki_state(repo) == settled  # bytes and mtimes
 
     # --check passes only once nothing is lost or missing.
@@ -203,8 +210,11 @@ def test_a_busy_wiki_is_only_reported(repo):
         fcntl.flock(lock, fcntl.LOCK_EX)
         before = repo.snapshot()
         busy = repo.run("--json")
-        assert busy.returncode == 0 and "being written; reporting only" in busy.stderr
-        assert json.loads(busy.stdout)["translated"] == TRANSLATED
+        # Its own exit code: a script tells a run that wrote nothing from one that wrote.
+        assert busy.returncode == 3 and "being written; reporting only" in busy.stderr
+        reported = json.loads(busy.stdout)
+        assert reported["translated"] == TRANSLATED and reported["busy"] and reported["stale"]
+        assert not reported["written"]
         assert repo.snapshot() == before
     assert json.loads(repo.run("--json").stdout)["translated"] == TRANSLATED
 
@@ -215,7 +225,7 @@ def test_two_runs_at_once_leave_the_wiki_consistent(repo):
     change_code(repo)
     runs = [repo.start("--json"), repo.start("--json"), repo.start("--check", "--json")]
     results = [(p.wait(), json.loads(p.stdout.read())) for p in runs]
-    assert [code for code, _ in results] == [0, 0, 1]
+    assert [code for code, _ in results] in ([0, 0, 1], [0, 3, 1], [3, 0, 1])
     # One writer carried the citations; the other found them carried (0), or the wiki busy and
     # reported what a writer would carry (3). Carried twice, the pages would be wrong.
     assert sorted(sum(r["translated"].values()) + r["repaired"] for _, r in results[:2]) in (
@@ -272,8 +282,7 @@ def test_outside_git_and_without_anchors(tmp_path):
     told = outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check")
     # Without an anchors file nothing is anchored yet: --check says so, and what to run.
     assert told.returncode == 1 and "anchoring citations from their prose" in told.stderr
-    assert told.stdout.splitlines()[1:] == [
-        "page: util.py L1-L2 (not anchored yet; run citation-refresh)"]
+    assert told.stdout.splitlines()[0] == "w/page.md:1:5: util.py#L1-L2 (not anchored yet)"
     quiet = outside.run("--repo", ".", "--wiki", "w", "--branch", "b", "--check", "-q")
     assert quiet.stderr == "" and quiet.returncode == 1
     assert not (tmp_path / ".citation-refresh.db").exists()
