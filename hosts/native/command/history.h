@@ -15,6 +15,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "hosts/native/command/git_plumbing.h"
+#include "hosts/native/command/hunks.h"
 #include "hosts/native/landing.h"
 #include "hosts/native/store.h"
 #include "workers/wiki/repo_facts.h"
@@ -31,24 +33,6 @@ namespace wiki = tolbarrow::workers::wiki;
 // anchors file's writer gives them anew from the work tree (place_records).
 inline constexpr const char* kBlobMember = "blob";
 inline constexpr const char* kTextMember = "text";
-
-// The git blob id of each of `paths` as the work tree holds it now (git's null id, forty zeros,
-// for one that is gone); one `git status`, one `git ls-files` and, for the files that differ
-// from git's index, one `git hash-object`. With `keep_blobs`, those contents are written to git's
-// object store, so that a later run can diff from them. `wiki`, the wiki directory relative to
-// the root (wiki_in), is left out of the status but for the cited files in it. Empty when the
-// root is no git work tree.
-std::map<std::string, std::string> work_tree_blobs(const std::filesystem::path& root,
-                                                   const std::vector<std::string>& paths,
-                                                   bool keep_blobs, const std::string& wiki = {});
-
-// One text for the work tree's state of the cited files: equal texts, the same content of every
-// one of them. A run that finds the state its records were last carried to has nothing to carry.
-std::string state_of(const std::map<std::string, std::string>& blobs);
-
-// The wiki directory `wiki_dir` relative to the repository root `root`, as work_tree_blobs takes
-// it: "" when it is not inside the root.
-std::string wiki_in(const std::filesystem::path& root, const std::filesystem::path& wiki_dir);
 
 // Gives the records of an anchors file of the first format their `blob` from the work tree's
 // mark that file kept for the branch under "refreshed" (`marks`; the one mark there when none is
@@ -122,61 +106,6 @@ Carried carry(SqliteStore& store, const std::string& branch, const std::filesyst
 
 // ---- The carrying's parts ----
 namespace detail {
-
-// One hunk of `git diff -U0`: old lines [old_start, old_start + old_count) became new lines
-// [new_start, new_start + new_count). A count of 0 is an insertion (or removal) after the start.
-struct Hunk {
-  wiki::Line old_start, old_count, new_start, new_count;
-};
-
-// Old line -> new line through one file's hunks.
-class LineMap {
- public:
-  explicit LineMap(std::vector<Hunk> hunks) : hunks_(std::move(hunks)) {}
-
-  // The new line of an old line that git says is unchanged; nullopt for a changed line.
-  std::optional<wiki::Line> unchanged(wiki::Line n) const {
-    wiki::Line delta = 0;
-    for (const Hunk& h : hunks_) {
-      if (h.old_count > 0 && h.old_start <= n && n < h.old_start + h.old_count) return std::nullopt;
-      const wiki::Line after = h.old_count > 0 ? h.old_start + h.old_count : h.old_start + 1;
-      if (n >= after) delta += h.new_count - h.old_count;
-    }
-    return n + delta;
-  }
-
-  // The old line of a new line that git says is unchanged; nullopt for a changed line.
-  std::optional<wiki::Line> old_of(wiki::Line n) const {
-    wiki::Line delta = 0;
-    for (const Hunk& h : hunks_) {
-      if (h.new_count > 0 && h.new_start <= n && n < h.new_start + h.new_count) return std::nullopt;
-      const wiki::Line after = h.new_count > 0 ? h.new_start + h.new_count : h.new_start + 1;
-      if (n >= after) delta += h.old_count - h.new_count;
-    }
-    return n + delta;
-  }
-
-  // The new line of an old line, also for a line changed in place: one of a hunk that replaced
-  // as many lines as it removed takes the same place among the new ones.
-  std::optional<wiki::Line> in_place(wiki::Line n) const {
-    if (auto line = unchanged(n)) return line;
-    for (const Hunk& h : hunks_) {
-      if (h.old_start <= n && n < h.old_start + h.old_count && h.old_count == h.new_count) {
-        return h.new_start + (n - h.old_start);
-      }
-    }
-    return std::nullopt;
-  }
-
- private:
-  std::vector<Hunk> hunks_;
-};
-
-// The hunks of a `git diff -U0` output.
-std::vector<Hunk> parse_hunks(const std::string& diff);
-
-// Old path -> new path from the output of `git diff --name-status -z --diff-filter=R`.
-std::map<std::string, std::string> parse_renames(std::string_view name_status);
 
 // `record` carried through `map`: its lines translated when git says both are unchanged, its
 // declaration's first and last line then too (a changed one keeps its distance from the cited

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "hosts/native/command/anchors.h"
+#include "hosts/native/command/git_repo_for_tests.h"
 #include "hosts/native/indexer.h"
 #include "hosts/native/process.h"
 #include "tests/temp_dir.h"
@@ -13,8 +14,6 @@
 namespace tolbarrow::hosts::native::command {
 namespace {
 
-using detail::LineMap;
-using detail::parse_hunks;
 using wiki::Record;
 
 // The hash of a citation's text: its lines without their ends and trailing white space, so that
@@ -133,50 +132,6 @@ TEST(Anchors, TextMadePageByPageIsTheDump) {
   }
 }
 
-TEST(History, ParsesRenames) {
-  using namespace std::string_literals;
-  EXPECT_EQ(detail::parse_renames("R100\0src/a.py\0lib/a.py\0R087\0b c.py\0d\ne.py\0"s),
-            (std::map<std::string, std::string>{{"src/a.py", "lib/a.py"}, {"b c.py", "d\ne.py"}}));
-  EXPECT_TRUE(detail::parse_renames("").empty());
-}
-
-// Old line -> new line through hunk headers of `git diff -U0` (other lines of the diff ignored).
-TEST(History, TranslatesLinesThroughHunks) {
-  struct Case {
-    const char* name;
-    std::string diff;
-    std::vector<std::pair<wiki::Line, std::optional<wiki::Line>>> unchanged, in_place;
-  };
-  const Case cases[] = {
-      {"two lines inserted after line 3",
-       "@@ -3,0 +4,2 @@\n+a\n+b\n",
-       {{1, 1}, {3, 3}, {4, 6}, {9, 11}},
-       {}},
-      {"lines 2-3 deleted",
-       "@@ -2,2 +1,0 @@\n-a\n-b\n",
-       {{1, 1}, {2, std::nullopt}, {3, std::nullopt}, {4, 2}},
-       {{2, std::nullopt}}},
-      {"lines 4-5 became three",
-       "@@ -4,2 +4,3 @@\n",
-       {{3, 3}, {4, std::nullopt}, {5, std::nullopt}, {6, 7}},
-       {{4, std::nullopt}, {5, std::nullopt}}},
-      {"line 6 changed in place after two inserted",
-       "@@ -1,0 +2,2 @@\n@@ -6 +8 @@\n",
-       {{1, 1}, {5, 7}, {6, std::nullopt}, {7, 9}},
-       {{6, 8}, {7, 9}}},
-      {"inserted before the first line", "@@ -0,0 +1,2 @@\n", {{1, 3}, {2, 4}}, {}},
-      {"last line deleted", "@@ -10 +9,0 @@\n", {{9, 9}, {10, std::nullopt}}, {}},
-      {"line appended after the last", "@@ -10,0 +11 @@\n", {{10, 10}}, {}},
-      {"no hunks", "diff --git a/x b/x\n", {{1, 1}, {100, 100}}, {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const LineMap map(parse_hunks(c.diff));
-    for (const auto& [line, want] : c.unchanged) EXPECT_EQ(map.unchanged(line), want) << line;
-    for (const auto& [line, want] : c.in_place) EXPECT_EQ(map.in_place(line), want) << line;
-  }
-}
-
 Record record(wiki::Line start, wiki::Line end, wiki::Line symbol_start, wiki::Line symbol_end) {
   return {{"path", "a.py"},  {"line_start", start},          {"line_end", end},
           {"symbol", "A.f"}, {"symbol_start", symbol_start}, {"symbol_end", symbol_end},
@@ -240,141 +195,6 @@ TEST(History, CarriesACitationWithinTheDeclarationFoundAgain) {
 }
 
 namespace fs = std::filesystem;
-
-// A git work tree in a temporary directory; a git command that fails fails the test.
-class GitRepo {
- public:
-  GitRepo() { git({"init", "-q"}); }
-  const fs::path& root() const { return root_; }
-  std::string git(std::vector<std::string> args, std::string_view input = {}) const {
-    args.insert(args.begin(), {"git", "-c", "user.name=t", "-c", "user.email=t@example.org", "-c",
-                               "commit.gpgsign=false"});
-    const ProcessResult result = run_process(args, root_, input);
-    EXPECT_EQ(result.exit_code, 0) << args[7] << ": " << result.err;
-    return result.out;
-  }
-  void write(const std::string& rel, const std::string& text) const { dir_.write(rel, text); }
-  void commit() const {
-    git({"add", "-A"});
-    git({"commit", "-q", "-m", "change"});
-  }
-  std::string head() const { return git({"rev-parse", "HEAD"}).substr(0, 40); }
-  // The blob id git gives `text`, without storing it.
-  std::string blob(const std::string& text) const {
-    return git({"hash-object", "--stdin"}, text).substr(0, 40);
-  }
-  bool has_object(const std::string& id) const {
-    return run_process({"git", "cat-file", "-e", id}, root_).exit_code == 0;
-  }
-
- private:
-  testing::TempDir dir_;
-  fs::path root_ = canonical_root(dir_.path());
-};
-
-// The blob of each cited file as the work tree holds it, over a real repository: the index's for
-// a file as it holds it, the content's for one that differs or is untracked, git's null id for one
-// that is gone. Only with keep_blobs are contents written to git's object store.
-TEST(History, TellsTheBlobOfEachCitedFileNow) {
-  struct Case {
-    const char* name;
-    std::function<void(const GitRepo&)> change;
-    std::map<std::string, std::optional<std::string>> cited;  // path -> its text; nullopt: gone
-  };
-  const Case cases[] = {
-      {"nothing changed", [](const GitRepo&) {}, {{"a.py", "x = 1\n"}, {"b.py", "y = 1\n"}}},
-      {"a cited file edited",
-       [](const GitRepo& r) { r.write("a.py", "x = 2\n"); },
-       {{"a.py", "x = 2\n"}, {"b.py", "y = 1\n"}}},
-      {"an edit staged",
-       [](const GitRepo& r) {
-         r.write("a.py", "x = 3\n");
-         r.git({"add", "."});
-       },
-       {{"a.py", "x = 3\n"}}},
-      {"an untracked cited file",
-       [](const GitRepo& r) { r.write("new.py", "z = 1\n"); },
-       {{"new.py", "z = 1\n"}, {"a.py", "x = 1\n"}}},
-      {"a cited file deleted",
-       [](const GitRepo& r) { fs::remove(r.root() / "a.py"); },
-       {{"a.py", std::nullopt}, {"b.py", "y = 1\n"}}},
-      {"a cited file moved, the move not added",
-       [](const GitRepo& r) { fs::rename(r.root() / "a.py", r.root() / "c.py"); },
-       {{"a.py", std::nullopt}, {"c.py", "x = 1\n"}}},
-      {"a cited file replaced by a directory",
-       [](const GitRepo& r) {
-         fs::remove(r.root() / "a.py");
-         r.write("a.py/in.py", "w = 1\n");
-       },
-       {{"a.py", std::nullopt}}},
-      {"an edit committed",
-       [](const GitRepo& r) {
-         r.write("a.py", "x = 4\n");
-         r.commit();
-       },
-       {{"a.py", "x = 4\n"}}},
-      {"a cited path that never was", [](const GitRepo&) {}, {{"nowhere.py", std::nullopt}}},
-      {"a page of the wiki edited, a file in it cited",
-       [](const GitRepo& r) {
-         r.write("docs/p.md", "edited\n");
-         r.write("docs/cited.txt", "c = 1\n");
-       },
-       {{"a.py", "x = 1\n"}, {"docs/cited.txt", "c = 1\n"}}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    GitRepo repo;
-    repo.write("a.py", "x = 1\n");
-    repo.write("b.py", "y = 1\n");
-    repo.commit();
-    c.change(repo);
-    std::map<std::string, std::string> want;
-    std::vector<std::string> paths;
-    for (const auto& [path, text] : c.cited) {
-      want[path] = text ? repo.blob(*text) : std::string(40, '0');
-      paths.push_back(path);
-    }
-    std::map<std::string, bool> stored;  // blob -> whether git holds it before
-    for (const auto& [path, blob] : want) stored[blob] = repo.has_object(blob);
-    EXPECT_EQ(work_tree_blobs(repo.root(), paths, false, "docs"), want);
-    for (const auto& [blob, held] : stored) EXPECT_EQ(repo.has_object(blob), held) << blob;
-    EXPECT_EQ(work_tree_blobs(repo.root(), paths, true, "docs"), want);
-    for (const auto& [path, text] : c.cited) {
-      if (text) {
-        EXPECT_TRUE(repo.has_object(want[path])) << path;
-      }
-    }
-  }
-  testing::TempDir no_git;
-  EXPECT_TRUE(work_tree_blobs(no_git.path(), {"a.py"}, true).empty());
-}
-
-// The wiki directory as the work tree's mark leaves it out: only a directory strictly inside the
-// root may be left out, else git status would be told to skip the whole tree or a path outside.
-TEST(History, TellsTheWikiDirectoryInsideTheRoot) {
-  testing::TempDir dir;
-  const fs::path root = fs::canonical(dir.path()) / "repo";
-  fs::create_directories(root / "docs" / "wiki");
-  fs::create_directories(dir.path() / "elsewhere");
-  fs::create_directory_symlink(root / "docs", root / "linked");
-  const struct {
-    fs::path wiki;
-    std::string want;
-  } cases[] = {
-      {root / "docs", "docs"},
-      {root / "docs/", "docs"},
-      {root / "docs" / "wiki", "docs/wiki"},
-      {root / "linked", "docs"},  // by where the link leads
-      {root / "not-yet", "not-yet"},
-      {root, ""},
-      {root / ".", ""},
-      {dir.path() / "elsewhere", ""},
-      {root / ".." / "elsewhere", ""},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(wiki_in(root, c.wiki), c.want) << c.wiki;
-  }
-}
 
 // carry() as a run calls it, for branch "main" and the wiki directory docs/.
 // A run passes the paths its pages cite, which answer an unchanged work tree alone; reporting
