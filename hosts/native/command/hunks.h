@@ -26,26 +26,10 @@ class LineMap {
   explicit LineMap(std::vector<Hunk> hunks) : hunks_(std::move(hunks)) {}
 
   // The new line of an old line that git says is unchanged; nullopt for a changed line.
-  std::optional<wiki::Line> unchanged(wiki::Line n) const {
-    wiki::Line delta = 0;
-    for (const Hunk& h : hunks_) {
-      if (h.old_count > 0 && h.old_start <= n && n < h.old_start + h.old_count) return std::nullopt;
-      const wiki::Line after = h.old_count > 0 ? h.old_start + h.old_count : h.old_start + 1;
-      if (n >= after) delta += h.new_count - h.old_count;
-    }
-    return n + delta;
-  }
+  std::optional<wiki::Line> unchanged(wiki::Line n) const { return across(n, false); }
 
   // The old line of a new line that git says is unchanged; nullopt for a changed line.
-  std::optional<wiki::Line> old_of(wiki::Line n) const {
-    wiki::Line delta = 0;
-    for (const Hunk& h : hunks_) {
-      if (h.new_count > 0 && h.new_start <= n && n < h.new_start + h.new_count) return std::nullopt;
-      const wiki::Line after = h.new_count > 0 ? h.new_start + h.new_count : h.new_start + 1;
-      if (n >= after) delta += h.old_count - h.new_count;
-    }
-    return n + delta;
-  }
+  std::optional<wiki::Line> old_of(wiki::Line n) const { return across(n, true); }
 
   // The new line of an old line, also for a line changed in place: one of a hunk that replaced
   // as many lines as it removed takes the same place among the new ones.
@@ -60,6 +44,20 @@ class LineMap {
   }
 
  private:
+  // Line `n` of one side of the hunks (the old one; `backwards`: the new one) on the other side,
+  // when no hunk changed it.
+  std::optional<wiki::Line> across(wiki::Line n, bool backwards) const {
+    wiki::Line delta = 0;
+    for (const Hunk& h : hunks_) {
+      const wiki::Line start = backwards ? h.new_start : h.old_start;
+      const wiki::Line count = backwards ? h.new_count : h.old_count;
+      const wiki::Line other = backwards ? h.old_count : h.new_count;
+      if (count > 0 && start <= n && n < start + count) return std::nullopt;
+      if (n >= (count > 0 ? start + count : start + 1)) delta += other - count;
+    }
+    return n + delta;
+  }
+
   std::vector<Hunk> hunks_;
 };
 

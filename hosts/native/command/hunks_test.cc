@@ -12,7 +12,8 @@ TEST(Hunks, ParsesRenames) {
   EXPECT_TRUE(parse_renames("").empty());
 }
 
-// Old line -> new line through hunk headers of `git diff -U0` (other lines of the diff ignored).
+// Old line -> new line through hunk headers of `git diff -U0` (other lines of the diff ignored),
+// and an unchanged line back.
 TEST(Hunks, TranslatesLinesThroughHunks) {
   struct Case {
     const char* name;
@@ -44,7 +45,10 @@ TEST(Hunks, TranslatesLinesThroughHunks) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const LineMap map(parse_hunks(c.diff));
-    for (const auto& [line, want] : c.unchanged) EXPECT_EQ(map.unchanged(line), want) << line;
+    for (const auto& [line, want] : c.unchanged) {
+      EXPECT_EQ(map.unchanged(line), want) << line;
+      if (want) EXPECT_EQ(map.old_of(*want), line) << *want;  // and back
+    }
     for (const auto& [line, want] : c.in_place) EXPECT_EQ(map.in_place(line), want) << line;
   }
 }
