@@ -13,6 +13,7 @@
 
 namespace tolbarrow::hosts::native {
 namespace fs = std::filesystem;
+using wiki::write_all;
 namespace {
 
 [[noreturn]] void fail(const std::string& what, const fs::path& path, int error) {
@@ -29,17 +30,6 @@ struct Fd {
     if (fd >= 0) ::close(fd);
   }
 };
-
-void write_all(int fd, std::string_view content, const fs::path& path) {
-  while (!content.empty()) {
-    const ssize_t n = ::write(fd, content.data(), content.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      fail("cannot write", path, errno);
-    }
-    content.remove_prefix(static_cast<std::size_t>(n));
-  }
-}
 
 bool inside(const fs::path& file, const fs::path& dir) {
   return std::mismatch(dir.begin(), dir.end(), file.begin(), file.end()).first == dir.end();

@@ -25,6 +25,8 @@ struct Fd {
   }
 };
 
+}  // namespace
+
 void write_all(int fd, std::string_view content, const fs::path& path) {
   while (!content.empty()) {
     const ssize_t n = ::write(fd, content.data(), content.size());
@@ -35,8 +37,6 @@ void write_all(int fd, std::string_view content, const fs::path& path) {
     content.remove_prefix(static_cast<std::size_t>(n));
   }
 }
-
-}  // namespace
 
 bool RealFileSystem::is_file(const fs::path& path) {
   std::error_code error;

@@ -28,6 +28,10 @@ class FileSystem {
   virtual void remove_file(const std::filesystem::path& path) = 0;
 };
 
+// Writes all of `content` to the descriptor `fd`, again after an interrupted write; a failure
+// throws std::filesystem::filesystem_error naming `path`.
+void write_all(int fd, std::string_view content, const std::filesystem::path& path);
+
 // The operating system's file system. atomic_write writes a temporary file in the same
 // directory, flushes it to disk, renames it over the file (keeping the file's mode) and flushes
 // the directory.
