@@ -108,46 +108,55 @@ std::optional<wiki::Line> line_number(std::string_view text, std::size_t& at) {
   return value;
 }
 
-// A line fragment (after '#'): Lx, Lx-Ly, each line with an optional column (L4C1-L9C5).
+// A line fragment (after '#'): Lx, Lx-Ly, each line with an optional column (L4C1-L9C5); with
+// `bare`, also GitLab's Lx-y.
 struct Fragment {
   wiki::Line first = 0, last = 0;
   std::string_view first_column, last_column;  // "C1", or empty
   bool has_last = false;
+  bool bare_last = false;  // the last line written without its 'L'
 };
 
-std::optional<Fragment> parse_fragment(std::string_view text) {
+std::optional<Fragment> parse_fragment(std::string_view text, bool bare = false) {
   Fragment f;
   std::size_t at = 0;
-  auto part = [&](wiki::Line& line, std::string_view& column) {
-    if (at >= text.size() || text[at] != 'L') return false;
-    ++at;
+  auto part = [&](wiki::Line& line, std::string_view& column, bool may_be_bare) {
+    if (at < text.size() && text[at] == 'L') {
+      ++at;
+    } else if (!may_be_bare) {
+      return false;
+    } else {
+      f.bare_last = true;
+    }
     const auto number = line_number(text, at);
     if (!number) return false;
     line = *number;
-    if (at < text.size() && text[at] == 'C') {
+    if (at < text.size() && text[at] == 'C' && !f.bare_last) {
       const std::size_t c = at++;
       if (!line_number(text, at)) return false;
       column = text.substr(c, at - c);
     }
     return true;
   };
-  if (!part(f.first, f.first_column)) return std::nullopt;
+  if (!part(f.first, f.first_column, false)) return std::nullopt;
   f.last = f.first;
   if (at < text.size() && text[at] == '-') {
     ++at;
-    if (!part(f.last, f.last_column)) return std::nullopt;
+    if (!part(f.last, f.last_column, bare)) return std::nullopt;
     f.has_last = true;
   }
   if (at != text.size()) return std::nullopt;
   return f;
 }
 
-// The fragment `f` at new lines `first`..`last`, columns as written.
-std::string fragment_text(const Fragment& f, wiki::Line first, wiki::Line last) {
+// The fragment `f` at new lines `first`..`last`, columns as written; the last line without its
+// 'L' where `bare` (GitLab's form).
+std::string fragment_text(const Fragment& f, wiki::Line first, wiki::Line last, bool bare) {
   std::string out = "L" + std::to_string(first);
   out += f.first_column;
   if (last != first || !f.last_column.empty()) {
-    out += "-L" + std::to_string(last);
+    out += bare ? "-" : "-L";
+    out += std::to_string(last);
     out += f.last_column;
   }
   return out;
@@ -199,6 +208,79 @@ bool has_scheme(std::string_view dest) {
     }
   }
   return false;
+}
+
+bool same_letters(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+bool is_commit_id(std::string_view ref) {
+  return ref.size() >= 7 && ref.size() <= 40 && std::all_of(ref.begin(), ref.end(), [](char c) {
+           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+         });
+}
+
+// Where a forge link's parts stand in its destination (offsets into it); nullopt when the
+// destination is no file link of `forge`'s repository.
+struct ForgeTarget {
+  std::size_t ref_begin, ref_end, path_begin, path_end;
+  bool permalink, gitlab;
+};
+
+std::optional<ForgeTarget> forge_target(std::string_view dest, const Forge& forge) {
+  std::size_t at;
+  if (dest.size() > 8 && same_letters(dest.substr(0, 8), "https://")) {
+    at = 8;
+  } else if (dest.size() > 7 && same_letters(dest.substr(0, 7), "http://")) {
+    at = 7;
+  } else {
+    return std::nullopt;
+  }
+  const std::size_t host_end = dest.find('/', at);
+  if (host_end == kNone) return std::nullopt;
+  std::string_view host = dest.substr(at, host_end - at);
+  if (const std::size_t user = host.rfind('@'); user != kNone) host.remove_prefix(user + 1);
+  if (!same_letters(host, forge.host)) return std::nullopt;
+  at = host_end + 1;
+  if (dest.size() < at + forge.path.size() + 1 ||
+      !same_letters(dest.substr(at, forge.path.size()), forge.path) ||
+      dest[at + forge.path.size()] != '/') {
+    return std::nullopt;
+  }
+  at += forge.path.size() + 1;
+  ForgeTarget t{};
+  if (dest.substr(at).starts_with("-/blob/")) {
+    t.gitlab = true;
+    at += 7;
+  } else if (dest.substr(at).starts_with("blob/")) {
+    at += 5;
+  } else {
+    return std::nullopt;
+  }
+  const std::size_t end = std::min(dest.find('?', at), dest.find('#', at));
+  if (end == kNone) return std::nullopt;
+  const std::string_view rest = dest.substr(at, end - at);
+  // The longest name of a branch or tag that the rest starts with, up to a '/'; else its first
+  // name.
+  std::size_t ref_size = kNone;
+  bool named = false;
+  for (std::size_t slash = rest.rfind('/'); slash != kNone && slash > 0;
+       slash = rest.rfind('/', slash - 1)) {
+    ref_size = slash;
+    named = std::binary_search(forge.refs.begin(), forge.refs.end(), rest.substr(0, slash));
+    if (named) break;
+  }
+  if (!named) ref_size = std::min(rest.find('/'), rest.size());
+  if (ref_size == 0 || ref_size + 1 >= rest.size()) return std::nullopt;
+  t.ref_begin = at;
+  t.ref_end = at + ref_size;
+  t.path_begin = t.ref_end + 1;
+  t.path_end = end;
+  t.permalink = !named && is_commit_id(rest.substr(0, ref_size));
+  return t;
 }
 
 // The last '[' in [from, to], or kNone.
@@ -258,7 +340,8 @@ std::string page_folder(const fs::path& repo_root, const fs::path& page_file) {
   return out == "." ? std::string() : out;
 }
 
-std::vector<WrittenCitation> written_citations(std::string_view page, std::string_view folder) {
+std::vector<WrittenCitation> written_citations(std::string_view page, std::string_view folder,
+                                               const Forge* forge) {
   std::vector<WrittenCitation> out;
   const std::vector<ParsedLink> links = parsed_links(page);
   out.reserve(links.size());
@@ -267,11 +350,17 @@ std::vector<WrittenCitation> written_citations(std::string_view page, std::strin
     const std::string_view dest = page.substr(link.href, link.href_size);
     const std::size_t hash = dest.find('#');
     if (hash == kNone || hash == 0) continue;
-    const std::string_view path = dest.substr(0, hash);
-    if (has_scheme(path) || path.starts_with("//") || path.find('?') != kNone) continue;
-    const auto fragment = parse_fragment(dest.substr(hash + 1));
+    std::optional<ForgeTarget> on_forge;
+    if (forge != nullptr && has_scheme(dest)) on_forge = forge_target(dest, *forge);
+    const std::string_view path =
+        on_forge ? dest.substr(on_forge->path_begin, on_forge->path_end - on_forge->path_begin)
+                 : dest.substr(0, hash);
+    if (!on_forge && (has_scheme(path) || path.starts_with("//") || path.find('?') != kNone)) {
+      continue;
+    }
+    const auto fragment = parse_fragment(dest.substr(hash + 1), on_forge.has_value());
     if (!fragment) continue;
-    const auto resolved = resolve(percent_decode(path), folder);
+    const auto resolved = resolve(percent_decode(path), on_forge ? std::string_view() : folder);
     if (!resolved) continue;
 
     // What stands before the destination tells the form: "(" an inline link, ":" a definition.
@@ -283,10 +372,17 @@ std::vector<WrittenCitation> written_citations(std::string_view page, std::strin
     }
     if (before == 0) continue;
     WrittenCitation c;
-    c.path_begin = link.href;
-    c.path_end = link.href + hash;
-    c.fragment_begin = c.path_end + 1;
+    c.path_begin = link.href + (on_forge ? on_forge->path_begin : 0);
+    c.path_end = link.href + (on_forge ? on_forge->path_end : hash);
+    c.fragment_begin = link.href + hash + 1;
     c.fragment_end = link.href + link.href_size;
+    if (on_forge) {
+      c.ref_begin = link.href + on_forge->ref_begin;
+      c.ref_end = link.href + on_forge->ref_end;
+      c.permalink = on_forge->permalink;
+      // GitLab's form writes a range's last line bare, when it is written there at all.
+      c.bare_last = fragment->bare_last || (on_forge->gitlab && !fragment->has_last);
+    }
     c.key = {*resolved, fragment->first, fragment->last};
     const std::size_t text_from = link.first_text != kNone ? link.first_text : kNone;
     if (page[before - 1] == '(') {
@@ -332,7 +428,7 @@ std::vector<WrittenCitation> written_citations(std::string_view page, std::strin
 
 const std::vector<WrittenCitation>& MarkdownCitationSyntax::citations(const wiki::Text& text) {
   if (cached_id_ != text.id() || cached_folder_ != folder_) {
-    cached_ = written_citations(text.str(), folder_);
+    cached_ = written_citations(text.str(), folder_, forge_.get());
     cached_id_ = text.id();
     cached_folder_ = folder_;
   }
@@ -343,7 +439,15 @@ void MarkdownCitationSyntax::find(const wiki::Text& text,
                                   const std::function<void(const wiki::Citation&)>& each) {
   // A copy: `each` may call back into this syntax with another text.
   const std::vector<WrittenCitation> found = citations(text);
-  for (const WrittenCitation& c : found) each(wiki::Citation{c.key, text.point_at(c.begin)});
+  for (const WrittenCitation& c : found) {
+    if (!c.permalink) each(wiki::Citation{c.key, text.point_at(c.begin)});
+  }
+}
+
+bool MarkdownCitationSyntax::has_permalink(const wiki::Text& text) {
+  const std::vector<WrittenCitation>& found = citations(text);
+  return std::any_of(found.begin(), found.end(),
+                     [](const WrittenCitation& c) { return c.permalink; });
 }
 
 std::optional<std::size_t> MarkdownCitationSyntax::last_end(const wiki::Text& text,
@@ -355,7 +459,7 @@ std::optional<std::size_t> MarkdownCitationSyntax::last_end(const wiki::Text& te
                              [](const WrittenCitation& c, std::size_t b) { return c.begin < b; });
   std::optional<std::size_t> last;
   for (; it != found.end() && it->begin < to; ++it) {
-    if (it->end <= to && (!last || it->end > *last)) last = it->end;
+    if (!it->permalink && it->end <= to && (!last || it->end > *last)) last = it->end;
   }
   if (!last) return std::nullopt;
   return text.point_at(*last);
@@ -398,7 +502,14 @@ std::string replaced(
 }
 
 Fragment fragment_of(std::string_view text, const WrittenCitation& c) {
-  return *parse_fragment(text.substr(c.fragment_begin, c.fragment_end - c.fragment_begin));
+  return *parse_fragment(text.substr(c.fragment_begin, c.fragment_end - c.fragment_begin),
+                         c.ref_end > 0);
+}
+
+// The fragment of `c` at new lines, in the form it was written in.
+std::string new_fragment(std::string_view text, const WrittenCitation& c, wiki::Line first,
+                         wiki::Line last) {
+  return fragment_text(fragment_of(text, c), first, last, c.bare_last);
 }
 
 // `segment` (a file or folder name) as a destination holds it: %XX for the bytes that would end
@@ -458,6 +569,17 @@ std::string rewritten_path(std::string_view written, const std::string& to, std:
   return out;
 }
 
+// The bytes from `c`'s path to its fragment's end with the path made `to` (from the repository
+// root) in the form it was written in, and the fragment `lines`.
+std::string retargeted(std::string_view bytes, const WrittenCitation& c, const std::string& to,
+                       std::string_view folder, const std::string& lines) {
+  const bool angle = c.path_begin > 0 && bytes[c.path_begin - 1] == '<';
+  const std::string_view written = bytes.substr(c.path_begin, c.path_end - c.path_begin);
+  // A forge link's path is written from the root, with no '/' before it.
+  return rewritten_path(written, to, c.ref_end > 0 ? std::string_view() : folder, angle) +
+         std::string(bytes.substr(c.path_end, c.fragment_begin - c.path_end)) + lines;
+}
+
 }  // namespace
 
 std::string MarkdownCitationSyntax::rewrite(const wiki::Text& text, const wiki::Moves& moves) {
@@ -465,19 +587,70 @@ std::string MarkdownCitationSyntax::rewrite(const wiki::Text& text, const wiki::
   if (moves.empty()) return bytes;
   return replaced(bytes, citations(text), [&](const WrittenCitation& c) {
     std::optional<std::pair<std::size_t, std::string>> edit;
-    const wiki::Move* move = moves.find(c.key);
+    const wiki::Move* move = c.permalink ? nullptr : moves.find(c.key);
     if (move == nullptr) return edit;
-    const std::string lines = fragment_text(fragment_of(bytes, c), move->first, move->last);
+    const std::string lines = new_fragment(bytes, c, move->first, move->last);
     if (move->path.empty() || move->path == c.key.path) {
       edit.emplace(c.fragment_begin, lines);
     } else {
-      const bool angle = c.path_begin > 0 && bytes[c.path_begin - 1] == '<';
-      const std::string_view written =
-          std::string_view(bytes).substr(c.path_begin, c.path_end - c.path_begin);
-      edit.emplace(c.path_begin, rewritten_path(written, move->path, folder_, angle) + "#" + lines);
+      edit.emplace(c.path_begin, retargeted(bytes, c, move->path, folder_, lines));
     }
     return edit;
   });
+}
+
+std::string repointed(std::string_view text, const WrittenCitation& link, const std::string& commit,
+                      const std::string& path, wiki::LineRange lines) {
+  return replaced(text, {link}, [&](const WrittenCitation& c) {
+    const std::string fragment = new_fragment(text, c, lines.first, lines.last);
+    std::string bytes = commit;
+    bytes += text.substr(c.ref_end, c.path_begin - c.ref_end);
+    if (path == c.key.path) {
+      bytes += text.substr(c.path_begin, c.fragment_begin - c.path_begin);
+      bytes += fragment;
+    } else {
+      bytes += retargeted(text, c, path, "", fragment);
+    }
+    return std::optional(std::pair(c.ref_begin, std::move(bytes)));
+  });
+}
+
+std::optional<Forge> forge_of(std::string_view url) {
+  // scheme://[user@]host[:port]/path, or scp's [user@]host:path.
+  std::string_view host, path;
+  bool web = false;
+  if (const std::size_t scheme = url.find("://"); scheme != kNone) {
+    const std::string_view name = url.substr(0, scheme);
+    web = same_letters(name, "http") || same_letters(name, "https");
+    const std::string_view rest = url.substr(scheme + 3);
+    const std::size_t slash = rest.find('/');
+    if (slash == kNone) return std::nullopt;
+    host = rest.substr(0, slash);
+    path = rest.substr(slash + 1);
+  } else {
+    const std::size_t colon = url.find(':');
+    if (colon == kNone || url.find('/') < colon) return std::nullopt;
+    host = url.substr(0, colon);
+    path = url.substr(colon + 1);
+  }
+  if (const std::size_t user = host.rfind('@'); user != kNone) host.remove_prefix(user + 1);
+  // A web address's port is part of it; an ssh port is no web server's.
+  if (const std::size_t port = host.rfind(':'); port != kNone && !web) host = host.substr(0, port);
+  while (path.ends_with('/')) path.remove_suffix(1);
+  while (path.starts_with('/')) path.remove_prefix(1);
+  if (path.ends_with(".git")) path.remove_suffix(4);
+  // A web address of a page of the repository ("/o/r/-/tree/main", "/o/r/blob/...") names it.
+  for (const std::string_view part :
+       {std::string_view("/-/"), std::string_view("/blob/"), std::string_view("/tree/")}) {
+    if (const std::size_t at = path.find(part); web && at != kNone) path = path.substr(0, at);
+  }
+  if (host.empty() || path.empty()) return std::nullopt;
+  Forge forge;
+  forge.host.reserve(host.size());
+  for (const char c : host)
+    forge.host += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  forge.path = std::string(path);
+  return forge;
 }
 
 }  // namespace tolbarrow::hosts::native

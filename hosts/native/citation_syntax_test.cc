@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
+#include <memory>
+#include <optional>
 
 namespace tolbarrow::hosts::native {
 namespace {
@@ -282,6 +285,124 @@ INSTANTIATE_TEST_SUITE_P(
 
 namespace tolbarrow::hosts::native {
 namespace {
+
+// Links to this repository's files on its forge: what each cites (p: a permalink, found but not
+// given to the refresh), and the page after every citation found moved ten lines down.
+struct ForgeCase {
+  const char* name;
+  std::string text;
+  std::vector<Found> expected;
+  std::string moved;
+  std::size_t permalinks = 0;
+};
+
+void PrintTo(const ForgeCase& c, std::ostream* out) { *out << c.name; }
+
+class ForgeTest : public ::testing::TestWithParam<ForgeCase> {};
+
+TEST_P(ForgeTest, FindsAndRewritesThisRepositorysForgeLinks) {
+  const ForgeCase& c = GetParam();
+  MarkdownCitationSyntax syntax;
+  syntax.set_page_folder("docs");
+  syntax.set_forge(std::make_shared<const Forge>(Forge{"github.com", "o/r", {"feature/x"}}));
+  const Text text(c.text);
+  std::vector<Found> found;
+  wiki::Moves moves;
+  syntax.find(text, [&](const wiki::Citation& f) {
+    found.push_back({f.key.path, f.key.start, f.key.end, f.start});
+    moves.set(f.key, {f.key.start + 10, f.key.end + 10});
+  });
+  EXPECT_EQ(found, c.expected);
+  EXPECT_EQ(syntax.rewrite(text, moves), c.moved);
+  const auto all = written_citations(c.text, "docs", syntax.forge());
+  EXPECT_EQ(std::count_if(all.begin(), all.end(), [](const auto& w) { return w.permalink; }),
+            static_cast<std::ptrdiff_t>(c.permalinks));
+  EXPECT_EQ(syntax.has_permalink(text), c.permalinks > 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Syntax, ForgeTest,
+    ::testing::Values(
+        ForgeCase{"branch_and_gitlab_forms",
+                  "[a](https://github.com/o/r/blob/main/src/a.py#L3) "
+                  "[b](http://GitHub.com/O/R/-/blob/v1/src/b.py#L7-9)",
+                  {{"src/a.py", 3, 3, 0}, {"src/b.py", 7, 9, 50}},
+                  "[a](https://github.com/o/r/blob/main/src/a.py#L13) "
+                  "[b](http://GitHub.com/O/R/-/blob/v1/src/b.py#L17-19)"},
+        ForgeCase{"ref_with_a_slash_query_escapes",
+                  "[a](<https://github.com/o/r/blob/feature/x/my%20d/a.py?plain=1#L2-L4> \"t\")",
+                  {{"my d/a.py", 2, 4, 0}},
+                  "[a](<https://github.com/o/r/blob/feature/x/my%20d/a.py?plain=1#L12-L14> \"t\")"},
+        ForgeCase{"gitlab_form_beside_a_plain_link",
+                  "[a](https://github.com/o/r/-/blob/main/a.py#L5) [b](/a.py#L5)",
+                  {{"a.py", 5, 5, 0}, {"a.py", 5, 5, 48}},
+                  "[a](https://github.com/o/r/-/blob/main/a.py#L15) [b](/a.py#L15)"},
+        ForgeCase{
+            "permalinks_are_left_alone",
+            "[p](https://github.com/o/r/blob/1a2b3c4/src/a.py#L3) [q][d]\n\n"
+            "[d]: https://github.com/o/r/blob/0123456789abcdef0123456789abcdef01234567/a.py#L1\n",
+            {},
+            "[p](https://github.com/o/r/blob/1a2b3c4/src/a.py#L3) [q][d]\n\n"
+            "[d]: https://github.com/o/r/blob/0123456789abcdef0123456789abcdef01234567/a.py#L1\n",
+            2},
+        ForgeCase{
+            "not_this_repository",
+            "[a](https://github.com/o/r2/blob/main/a.py#L1) "
+            "[b](https://gitlab.com/o/r/blob/main/a.py#L1) "
+            "[c](https://github.com/o/r/tree/main/a.py#L1) "
+            "[d](https://github.com/o/r/blob/main#L1) [e](ftp://github.com/o/r/blob/m/a#L1)",
+            {},
+            "[a](https://github.com/o/r2/blob/main/a.py#L1) "
+            "[b](https://gitlab.com/o/r/blob/main/a.py#L1) "
+            "[c](https://github.com/o/r/tree/main/a.py#L1) "
+            "[d](https://github.com/o/r/blob/main#L1) [e](ftp://github.com/o/r/blob/m/a#L1)"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(Forge, RenamedFileKeepsTheFormAndAPermalinkIsRepointed) {
+  const Forge forge{"gitlab.com", "g/r", {}};
+  MarkdownCitationSyntax syntax;
+  syntax.set_forge(std::make_shared<const Forge>(forge));
+  const Text text("[a](https://gitlab.com/g/r/-/blob/main/src/a.py#L3-5)");
+  wiki::Moves moves;
+  moves.set({"src/a.py", 3, 5}, {4, 6, "lib/a b.py"});
+  EXPECT_EQ(syntax.rewrite(text, moves),
+            "[a](https://gitlab.com/g/r/-/blob/main/lib/a%20b.py#L4-6)");
+
+  const std::string page = "x [p](https://gitlab.com/g/r/-/blob/1a2b3c4/src/a.py?plain=1#L3-5) y";
+  const auto links = written_citations(page, "", &forge);
+  ASSERT_EQ(links.size(), 1u);
+  EXPECT_EQ(repointed(page, links[0], "9f8e7d6", "src/b.py", {7, 7}),
+            "x [p](https://gitlab.com/g/r/-/blob/9f8e7d6/src/b.py?plain=1#L7) y");
+  EXPECT_EQ(repointed(page, links[0], "9f8e7d6", "src/a.py", {7, 9}),
+            "x [p](https://gitlab.com/g/r/-/blob/9f8e7d6/src/a.py?plain=1#L7-9) y");
+  // GitLab's form writes a range that a single line grows into its own way.
+  const std::string one = "[p](https://gitlab.com/g/r/-/blob/1a2b3c4/a.py#L3)";
+  EXPECT_EQ(repointed(one, written_citations(one, "", &forge).at(0), "9f8e7d6", "a.py", {4, 6}),
+            "[p](https://gitlab.com/g/r/-/blob/9f8e7d6/a.py#L4-6)");
+}
+
+TEST(Forge, OfRemoteAndWebAddresses) {
+  struct Case {
+    const char* url;
+    std::optional<std::pair<std::string, std::string>> expected;
+  } cases[] = {
+      {"https://github.com/o/r.git", {{"github.com", "o/r"}}},
+      {"git@GitHub.com:o/r.git", {{"github.com", "o/r"}}},
+      {"ssh://git@gitlab.example.com:2222/g/sub/r.git", {{"gitlab.example.com", "g/sub/r"}}},
+      {"https://user@git.example.com:8443/g/r/", {{"git.example.com:8443", "g/r"}}},
+      {"https://gitlab.com/g/r/-/tree/main", {{"gitlab.com", "g/r"}}},
+      {"/srv/git/r.git", std::nullopt},
+      {"../r", std::nullopt},
+      {"https://github.com/", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    const std::optional<Forge> forge = forge_of(c.url);
+    ASSERT_EQ(forge.has_value(), c.expected.has_value()) << c.url;
+    if (forge) {
+      EXPECT_EQ(std::pair(forge->host, forge->path), *c.expected) << c.url;
+    }
+  }
+}
 
 // Pages made to be slow: runs and openers that close nothing. Each is scanned in about the time
 // of a plain page of its size (a search that rescanned the rest of the paragraph for each of them

@@ -205,6 +205,7 @@ SyncStats sync_pages(SqliteStore& store, MarkdownCitationSyntax& syntax, const s
       }
       found.cited.push_back(citation.key);
     });
+    if (syntax.has_permalink(text)) stats.permalinked.emplace_back(found.page_id, rel);
     ++stats.pages;
     auto head = heads.find(found.page_id);
     const bool same = head != heads.end() && head->second.rel_path == rel &&

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hosts/native/citation_syntax.h"
@@ -25,6 +26,9 @@ struct SyncStats {
   std::size_t pages_written = 0;  // pages stored anew (new, changed or restored)
   // Each page's citations in text order, each key once per page, pages in page id order.
   std::vector<std::pair<std::string, std::vector<wiki::CitationKey>>> cited;
+  // The pages holding a permalink (MarkdownCitationSyntax::has_permalink): page id, path relative
+  // to the wiki directory.
+  std::vector<std::pair<std::string, std::string>> permalinked;
   // Each page file read, by its path relative to the repository root (pages that are no symbolic
   // link, in a wiki directory inside the repository), for the indexer (Indexer::read_already).
   std::map<std::string, ReadFile> read;

@@ -10,6 +10,7 @@
 // time in the square of that, which run.sh's time limit per input reports.
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,13 @@ std::vector<wiki::CitationKey> keys(tolbarrow::hosts::native::MarkdownCitationSy
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static tolbarrow::hosts::native::MarkdownCitationSyntax syntax;
+  // Forge links of o/r on github.com are citations too (a branch with a '/' among its refs).
+  static const bool with_forge = [] {
+    syntax.set_forge(std::make_shared<const tolbarrow::hosts::native::Forge>(
+        tolbarrow::hosts::native::Forge{"github.com", "o/r", {"feature/x"}}));
+    return true;
+  }();
+  (void)with_forge;
   FuzzInput fuzz(data, size);
   FuzzedDataProvider& input = fuzz.choices;
   std::optional<wiki::Text> text;

@@ -24,6 +24,8 @@ std::string_view kind_name(FindingKind kind) {
       return "misnamed";
     case FindingKind::invalid:
       return "invalid";
+    case FindingKind::permalink:
+      return "permalink";
   }
   return "unknown";
 }
@@ -35,6 +37,16 @@ std::string fragment(wiki::LineRange lines) {
   if (lines.last != lines.first) out += "-L" + std::to_string(lines.last);
   return out;
 }
+
+// Where a permalink's code is at HEAD: "#L20-L30", or "src/b.py#L20-L30" when its file was
+// renamed.
+std::string permalink_place(const Finding& f) {
+  if (!f.new_lines) return "";
+  return !f.new_path.empty() && f.new_path != f.path ? cited(f.new_path, *f.new_lines)
+                                                     : fragment(*f.new_lines);
+}
+
+std::string short_commit(const std::string& commit) { return commit.substr(0, 7); }
 
 nlohmann::ordered_json lines_json(const std::optional<wiki::LineRange>& lines) {
   if (!lines) return nullptr;
@@ -62,6 +74,13 @@ std::string detail(const Finding& f, bool written) {
       return " (" + f.reason + "; anchored as written)";
     case FindingKind::invalid:
       return " (invalid: " + f.reason + ")";
+    case FindingKind::permalink:
+      if (!f.new_commit.empty()) {
+        return " -> " + permalink_place(f) + " at " + short_commit(f.new_commit) +
+               (written ? " (permalink updated)" : " (permalink would be updated)");
+      }
+      return " (permalink to " + short_commit(f.commit) + "; " +
+             (f.new_lines ? "the code is at " + permalink_place(f) + " now" : f.reason) + ")";
   }
   return "";
 }
@@ -89,6 +108,14 @@ std::string sentence(const Finding& f, bool written) {
       return f.reason + "; anchored as written";
     case FindingKind::invalid:
       return "invalid: " + f.reason;
+    case FindingKind::permalink:
+      if (!f.new_commit.empty()) {
+        return (written ? "permalink pointed at "
+                        : "stale permalink: --update-permalinks points it at ") +
+               short_commit(f.new_commit) + ", " + permalink_place(f);
+      }
+      return "permalink to " + short_commit(f.commit) + "; " +
+             (f.new_lines ? "the code is at " + permalink_place(f) + " at HEAD" : f.reason);
   }
   return "";
 }
@@ -151,20 +178,25 @@ std::string github_line(const Finding& finding, bool written) {
 }
 
 nlohmann::ordered_json finding_json(const Finding& f) {
-  return {{"page", f.page},
-          {"page_id", f.page_id},
-          {"line", f.line},
-          {"column", f.column},
-          {"link", f.link},
-          {"kind", kind_name(f.kind)},
-          {"path", f.path},
-          {"lines", lines_json(f.lines)},
-          {"new_path", f.kind == FindingKind::renamed ? nlohmann::ordered_json(f.new_path)
-                                                      : nlohmann::ordered_json(nullptr)},
-          {"new_lines", lines_json(f.new_lines)},
-          {"reason",
-           f.reason.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(f.reason)},
-          {"action", f.action}};
+  return {
+      {"page", f.page},
+      {"page_id", f.page_id},
+      {"line", f.line},
+      {"column", f.column},
+      {"link", f.link},
+      {"kind", kind_name(f.kind)},
+      {"path", f.path},
+      {"lines", lines_json(f.lines)},
+      {"new_path", !f.new_path.empty() && f.new_path != f.path ? nlohmann::ordered_json(f.new_path)
+                                                               : nlohmann::ordered_json(nullptr)},
+      {"new_lines", lines_json(f.new_lines)},
+      {"reason",
+       f.reason.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(f.reason)},
+      {"commit",
+       f.commit.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(f.commit)},
+      {"new_commit", f.new_commit.empty() ? nlohmann::ordered_json(nullptr)
+                                          : nlohmann::ordered_json(f.new_commit)},
+      {"action", f.action}};
 }
 
 std::vector<Placed> place_citations(wiki::CitationSyntax& syntax, const wiki::Text& text) {

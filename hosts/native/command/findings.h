@@ -30,6 +30,7 @@ enum class FindingKind {
   unanchored,  // --check: the anchors file has no record of it
   misnamed,    // new, and its prose names a declaration that does not hold its lines
   invalid,     // its lines cannot be in any file: line 0, reversed, past the end of the file
+  permalink,   // a forge link to an older commit whose code is elsewhere at HEAD, or gone
 };
 
 // The JSON and annotation name of `kind`: "moved", "lost", "missing", ...
@@ -46,7 +47,10 @@ struct Finding {
   wiki::LineRange lines;
   std::string new_path;                      // renamed: the file's new path
   std::optional<wiki::LineRange> new_lines;  // moved, carried, renamed: the lines now
-  std::string reason;                        // lost, invalid, misnamed: why
+  std::string reason;                        // lost, invalid, misnamed, permalink: why
+  // permalink: the commit as the link has it, and HEAD's that --update-permalinks points it at
+  // (empty when it is left as it is).
+  std::string commit, new_commit;
   // Whether a person (or a writing run) has to act: everything a run that wrote nothing found,
   // and what no run can fix (lost, missing, invalid, misnamed).
   bool action = true;

@@ -199,6 +199,28 @@ std::map<std::string, std::string> renames_of(const fs::path& root,
   return out;
 }
 
+std::optional<std::string> commit_of(const fs::path& root, const std::string& name) {
+  const ProcessResult result = run_process(
+      {"git", "rev-parse", "--verify", "--quiet", "--end-of-options", name + "^{commit}"}, root);
+  if (result.exit_code == 127) throw CommandError("git: not found; install the git package");
+  const std::vector<std::string> lines = split(result.out, '\n');
+  if (result.exit_code != 0 || lines.empty()) return std::nullopt;
+  return lines[0];
+}
+
+std::string short_id(const fs::path& root, const std::string& commit, std::size_t digits) {
+  if (digits >= commit.size()) return commit;
+  const std::vector<std::string> lines =
+      split(git(root, {"rev-parse", "--short=" + std::to_string(digits), commit}), '\n');
+  return lines.empty() ? commit : lines[0];
+}
+
+std::map<std::string, std::string> renames_between(const fs::path& root, const std::string& from,
+                                                   const std::string& to) {
+  return parse_renames(
+      git(root, {"diff", "-M", "--name-status", "-z", "--diff-filter=R", from, to, "--"}));
+}
+
 std::string wiki_in(const fs::path& root, const fs::path& wiki_dir) {
   std::error_code error;
   const fs::path canonical = fs::weakly_canonical(wiki_dir, error);

@@ -50,6 +50,18 @@ std::map<std::string, std::string> work_tree_blobs(const std::filesystem::path& 
 // one of them. A run that finds the state its records were last carried to has nothing to carry.
 std::string state_of(const std::map<std::string, std::string>& blobs);
 
+// The full id of the commit `name` names ("1a2b3c4", "HEAD"); nullopt when this clone has none.
+std::optional<std::string> commit_of(const std::filesystem::path& root, const std::string& name);
+
+// The shortest name of `commit` of at least `digits` hexadecimal digits that is still unique.
+std::string short_id(const std::filesystem::path& root, const std::string& commit,
+                     std::size_t digits);
+
+// Old path -> new path for the files that git's rename detection says were renamed from commit
+// `from` to commit `to`.
+std::map<std::string, std::string> renames_between(const std::filesystem::path& root,
+                                                   const std::string& from, const std::string& to);
+
 // The wiki directory `wiki_dir` relative to the repository root `root`, as work_tree_blobs takes
 // it: "" when it is not inside the root.
 std::string wiki_in(const std::filesystem::path& root, const std::filesystem::path& wiki_dir);

@@ -47,7 +47,9 @@ TEST(Hunks, TranslatesLinesThroughHunks) {
     const LineMap map(parse_hunks(c.diff));
     for (const auto& [line, want] : c.unchanged) {
       EXPECT_EQ(map.unchanged(line), want) << line;
-      if (want) EXPECT_EQ(map.old_of(*want), line) << *want;  // and back
+      if (want) {
+        EXPECT_EQ(map.old_of(*want), line) << *want;  // and back
+      }
     }
     for (const auto& [line, want] : c.in_place) EXPECT_EQ(map.in_place(line), want) << line;
   }

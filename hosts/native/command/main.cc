@@ -20,7 +20,9 @@ constexpr const char* kDescription =
     "Keeps the code citations of a repository's markdown docs (*.md, *.markdown,\n"
     "*.mdx), links such as [parse](/src/parse.py#L10-L12) from the repository root or\n"
     "[parse](../src/parse.py#L10) from the page's folder (inline or by reference),\n"
-    "pointing at the declarations they cite.\n"
+    "or this repository's file links on its forge\n"
+    "(https://github.com/OWNER/REPO/blob/main/src/parse.py#L10-L12), pointing at the\n"
+    "declarations they cite.\n"
     "\n"
     "Each run reads the pages of the wiki directory, indexes the repository with\n"
     "universal-ctags, moves every citation whose declaration moved, and reports the\n"
@@ -36,7 +38,9 @@ constexpr const char* kFooter =
     "Findings: one line each, page:line:column: citation (what), then a summary and\n"
     "what to run; kinds: moved, carried, renamed (the run writes them), lost, missing\n"
     "file, invalid (line 0, a reversed range, past the end of the file), not anchored\n"
-    "yet, and a new citation whose prose names other code.\n"
+    "yet, a new citation whose prose names other code, and a permalink (a forge link\n"
+    "to a commit) whose code is elsewhere at HEAD: permalinks are frozen on purpose,\n"
+    "so they are only told (a warning) unless --update-permalinks is given.\n"
     "\n"
     "Exit codes: 0 the citations are current, or were written (a writing run exits 0\n"
     "even when citations are lost or missing: it reports them); 1 with --check, when a\n"
@@ -141,14 +145,31 @@ std::string summary(const command::Outcome& outcome) {
     out += ", " + plural(count[K::misnamed], "new citation names other code",
                          "new citations name other code");
   }
+  std::int64_t repointed = 0;
+  for (const command::Finding& f : outcome.findings) {
+    if (f.kind == K::permalink && !f.new_commit.empty()) ++repointed;
+  }
+  if (repointed > 0) {
+    out += ", " + plural(repointed, "permalink", "permalinks") + would +
+           (outcome.reported_only ? " updated" : " updated to HEAD");
+  }
+  if (count[K::permalink] > repointed) {
+    out += ", " + plural(count[K::permalink] - repointed, "permalink to older code",
+                         "permalinks to older code");
+  }
   return out;
 }
 
 // What to do next, a line each: run the command, fix links by hand, or wait for the other writer.
 std::vector<std::string> advice(const command::Outcome& outcome) {
   std::vector<std::string> out;
-  bool to_write = false, by_hand = false;
+  bool to_write = false, by_hand = false, permalinks = false;
   for (const command::Finding& f : outcome.findings) {
+    if (f.kind == command::FindingKind::permalink) {
+      to_write = to_write || (outcome.reported_only && f.action);
+      permalinks = permalinks || (!f.action && f.new_lines && f.new_commit.empty());
+      continue;
+    }
     switch (f.kind) {
       case command::FindingKind::moved:
       case command::FindingKind::carried:
@@ -172,6 +193,11 @@ std::vector<std::string> advice(const command::Outcome& outcome) {
   if (by_hand) {
     out.push_back(std::string(out.empty() ? "fix these" : "fix the other") +
                   " citations by hand: give each link the path and lines it should cite now");
+  }
+  if (permalinks) {
+    out.push_back(
+        "permalinks stay as written; citation-refresh --update-permalinks points those whose "
+        "code moved at HEAD");
   }
   return out;
 }
@@ -257,6 +283,14 @@ int main(int argc, char** argv) {
       "renamed since the wiki was last refreshed, nor carry citations across git's diff "
       "of their files (both are done by default)");
   app.add_flag("--follow-history", options.follow_history)->group("");  // the default
+  std::string forge_url;
+  app.add_option("--forge-url", forge_url,
+                 "This repository on its forge, whose file links (.../blob/REF/PATH#Lx-Ly) are "
+                 "citations too (default: the origin remote's address)")
+      ->type_name("URL");
+  app.add_flag("--update-permalinks", options.update_permalinks,
+               "Point each permalink (a forge link to a commit) whose code moved unchanged at "
+               "HEAD's commit and the lines there (default: only report them)");
   app.add_option("--format", format_name,
                  "How to print the findings: text (one compiler-style line each, "
                  "page:line:column: ...), github (GitHub workflow annotations) or json")
@@ -281,6 +315,7 @@ int main(int argc, char** argv) {
   if (!wiki.empty()) options.wiki = wiki;
   if (!branch.empty()) options.branch = branch;
   if (!db.empty()) options.db = db;
+  if (!forge_url.empty()) options.forge_url = forge_url;
 
   try {
     const command::Outcome outcome = command::run(options);

@@ -17,7 +17,9 @@
 
 #include "hosts/native/anchoring.h"
 #include "hosts/native/command/anchors.h"
+#include "hosts/native/command/git_plumbing.h"
 #include "hosts/native/command/history.h"
+#include "hosts/native/command/permalinks.h"
 #include "hosts/native/command/state_files.h"
 #include "hosts/native/command/terminal.h"
 #include "hosts/native/first_sight.h"
@@ -88,6 +90,43 @@ Place locate(const Options& options) {
   place.db = options.db ? fs::absolute(*options.db) : SqliteStore::default_path(place.root);
   refuse_places(place.root, place.wiki, place.db);
   return place;
+}
+
+// This repository's forge: --forge-url's, else the `origin` remote's (none when there is no such
+// remote, or it names no host and path); with the branch and tag names that may hold a '/'.
+std::shared_ptr<const Forge> find_forge(const Options& options, const Place& place,
+                                        const std::function<void(const std::string&)>& detail) {
+  std::optional<Forge> forge;
+  if (options.forge_url) {
+    forge = forge_of(*options.forge_url);
+    if (!forge) {
+      throw CommandError("--forge-url: " + *options.forge_url +
+                         " names no host and repository; give it as https://HOST/OWNER/REPO");
+    }
+  } else if (auto url = git({"config", "--get", "remote.origin.url"}, place.root)) {
+    forge = forge_of(*url);
+  }
+  if (!forge) {
+    detail("no forge (no origin remote): forge links are not citations");
+    return nullptr;
+  }
+  if (auto refs =
+          git({"for-each-ref", "--format=%(refname)", "refs/heads", "refs/tags", "refs/remotes"},
+              place.root)) {
+    for (const std::string& ref : split(*refs, '\n')) {
+      std::string_view name = ref;
+      for (const std::string_view prefix : {"refs/heads/", "refs/tags/", "refs/remotes/"}) {
+        if (!name.starts_with(prefix)) continue;
+        name.remove_prefix(prefix.size());
+        if (prefix == "refs/remotes/")
+          name.remove_prefix(std::min(name.find('/') + 1, name.size()));
+      }
+      if (!name.empty() && name != "HEAD") forge->refs.emplace_back(name);
+    }
+  }
+  std::sort(forge->refs.begin(), forge->refs.end());
+  detail("forge links of https://" + forge->host + "/" + forge->path + " are citations");
+  return std::make_shared<const Forge>(std::move(*forge));
 }
 
 // The universal-ctags program: the one found at build time, else the first ctags on PATH that is
@@ -248,7 +287,10 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
     const auto [path, content] = std::move(*pending_);
     pending_.reset();
     files_.atomic_write(path, content);
+    pages_written_.insert(path.lexically_normal());
   }
+  // The page files written.
+  const std::set<fs::path>& pages_written() const { return pages_written_; }
 
   // Whether the refresh wrote anything: a file, or a page to the store.
   bool wrote() const { return wrote_; }
@@ -260,6 +302,7 @@ class StoreBeforePages : public wiki::FileSystem, public wiki::Repository {
   SqliteStore& store_;
   fs::path last_read_;
   std::optional<std::pair<fs::path, std::string>> pending_;
+  std::set<fs::path> pages_written_;
   bool wrote_ = false;
 };
 
@@ -501,7 +544,8 @@ std::string invalid_lines(const wiki::CitationKey& key, std::optional<wiki::Line
 // What the run found, one finding per citation on its page (see Outcome::findings).
 std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store, const Place& place,
                                      const SyncStats& synced, const PageMoves& moves,
-                                     wiki::FileSystem& pages, wiki::CitationRanges& ranges) {
+                                     wiki::FileSystem& pages, wiki::CitationRanges& ranges,
+                                     const std::shared_ptr<const Forge>& forge) {
   std::map<std::string, std::string> rel_of;  // page id -> path relative to the wiki
   std::map<fs::path, std::string> id_of;      // page file -> page id
   for (PageHead& head : store.page_heads(place.branch)) {
@@ -594,6 +638,7 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
     }
   }
   MarkdownCitationSyntax syntax;
+  syntax.set_forge(forge);
   for (const Misnamed& m : outcome.misnamed) {
     const auto rel = rel_of.find(m.page_id);
     syntax.set_page_folder(rel == rel_of.end() ? std::string()
@@ -673,6 +718,7 @@ Outcome run(const Options& options) {
   };
   detail("repository " + place.root.string() + ", branch " + place.branch + ", wiki " +
          place.wiki.string());
+  const std::shared_ptr<const Forge> forge = find_forge(options, place, detail);
 
   // The anchors file's records, read once: they are the state (seeding below), and --check tells
   // the citations they do not know.
@@ -701,6 +747,7 @@ Outcome run(const Options& options) {
       detail("took the records of " + anchors_file.string());
     }
     MarkdownCitationSyntax syntax;
+    syntax.set_forge(forge);
     progress.begin("reading pages");
     synced = sync_pages(store, syntax, place.branch, place.wiki);
     progress.end();
@@ -779,6 +826,7 @@ Outcome run(const Options& options) {
   auto first_sight = [&] {
     if (synced.citations_added == 0) return;
     MarkdownCitationSyntax syntax;
+    syntax.set_forge(forge);
     CtagsAnchoring anchoring;
     outcome.misnamed =
         anchor_first_sight(*store, syntax, anchoring, place.branch, place.wiki).misnamed;
@@ -800,6 +848,7 @@ Outcome run(const Options& options) {
   };
 
   NativeHost native(*store);
+  native.syntax.set_forge(forge);
   native.file_system.allow(place.wiki);
   CountingFileSystem counted(native.file_system, progress);
   StoreBeforePages ordered(counted, *store);
@@ -849,6 +898,15 @@ Outcome run(const Options& options) {
   progress.end();
   told_carried(outcome);
 
+  // Permalinks, after the refresh: a page it rewrote is read as written. The lock is still held.
+  std::set<fs::path> permalink_pages;
+  std::vector<Finding> permalinks = follow_permalinks(
+      {place.root, place.wiki, synced.permalinked, forge.get()}, options.update_permalinks,
+      !outcome.reported_only, native.file_system, permalink_pages);
+  for (const fs::path& page : permalink_pages) {
+    if (!ordered.pages_written().count(page.lexically_normal())) ++outcome.result.pages_written;
+  }
+
   if (!outcome.reported_only) {
     // The records now stand at the state the carrying worked from.
     if (options.follow_history && !carried.state.empty()) {
@@ -866,7 +924,15 @@ Outcome run(const Options& options) {
   outcome.missing = missing_citations(*store, synced, outcome.renamed);
   if (options.check) outcome.unanchored = unanchored_citations(recorded, synced, outcome.missing);
   outcome.findings = gather_findings(outcome, *store, place, synced, watched.moves(),
-                                     native.file_system, native.ranges);
+                                     native.file_system, native.ranges, forge);
+  if (!permalinks.empty()) {
+    outcome.findings.insert(outcome.findings.end(), std::make_move_iterator(permalinks.begin()),
+                            std::make_move_iterator(permalinks.end()));
+    std::stable_sort(
+        outcome.findings.begin(), outcome.findings.end(), [](const Finding& a, const Finding& b) {
+          return std::tie(a.page, a.line, a.column) < std::tie(b.page, b.line, b.column);
+        });
+  }
   outcome.stale = std::any_of(outcome.findings.begin(), outcome.findings.end(),
                               [](const Finding& f) { return f.action; });
   return outcome;

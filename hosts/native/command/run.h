@@ -26,6 +26,11 @@ struct Options {
   // Before the refresh, follow renamed files and carry citations across git's diff since the
   // commit the wiki was last refreshed at.
   bool follow_history = true;
+  // This repository's address on its forge (https://github.com/OWNER/REPO), whose file links are
+  // citations too; default: read from the `origin` remote.
+  std::optional<std::string> forge_url;
+  // Point each permalink whose code moved at HEAD's commit and the lines there.
+  bool update_permalinks = false;
   bool quiet = false;
   bool verbose = false;
 };
