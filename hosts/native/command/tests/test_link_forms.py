@@ -16,6 +16,9 @@ From the root [root](/src/h.py#L3), from the page [rel](../../src/h.py#L7-L11),
 with a dot [dot](./../../src/h.py#L3), in angle brackets with a title
 [angle](<../../src/my lib/m.py#L3> "the m"), escaped [esc](../../src/my%20lib/m.py#L3),
 with columns [cols](/src/h.py#L3C5-L3C9), and by reference: [the other][o] and [o].
+On the forge [gh](https://github.com/o/r/blob/main/src/h.py?plain=1#L3) and
+[gl](https://github.com/o/r/-/blob/main/src/h.py#L7-11); a permalink stays
+[perma](https://github.com/o/r/blob/0123456/src/h.py#L3).
 
 ![image](/src/h.py#L3) <!-- [comment](/src/h.py#L3) --> `[span](/src/h.py#L3)`
 
@@ -29,6 +32,9 @@ From the root [root](/src/k.py#L4), from the page [rel](../../src/k.py#L8-L12),
 with a dot [dot](./../../src/k.py#L4), in angle brackets with a title
 [angle](<../../src/my lib/m.py#L5> "the m"), escaped [esc](../../src/my%20lib/m.py#L5),
 with columns [cols](/src/k.py#L4C5-L4C9), and by reference: [the other][o] and [o].
+On the forge [gh](https://github.com/o/r/blob/main/src/k.py?plain=1#L4) and
+[gl](https://github.com/o/r/-/blob/main/src/k.py#L8-12); a permalink stays
+[perma](https://github.com/o/r/blob/0123456/src/h.py#L3).
 
 ![image](/src/h.py#L3) <!-- [comment](/src/h.py#L3) --> `[span](/src/h.py#L3)`
 
@@ -60,6 +66,7 @@ CHANGES = [("renamed and edited, history followed", rename_and_edit, (), "k.py")
 
 @pytest.mark.parametrize("what,change,options,name", CHANGES, ids=[c[0] for c in CHANGES])
 def test_each_form_is_rewritten_in_its_own_form(repo, what, change, options, name):
+    repo.git("remote", "add", "origin", "https://github.com/o/r.git")
     repo.write("src/h.py", HELPER)
     repo.write("src/my lib/m.py", M)
     for rel, (text, _) in PAGES.items():
