@@ -98,8 +98,9 @@ bool TextLandingCheck::accepts(const std::string& path, const wiki::Record& cite
   const std::string fqn =
       symbol != cited.end() && symbol->is_string() ? symbol->get<std::string>() : "";
   const bool same_declaration = found != nullptr && !fqn.empty() && found->fqn == fqn;
-  // Nothing moves, and the declaration is the one cited (or none was).
-  if (lines == wiki::LineRange{start, end} && (fqn.empty() || same_declaration)) return true;
+  // Nothing moves, and the declaration is the one cited. A citation that follows no declaration is
+  // checked where it stands, too: nothing else tells that its lines changed.
+  if (lines == wiki::LineRange{start, end} && same_declaration) return true;
   // A whole declaration found by its qualified name (its parameter types aside) follows it.
   if (found != nullptr && !fqn.empty() &&
       without_parameters(found->fqn) == without_parameters(fqn) &&

@@ -43,8 +43,9 @@ class WorkTreeFiles {
 // Refuses a landing that holds other code: when the refresh would give a citation other lines, or
 // found its declaration only by its name under another qualified name, the new lines must hold text
 // like what the citation cited (its record's `text`). A citation of a whole declaration found by
-// its qualified name (its parameter types aside) follows it whatever its body became. A record
-// without `text` is taken as it lands. Files are read from the work tree under `root`, each once.
+// its qualified name (its parameter types aside) follows it whatever its body became. A citation
+// that follows no declaration is checked wherever it lands, in place too. A record without `text`
+// is taken as it lands. Files are read from the work tree under `root`, each once.
 class TextLandingCheck : public wiki::LandingCheck {
  public:
   explicit TextLandingCheck(std::filesystem::path root) : content_(std::move(root)) {}

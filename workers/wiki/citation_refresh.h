@@ -76,10 +76,14 @@ struct Host {
   WriteLocks& locks;
   // Where the module's one log line goes; null: a stderr logger named MODULE_NAME.
   std::shared_ptr<spdlog::logger> logger = nullptr;
-  // Asked, when given, before a stored citation is given new lines or kept where it is.
+  // Asked, when given, before a stored citation is given new lines or kept where it is. With it,
+  // no citation is moved onto the path and lines that another citation of its page keeps, or
+  // moves to as well (the two would become one record): it stays, and is lost with the reason.
   LandingCheck* landing = nullptr;
   // Asked, when given, where each stored citation stands now before its declaration is looked
-  // for; a citation it carries to another path or lines is moved like any other.
+  // for; a citation it carries to another path or lines is moved like any other. A stored
+  // citation without a declaration then stays where the history puts it, or where it stands: it
+  // is not anchored from its prose.
   History* history = nullptr;
   // Whether the host sees each service call of the plain refresh, in its order, and nothing else:
   // a cited file's line count is asked of LineCounts for every citation placed, anchored() is

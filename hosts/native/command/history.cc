@@ -25,10 +25,19 @@ wiki::Line as_line(const wiki::Record& value) {
   return value.is_number_integer() ? value.get<wiki::Line>() : 0;
 }
 
+// A record of a citation that no declaration held when it was placed, with the text it cited:
+// carried across git's diff by its lines alone.
+bool placed_alone(const wiki::Record& record);
+
 bool anchored(const wiki::Record& record) {
   auto symbol = record.find("symbol");
   return symbol != record.end() && symbol->is_string() &&
          !symbol->get_ref<const std::string&>().empty();
+}
+
+bool placed_alone(const wiki::Record& record) {
+  const auto text = record.find(kTextMember);
+  return !anchored(record) && text != record.end() && text->is_string();
 }
 
 }  // namespace
@@ -366,7 +375,7 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
     for (const StoredPage& page : pages) {
       for (const wiki::Record& record : page.citations) {
         const auto key = key_of(record);
-        if (!key || !anchored(record) || !now[key->path]) continue;
+        if (!key || !(anchored(record) || placed_alone(record)) || !now[key->path]) continue;
         const std::string blob = blob_of(record);
         if (blob.empty() || blob == blob_now(*now[key->path])) continue;
         if (seen.emplace(blob, *now[key->path]).second) placed.emplace_back(blob, *now[key->path]);
@@ -544,6 +553,13 @@ Carried carry(SqliteStore& store, const std::string& branch, const fs::path& wik
         } else if (same != nullptr) {
           next = as_named;
         }
+      } else if (placed_alone(record)) {
+        // No declaration to follow: its lines, where git says they are unchanged. Else it stays,
+        // and the landing check compares the text there with what it cited.
+        if (auto diffed = maps.find({blob_of(record), path}); diffed != maps.end()) {
+          next = translated(record, diffed->second.map);
+        }
+        carried_lines = next.has_value();
       }
       if (path != key->path) {
         if (!next) next = record;

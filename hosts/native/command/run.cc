@@ -599,8 +599,11 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
       return std::none_of(symbols.begin(), symbols.end(),
                           [&](const wiki::Symbol& s) { return s.fqn == name || s.name == name; });
     };
+    // A move the refresh held back (another citation of the page has those lines) is lost, not
+    // invalid: its lines were valid until its code moved.
+    const bool held_back = given.starts_with("its code is at ");
     if (const std::string why = invalid_lines({path, lines.first, lines.last}, line_count);
-        !why.empty() && !gone()) {
+        !why.empty() && !held_back && !gone()) {
       add(page_id, FindingKind::invalid, path, lines).reason =
           given.empty() ? why : why + "; " + given;
       continue;
@@ -611,11 +614,19 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
                          wiki::LineRange lines) {
     return !invalid.count({page_id, path, lines.first, lines.last});
   };
+  // A landing the refresh took and then held back (it would have met another citation's key) is
+  // told as lost.
+  std::set<std::tuple<std::string, std::string, wiki::Line, wiki::Line>> lost_at;
+  for (const wiki::Record& lost : outcome.result.lost) {
+    const wiki::LineRange lines = parse_lines(lost.value("lines", ""));
+    lost_at.emplace(lost.value("page_id", ""), lost.value("path", ""), lines.first, lines.last);
+  }
   for (const auto& [file, keys] : moves) {
     const auto id = id_of.find(file);
     if (id == id_of.end()) continue;
     for (const auto& [key, to] : keys) {
       const auto& [path, start, end] = key;
+      if (lost_at.count({id->second, path, start, end})) continue;
       add(id->second, FindingKind::moved, path, {start, end}).new_lines = to;
     }
   }
@@ -864,7 +875,9 @@ Outcome run(const Options& options) {
                       .locks = native.locks,
                       .logger = log,
                       .landing = &watched,
-                      .history = options.follow_history ? &carried : nullptr};
+                      // Also without following history (nothing carried): a citation that
+                      // follows no declaration then stays where it stands.
+                      .history = &carried};
   // Each lost citation whose landing was refused says why.
   auto with_reasons = [&](cr::CitationRefresh result) {
     for (wiki::Record& lost : result.lost) {

@@ -109,6 +109,8 @@ struct PageRefresh {
   std::vector<LostPair> lost;  // each citation that can no longer be placed
   // The citations of `moves` that the host's History carried, in text order.
   std::vector<std::pair<CitationKey, Move>> carried;
+  // Why, for the lost citations whose move the refresh itself held back (see refresh_page).
+  KeyedMap<std::string> reasons;
 
   PageRefresh(Moves moves, KeyedMap<Record> anchors, std::vector<LostPair> lost)
       : moves(std::move(moves)), anchors(std::move(anchors)), lost(std::move(lost)) {}
@@ -242,7 +244,10 @@ inline constexpr std::string_view REPORT_MEMBERS[] = {"path", "line_start",   "l
 
 // Works out one page's moves, new anchors and lost citations. Changes nothing. Without `anchor`,
 // `anchors` stays empty, and the host's anchored records are asked for only when it sees every
-// call (Host::every_call), which then also asks every citation's line count anew.
+// call (Host::every_call), which then also asks every citation's line count anew. A host that
+// checks landings (Host::landing) gets no move that would give a citation the path and lines
+// that another citation of the page keeps or moves to: the two would become one (records are
+// keyed by them), so that citation stays as written and is lost, with the reason in `reasons`.
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
                          Files& files, bool anchor = true, std::string_view page_id = {});
 

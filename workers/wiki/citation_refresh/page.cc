@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstring>
 #include <forward_list>
+#include <span>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "workers/wiki/citation_refresh/internal.h"
 
@@ -168,6 +171,67 @@ class PageCitations {
   HashSlots index_;
 };
 
+// Holds back each move that would give a citation the key (path and lines) that another citation
+// of the page keeps, or moves to as well: records are keyed by it, so the two would become one,
+// and the next refresh would move both as one. Each such citation stays as written and is lost,
+// with why; holding one back may bring it onto another's new key, so this goes on until no two
+// meet. `names` holds the declaration name of each move.
+void keep_keys_apart(std::span<const PageCitations::Entry> entries, PageRefresh& result,
+                     const KeyedMap<std::string>& names) {
+  using Keys = std::unordered_map<CitationKeyView, std::size_t, CitationKeyViewHash>;
+  std::vector<bool> held(result.moves.size(), false);
+  for (bool again = true; again;) {
+    again = false;
+    // Where each move goes, and how many go there.
+    Keys from, to;
+    std::size_t i = 0;
+    for (const auto& [key, move] : result.moves) {
+      if (!held[i]) {
+        from.emplace(key_view(key), i);
+        ++to[{move.path.empty() ? std::string_view(key.path) : move.path, move.first, move.last}];
+      }
+      ++i;
+    }
+    // A key taken by a citation that stays.
+    std::unordered_set<CitationKeyView, CitationKeyViewHash> kept;
+    for (const PageCitations::Entry& entry : entries) {
+      if (entry.seen && !from.count(entry.key) && to.count(entry.key)) kept.insert(entry.key);
+    }
+    i = 0;
+    for (const auto& [key, move] : result.moves) {
+      const CitationKeyView target{move.path.empty() ? std::string_view(key.path) : move.path,
+                                   move.first, move.last};
+      if (!held[i] && (to[target] > 1 || kept.count(target))) held[i] = again = true;
+      ++i;
+    }
+  }
+  if (std::find(held.begin(), held.end(), true) == held.end()) return;
+
+  Moves moves;
+  std::size_t i = 0;
+  for (const auto& [key, move] : result.moves) {
+    if (!held[i++]) {
+      moves.set(key, move);
+      continue;
+    }
+    const std::string* name = names.find(key);
+    result.lost.emplace_back(key, name != nullptr ? *name : std::string());
+    std::string where = move.path.empty() ? key.path : move.path;
+    where += "#L" + std::to_string(move.first);
+    if (move.last != move.first) where += "-L" + std::to_string(move.last);
+    result.reasons.set(key, "its code is at " + where +
+                                " now, lines that another citation of this page cites; settle that "
+                                "one first");
+  }
+  KeyedMap<Record> anchors;
+  for (auto& [key, record] : result.anchors) {
+    if (moves.contains(key) || !names.contains(key)) anchors.set(key, record);
+  }
+  std::erase_if(result.carried, [&](const auto& c) { return !moves.contains(c.first); });
+  result.moves = std::move(moves);
+  result.anchors = std::move(anchors);
+}
+
 }  // namespace
 
 PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<Record>& citations,
@@ -208,6 +272,7 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
 
   PageRefresh result({}, {}, {});
   std::vector<std::string_view> names;  // the claim of the current legacy citation
+  KeyedMap<std::string> move_names;     // the declaration's name of each move
 
   host.syntax.find(text, [&](const Citation& citation) {
     const CitationKey& key = citation.key;
@@ -263,6 +328,16 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
         return;
       }
       proposed = relocated_range(members, *found);
+    } else if (host.history != nullptr && stored_record != nullptr) {
+      // A host that keeps a history stores a citation without a declaration when none holds its
+      // lines: it stays where its history carries it, else where it stands, and is never
+      // anchored from its prose.
+      proposed = {key.start, key.end};
+      if (carried != nullptr && carried_members.line_start != nullptr &&
+          carried_members.line_end != nullptr) {
+        proposed = {to_line(*carried_members.line_start, "line_start"),
+                    to_line(*carried_members.line_end, "line_end")};
+      }
     } else {
       claim_names(host, text, citation.start, names);
       std::tie(found, proposed) = legacy_anchor(host, symbols, file.keys, key.start, key.end,
@@ -289,6 +364,13 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
       Move move(*fitted, std::move(moved_to));
       if (carried != nullptr) result.carried.emplace_back(key, move);
       result.moves.set(key, std::move(move));
+      if (host.landing != nullptr) {
+        const Record* name = if_present(members.name);
+        move_names.set(key, name != nullptr     ? to_path(*name)
+                            : symbol != nullptr ? to_path(*symbol)
+                            : found != nullptr  ? found->name
+                                                : std::string());
+      }
     }
 
     if (host.every_call && stored_record == nullptr) {
@@ -307,6 +389,7 @@ PageRefresh refresh_page(const Host& host, const Text& text, const std::vector<R
       host.anchoring.anchored_unused(*stored_record, *fitted, found);
     }
   });
+  if (!move_names.empty()) keep_keys_apart(page.entries(), result, move_names);
   return result;
 }
 

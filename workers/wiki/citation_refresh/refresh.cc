@@ -97,7 +97,12 @@ CitationRefresh refresh_citations(const Host& host, Repository& repository,
     result.unrepairable += static_cast<std::int64_t>(page.lost.size());
     if (!page.lost.empty()) {
       const std::string page_id = row->page_id();
-      for (const auto& pair : page.lost) result.lost.push_back(lost_entry(page_id, pair));
+      for (const auto& pair : page.lost) {
+        result.lost.push_back(lost_entry(page_id, pair));
+        if (const std::string* why = page.reasons.find(pair.first)) {
+          result.lost.back()["reason"] = *why;
+        }
+      }
     }
 
     if (!options.write) {

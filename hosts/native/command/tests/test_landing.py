@@ -107,3 +107,53 @@ def test_a_declaration_whose_signature_changed_is_followed(repo, what, before, a
         got = [x.get("reason", "") for x in result["lost"]]
         assert got == [] if reason is None else got[0].startswith(reason), result["lost"]
     assert repo.read("docs/p.md") == f"See [f](/src/a.cc#{moved}).\n"
+
+
+def test_a_move_onto_the_lines_another_citation_keeps_is_held_back(repo):
+    # `h` moves up onto the lines of `g`, which is gone: the two links would become one.
+    repo.write("src/a.py", "def g():\n    return 1\n\n\ndef h():\n    return 2\n")
+    page = "`g` [g](/src/a.py#L1-L2) and `h` [h](/src/a.py#L5-L6).\n"
+    repo.write("docs/p.md", page)
+    repo.commit()
+    assert repo.run().returncode == 0
+    repo.commit("anchors")
+    repo.write("src/a.py", "def h():\n    return 2\n")
+    for options in ((), ("--no-follow-history",)):
+        check = repo.run("--check", "--json", *options)
+        assert check.returncode == 1
+        lost = {x["lines"]: x.get("reason") for x in json.loads(check.stdout)["lost"]}
+        assert lost == {"L1-L2": None, "L5-L6": "its code is at src/a.py#L1-L2 now, lines that "
+                        "another citation of this page cites; settle that one first"}, options
+        assert repo.run(*options).returncode == 0
+        assert repo.read("docs/p.md") == page
+    repo.write("docs/p.md", page.replace("`g` [g](/src/a.py#L1-L2) and ", ""))
+    assert repo.run().returncode == 0
+    assert repo.read("docs/p.md") == "`h` [h](/src/a.py#L1-L2).\n"
+
+
+MODULE = "import os\nLIMIT = 10\n\n\ndef run():\n    return LIMIT\n"
+
+
+# A citation of lines no declaration holds: anchored where it stands, though its prose names a
+# declaration nearby; carried across git's diff by its lines; lost when they change.
+# (what, code after, the link after, the reason it is lost)
+ALONE = [("lines added above", '"""Doc."""\nimport sys\n' + MODULE, "L4", None),
+         ("its line changed", MODULE.replace("LIMIT = 10", "MAXIMUM = 99"), "L2",
+          "the cited lines changed beyond recognition")]
+
+
+@pytest.mark.parametrize("what,after,moved,reason", ALONE, ids=[c[0] for c in ALONE])
+def test_a_citation_no_declaration_holds_follows_its_lines(repo, what, after, moved, reason):
+    repo.write("src/a.py", MODULE)
+    page = "The limit [limit](/src/a.py#L2), and `run` is below [it](/src/a.py#L3).\n"
+    repo.write("docs/p.md", page)
+    repo.commit()
+    assert repo.run().returncode == 0
+    assert repo.read("docs/p.md") == page  # first sight: in place, `run` notwithstanding
+    repo.commit("anchors")
+    repo.write("src/a.py", after)
+    done = repo.run("--json")
+    assert done.returncode == 0, done.stderr
+    assert [x.get("reason") for x in json.loads(done.stdout)["lost"]] == (
+        [reason] if reason else [])
+    assert repo.read("docs/p.md").startswith(f"The limit [limit](/src/a.py#{moved}),")
