@@ -263,17 +263,26 @@ std::optional<ForgeTarget> forge_target(std::string_view dest, const Forge& forg
   const std::size_t end = std::min(dest.find('?', at), dest.find('#', at));
   if (end == kNone) return std::nullopt;
   const std::string_view rest = dest.substr(at, end - at);
+  // A ref written in full, "refs/heads/main/...", is no commit.
+  std::size_t written_in_full = 0;
+  for (const std::string_view prefix : {"refs/heads/", "refs/tags/"}) {
+    if (rest.starts_with(prefix)) written_in_full = prefix.size();
+  }
+  const std::string_view names = rest.substr(written_in_full);
   // The longest name of a branch or tag that the rest starts with, up to a '/'; else its first
   // name.
   std::size_t ref_size = kNone;
   bool named = false;
-  for (std::size_t slash = rest.rfind('/'); slash != kNone && slash > 0;
-       slash = rest.rfind('/', slash - 1)) {
+  for (std::size_t slash = names.rfind('/'); slash != kNone && slash > 0;
+       slash = names.rfind('/', slash - 1)) {
     ref_size = slash;
-    named = std::binary_search(forge.refs.begin(), forge.refs.end(), rest.substr(0, slash));
+    named = std::binary_search(forge.refs.begin(), forge.refs.end(), names.substr(0, slash));
     if (named) break;
   }
-  if (!named) ref_size = std::min(rest.find('/'), rest.size());
+  if (!named) ref_size = std::min(names.find('/'), names.size());
+  if (ref_size == 0) return std::nullopt;
+  named = named || written_in_full > 0;
+  ref_size += written_in_full;
   if (ref_size == 0 || ref_size + 1 >= rest.size()) return std::nullopt;
   t.ref_begin = at;
   t.ref_end = at + ref_size;
@@ -363,14 +372,6 @@ std::vector<WrittenCitation> written_citations(std::string_view page, std::strin
     const auto resolved = resolve(percent_decode(path), on_forge ? std::string_view() : folder);
     if (!resolved) continue;
 
-    // What stands before the destination tells the form: "(" an inline link, ":" a definition.
-    std::size_t before = link.href;
-    if (before > 0 && page[before - 1] == '<') --before;
-    while (before > 0 && (page[before - 1] == ' ' || page[before - 1] == '\t' ||
-                          page[before - 1] == '\n' || page[before - 1] == '\r')) {
-      --before;
-    }
-    if (before == 0) continue;
     WrittenCitation c;
     c.path_begin = link.href + (on_forge ? on_forge->path_begin : 0);
     c.path_end = link.href + (on_forge ? on_forge->path_end : hash);
@@ -384,6 +385,23 @@ std::vector<WrittenCitation> written_citations(std::string_view page, std::strin
       c.bare_last = fragment->bare_last || (on_forge->gitlab && !fragment->has_last);
     }
     c.key = {*resolved, fragment->first, fragment->last};
+    // An autolink, <https://...>: its destination is its text.
+    if (on_forge && link.href > 0 && page[link.href - 1] == '<' &&
+        link.href + link.href_size < page.size() && page[link.href + link.href_size] == '>' &&
+        link.first_text == link.href) {
+      c.begin = link.href - 1;
+      c.end = link.href + link.href_size + 1;
+      out.push_back(std::move(c));
+      continue;
+    }
+    // What stands before the destination tells the form: "(" an inline link, ":" a definition.
+    std::size_t before = link.href;
+    if (before > 0 && page[before - 1] == '<') --before;
+    while (before > 0 && (page[before - 1] == ' ' || page[before - 1] == '\t' ||
+                          page[before - 1] == '\n' || page[before - 1] == '\r')) {
+      --before;
+    }
+    if (before == 0) continue;
     const std::size_t text_from = link.first_text != kNone ? link.first_text : kNone;
     if (page[before - 1] == '(') {
       // [text](dest "title"): the text's ']' stands just before the '('.

@@ -333,6 +333,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "[a](<https://github.com/o/r/blob/feature/x/my%20d/a.py?plain=1#L2-L4> \"t\")",
                   {{"my d/a.py", 2, 4, 0}},
                   "[a](<https://github.com/o/r/blob/feature/x/my%20d/a.py?plain=1#L12-L14> \"t\")"},
+        ForgeCase{"autolink_and_a_ref_written_in_full",
+                  "<https://github.com/o/r/blob/main/a.py#L3> "
+                  "[b](https://github.com/o/r/blob/refs/heads/abcdef1/b.py#L2)",
+                  {{"a.py", 3, 3, 0}, {"b.py", 2, 2, 43}},
+                  "<https://github.com/o/r/blob/main/a.py#L13> "
+                  "[b](https://github.com/o/r/blob/refs/heads/abcdef1/b.py#L12)"},
         ForgeCase{"gitlab_form_beside_a_plain_link",
                   "[a](https://github.com/o/r/-/blob/main/a.py#L5) [b](/a.py#L5)",
                   {{"a.py", 5, 5, 0}, {"a.py", 5, 5, 48}},

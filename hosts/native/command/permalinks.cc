@@ -121,7 +121,9 @@ std::vector<Finding> follow_permalinks(const PermalinkPages& pages, bool update,
     if (!old_text) {
       where.reason = "that commit has no " + wanted[i].second;
     } else if (!new_text) {
-      where.reason = wanted[i].second + " is gone at HEAD";
+      where.reason = wanted[i].second +
+                     " is not at HEAD (deleted, or moved further than git's rename detection "
+                     "follows)";
     } else {
       where.old_count = count_lines_of(*old_text);
       pairs.emplace_back(*old_text, *new_text);

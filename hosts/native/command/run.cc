@@ -919,6 +919,13 @@ Outcome run(const Options& options) {
   for (const fs::path& page : permalink_pages) {
     if (!ordered.pages_written().count(page.lexically_normal())) ++outcome.result.pages_written;
   }
+  // A permalink to a commit the forge does not have yet leads nowhere.
+  if (!permalink_pages.empty() && git({"remote"}, place.root).value_or("") != "" &&
+      git({"branch", "--remotes", "--contains", "HEAD"}, place.root).value_or("x").empty()) {
+    note(
+        "permalinks now point at HEAD, which no remote branch holds yet: push it, or they lead "
+        "nowhere");
+  }
 
   if (!outcome.reported_only) {
     // The records now stand at the state the carrying worked from.
