@@ -46,6 +46,9 @@ from relocation_accuracy import diff_map, find_program, git  # noqa: E402
 # first-parent history, or days back from the tip.
 # (leveldb's history is slow: a year back is two commits, so its pairs count commits.)
 YEARS = [("50 commits", 50, None), ("1 year", None, 365), ("3 years", None, 3 * 365)]
+# A lost report of a citation held back, with where its code is.
+HELD = re.compile(r"its code is at ([^#]+)#L(\d+)(?:-L(\d+))? now, lines that another citation")
+
 REPOS = [
     {"name": "attrs", "mirror": "python-attrs+attrs",
      "tip": "c1dc5dcba16ed827aa6dcad896b41a3afedb4e32", "ext": (".py",),
@@ -425,6 +428,13 @@ def run_pair(program, mirror, repo, label, back, days, count, seed, tmp):
     lost = collections.defaultdict(list)  # (page, lines) -> the names the reports give
     for x in result["lost"] + result["missing"]:
         lost[(x["page_id"], x["lines"])].append(x.get("name", ""))
+    # Held back: a citation whose code moved onto the lines another, lost, citation of its page
+    # keeps stays as written and is reported lost with where its code is: scored by that place.
+    held = {}
+    for x in result["lost"]:
+        m = HELD.match(x.get("reason") or "")
+        if m:
+            held[(x["page_id"], x["lines"])] = (m[1], int(m[2]), int(m[3] or m[2]))
     links = read_links(root, cites)
     sharing = collections.Counter((c.page, links[c]) for c in cites if links[c])
 
@@ -446,8 +456,11 @@ def run_pair(program, mirror, repo, label, back, days, count, seed, tmp):
     maps = {}
     for c in cites:
         got = links[c]
-        was_lost = reported(c, got)
-        verdict = cmd.judge(c, got, was_lost, got is None)
+        told = got and held.get((c.page, f"L{got[1]}-L{got[2]}"))
+        if told:
+            verdict = "held back, told: " + cmd.judge(c, told, False, False)
+        else:
+            verdict = cmd.judge(c, got, reported(c, got), got is None)
         if got is None:
             verdict = "dropped from the page"
         outcomes[verdict].append({
@@ -465,7 +478,7 @@ def run_pair(program, mirror, repo, label, back, days, count, seed, tmp):
         f, l = (tr(c.a), tr(c.b)) if tr else (None, None)
         moved = (renames.get(path, path), f, l) if f is not None and l is not None else None
         base.judge(c, moved, moved is None, False)
-    return {"repo": repo["name"], "pair": label, "old": old, "new": new,
+    return {"repo": repo["name"], "pair": label, "old": old, "new": new, "held_back": len(held),
             "commits": len(history) - 1 - next(i for i, (h, _) in enumerate(reversed(history))
                                                if h == old),
             "cites": len(cites), "first_run_pages_changed": len(first_changed),
@@ -556,7 +569,8 @@ def main():
               f"({r['command'].n['by_file_exact']} exact, git diff "
               f"{r['git_diff'].n['by_file_exact']}); --check "
               f"{'told' if r['check_agrees'] else 'did NOT tell'} what the writing run did; "
-              f"{r['shared_links']} citations share their link with another of the page; "
+              f"{r['shared_links']} citations share their link with another of the page, "
+              f"{r['held_back']} held back (their code moved onto a lost one's lines); "
               f"{r['seconds']} s")
         for e in r["first_run_moved_examples"][:args.examples]:
             print(f"    moved on first sight: {e}")
