@@ -620,7 +620,9 @@ def mode_hostile(base):
         with open(os.path.join(os.fsencode(r), b"docs/caf\xe9.md"), "wb") as out:
             out.write(b"[f](/src/mod_0.py#L2-L4)\n")
 
-    # Pages made to be slow, each about as large as the plain page they are timed against.
+    # Pages made to be slow, each about as large as the plain page they are timed against: lines
+    # like this one in paragraphs of ten.
+    plain_line = "Plain prose, `code` and [a link](/x.py#L1).\n"
     slow_size = (1 if ARGS.quick else 4) * 1024 * 1024 + 512 * 1024
     timings = {}
 
@@ -688,8 +690,8 @@ def mode_hostile(base):
         ("page linked to a page of the wiki", page_linked_in, kept_link),
         *[(name, odd_page(odd), kept_bytes(odd)) for name, odd in odd_pages.items()],
         ("page name not UTF-8", bad_name, goes_on),
-        ("plain page", sized(lambda i: "Plain prose, `code` and [a link](/x.py#L1).\n"),
-         timed("plain")),
+        ("plain page", sized(lambda i: plain_line + ("" if i % 10 else "\n")), timed("plain")),
+        ("one paragraph, a link on each line", sized(lambda i: plain_line), as_fast_as_plain),
         ("backtick runs of each length", sized(lambda i: "`" * i + "x"), as_fast_as_plain),
         ("backtick runs never closed", sized(lambda i: "`` a ` b " * 8), as_fast_as_plain),
         ("brackets never closed", sized(lambda i: "[[a]" * 16), as_fast_as_plain),

@@ -9,7 +9,9 @@
 # FUZZ_WORK sets the scratch directory (default: a new temporary one); FUZZ_NICE a niceness.
 # The page scan target (citations) runs with inputs of up to 64 KiB and a time limit of
 # CITATIONS_TIMEOUT seconds per input (default 5): a scan slower than linear in the page shows up
-# as a timeout, which counts as a crash.
+# as a timeout, which counts as a crash. Pages once slow (slow/<target>/, 64 KiB each) are run
+# under that limit first; they stay out of the corpus, where inputs that large would slow every
+# mutation after them.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 seconds="${1:-10}"
@@ -34,6 +36,12 @@ for target in "${targets[@]}"; do
   status=0
   limits=()
   if [ "$target" = citations ]; then limits=(-max_len=65536 -timeout="${CITATIONS_TIMEOUT:-5}"); fi
+  if [ -d reliability/fuzz/slow/"$target" ]; then
+    mkdir -p "$dir/slow"
+    cp -n reliability/fuzz/slow/"$target"/* "$dir/slow/"
+    nice -n "${FUZZ_NICE:-0}" build-fuzz/reliability/fuzz_"$target" -runs=0 "${limits[@]}" \
+      -artifact_prefix="$dir/crashes/" "$dir/slow" >"$dir/slow.log" 2>&1 || status=$?
+  fi
   nice -n "${FUZZ_NICE:-0}" build-fuzz/reliability/fuzz_"$target" -max_total_time="$seconds" "${limits[@]}" \
     -print_final_stats=1 -artifact_prefix="$dir/crashes/" "$dir/corpus" >"$dir/log" 2>&1 ||
     status=$?
@@ -46,7 +54,8 @@ for target in "${targets[@]}"; do
   if [ "$status" -ne 0 ] || [ "$crashes" -ne 0 ]; then
     failed=1
     echo "fuzz_$target failed (exit $status): see $dir/log and $dir/crashes/" >&2
-    grep -m3 -E 'ERROR|runtime error|deadly signal' "$dir/log" >&2 || true
+    grep -h -m3 -E 'ERROR|runtime error|deadly signal' "$dir"/slow.log "$dir/log" >&2 2>/dev/null ||
+      true
   fi
 done
 if [ -z "${FUZZ_WORK:-}" ] && [ "$failed" -eq 0 ]; then rm -rf "$work"; fi
