@@ -13,7 +13,7 @@ $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends \
   cmake g++ make pkg-config git clang-format \
   libpcre2-dev nlohmann-json3-dev libspdlog-dev libicu-dev \
-  libsqlite3-dev libssl-dev universal-ctags libcli11-dev libxxhash-dev libmd4c-dev \
+  libsqlite3-dev libssl-dev universal-ctags libcli11-dev libxxhash-dev \
   libgtest-dev libgmock-dev libbenchmark-dev \
   pybind11-dev python3-dev python3-pytest \
   clang-14 libclang-rt-14-dev libfuzzer-14-dev valgrind >/dev/null

@@ -3,7 +3,6 @@
 #include <md4c.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <charconv>
 #include <stdexcept>
@@ -121,194 +120,9 @@ struct Collector {
   }
 };
 
-// ---- Long paragraphs ----
-//
-// md4c 0.4.8 finds the line of each bracket pair of a paragraph by walking the paragraph's lines
-// from its first, so a paragraph takes time in its bracket pairs times its lines (a 4.5 MB page of
-// one-link lines and no blank line: over 10 s). The scan therefore hands md4c a copy of a page
-// with long runs of lines in which each line break that md4c reads as it reads a space is a space,
-// and the lines so joined are one line to md4c. The copy has the page's length and every other
-// byte, so its offsets are the page's; the page is still parsed whole, so definitions, code spans
-// and links across the joined lines are read as before.
-//
-// Inside a paragraph a line break reads as a space but where it ends something: a line's block
-// (the next line starts a block of its own), a link reference definition, an HTML block of the
-// kinds that end on a '>', an angle-bracketed destination (a space may stand in one, a line break
-// may not), or what md4c wants to end at a line's end. A break is joined only when none of these
-// can be so:
-// - both lines start with a byte that starts no block: a letter, a byte of a non-ASCII character,
-//   a digit not followed by '.' or ')', or one of [ ! " ' ( ) , . / : ; ? @ \ ^ { } $ % & |; the
-//   first line at its first byte (so it is a paragraph's, or a fenced code block's or HTML block's
-//   content, never indented code or a container's own line), the second after blanks (so it goes
-//   on with whatever the first line is in, lazily or not);
-// - neither line nor the one before the first holds "]:", no '[' is left open at the break (a
-//   label), and the first line does not end in a title's closing '"', '\'' or ')' unless that
-//   quote or '(' also stands earlier in it (a definition's title cannot hold it);
-// - no '<' after a '(' on the first line is left without a '>' after it, and once a line has
-//   started like an HTML block that ends on a '>' ("<!", "<?", "<script", "<pre", ...), the first
-//   line holds no '>';
-// - what md4c reads at a line's end (its spaces are no part of the line to it): the first line
-//   ends neither in "<!--", "<?" or "<![CDATA[" nor, after spaces, in a word that may be an inline
-//   link's '(', destination or title (spaced_end_may_join).
-// The difference left is in what md4c reports, not in what it finds: a joined break is a space of
-// the text instead of a soft line break, and a title that spanned the lines is one string.
-
-// Runs of no more lines than this are handed to md4c as they are: no page with paragraphs of
-// ordinary length reads any byte differently, and such a run costs md4c at most this many steps
-// per bracket pair.
-constexpr std::size_t kJoinRunsLongerThan = 1000;
-std::atomic<std::size_t> join_runs_longer_than{kJoinRunsLongerThan};
-
-struct PageLine {
-  std::size_t begin, end, next;  // its first byte, its line break, the next line's first byte
-};
-
-PageLine line_at(std::string_view page, std::size_t begin) {
-  std::size_t end = begin;
-  while (end < page.size() && page[end] != '\n' && page[end] != '\r') ++end;
-  std::size_t next = end;
-  if (next < page.size() && page[next] == '\r') ++next;
-  if (next < page.size() && page[next] == '\n') ++next;
-  return {begin, end, next};
-}
-
-bool blank(std::string_view line) { return line.find_first_not_of(" \t") == kNone; }
-
-// Whether a line whose first non-blank byte is line[0] starts no block there, whatever it follows.
-bool starts_no_block(std::string_view line) {
-  if (line.empty()) return false;
-  const auto c = static_cast<unsigned char>(line[0]);
-  if (c >= 0x80 || std::isalpha(c)) return true;
-  if (std::isdigit(c)) {  // "1." and "1)" start a list item
-    const std::size_t after = line.find_first_not_of("0123456789");
-    return after == kNone || (line[after] != '.' && line[after] != ')');
-  }
-  return std::string_view("[!\"'(),./:;?@\\^{}$%&|").find(static_cast<char>(c)) != kNone;
-}
-
-// Whether a line that starts (after blanks) so may begin an HTML block that ends on a '>'.
-bool may_open_html_block(std::string_view line) {
-  const std::size_t at = line.find_first_not_of(" \t");
-  return at != kNone && line[at] == '<' && at + 1 < line.size() &&
-         std::string_view("!?sSpPtT").find(line[at + 1]) != kNone;
-}
-
-// Whether a line ending in a space may still be joined to the next. md4c ends such a line before
-// its spaces and then wants the line break right there after an inline link's '(', destination or
-// title: "[a](/x  " and a ')' on the next line is no link to it, where "[a](/x )" is one. So the
-// last word must be none of these: it holds no '(', does not end a title, does not follow a '(',
-// and is not the line's only word (a destination on the line after its '(').
-bool spaced_end_may_join(std::string_view line) {
-  constexpr std::string_view kBlanks = " \t\v\f";
-  const std::size_t last = line.find_last_not_of(kBlanks);
-  const std::size_t before_word = line.find_last_of(kBlanks, last);
-  if (last == kNone || before_word == kNone) return false;
-  const std::size_t word_before = line.find_last_not_of(kBlanks, before_word);
-  return line.substr(before_word + 1, last - before_word).find('(') == kNone &&
-         std::string_view("\"')").find(line[last]) == kNone && word_before != kNone &&
-         line[word_before] != '(';
-}
-
-// What joining a line to the next depends on in the line itself.
-struct LineMarks {
-  bool definition_colon = false;  // "]:"
-  bool gt = false;                // a '>'
-  bool angle_open = false;        // a '<' that md4c may read on into the next line (below)
-  bool title_close = false;       // ends in '"', '\'' or ')', and no unescaped twin stands before
-};
-
-// Reads `line`, and whether a '[' is left open after it (`open`, carried from line to line of a
-// run: any '[' opens, a ']' behind an even number of backslashes closes).
-LineMarks marks_of(std::string_view line, bool& open) {
-  LineMarks m;
-  std::size_t slashes = 0;
-  for (std::size_t i = 0; i < line.size(); ++i) {
-    const char c = line[i];
-    if (c == '[') {
-      open = true;
-    } else if (c == ']') {
-      if (slashes % 2 == 0) open = false;
-      if (i + 1 < line.size() && line[i + 1] == ':') m.definition_colon = true;
-    } else if (c == '<') {
-      // After '(' and blanks it may open an angle-bracketed destination, which a line break ends
-      // and a space does not.
-      const std::size_t before = i == 0 ? kNone : line.find_last_not_of(" \t", i - 1);
-      if (before != kNone && line[before] == '(') m.angle_open = true;
-    } else if (c == '>') {
-      m.gt = true;
-      if (slashes == 0) m.angle_open = false;
-    }
-    slashes = c == '\\' ? slashes + 1 : 0;
-  }
-  // md4c reads an HTML comment, processing instruction or CDATA section only when its opener has
-  // more after it on its line (trailing spaces are no part of a line to md4c).
-  const std::string_view trimmed = line.substr(0, line.find_last_not_of(' ') + 1);
-  for (const std::string_view opener : {"<!--", "<?", "<![CDATA["}) {
-    if (trimmed.ends_with(opener)) m.angle_open = true;
-  }
-  const std::size_t last = line.find_last_not_of(" \t");
-  if (last != kNone && (line[last] == '"' || line[last] == '\'' || line[last] == ')')) {
-    const char twin = line[last] == ')' ? '(' : line[last];
-    m.title_close = true;
-    for (std::size_t i = 1; i < last && m.title_close; ++i) {
-      if (line[i] == twin && line[i - 1] != '\\') m.title_close = false;
-    }
-  }
-  return m;
-}
-
-// `page` with the line breaks joined as above in each run of more than `longer_than` non-blank
-// lines; nullopt when it has no such run.
-std::optional<std::string> with_long_runs_joined(std::string_view page, std::size_t longer_than) {
-  std::optional<std::string> copy;
-  bool html_block = false;  // a line so far may have opened an HTML block ending on a '>'
-  std::vector<PageLine> run;
-  std::size_t at = 0;
-  while (at < page.size()) {
-    run.clear();
-    for (PageLine line = line_at(page, at);; line = line_at(page, line.next)) {
-      if (blank(page.substr(line.begin, line.end - line.begin))) break;
-      run.push_back(line);
-      if (line.next == page.size()) break;
-    }
-    if (run.empty()) {
-      at = line_at(page, at).next;
-      continue;
-    }
-    at = run.back().next;
-    // md4c's walk is per bracket pair: a run without a ']' costs it nothing.
-    const bool join = run.size() > longer_than &&
-                      page.substr(run.front().begin, at - run.front().begin).find(']') != kNone;
-    bool open = false;          // a '[' left open so far in the run
-    bool colon_before = false;  // the line before held "]:"
-    for (std::size_t i = 0; i < run.size(); ++i) {
-      const std::string_view text = page.substr(run[i].begin, run[i].end - run[i].begin);
-      if (join) {
-        const LineMarks m = marks_of(text, open);
-        if (i + 1 < run.size() && starts_no_block(text) &&
-            (text.back() != ' ' || spaced_end_may_join(text)) && !m.definition_colon &&
-            !colon_before && !open && !m.title_close && !m.angle_open && !(html_block && m.gt)) {
-          std::string_view following =
-              page.substr(run[i + 1].begin, run[i + 1].end - run[i + 1].begin);
-          following.remove_prefix(std::min(following.find_first_not_of(" \t"), following.size()));
-          if (starts_no_block(following)) {
-            if (!copy) copy.emplace(page);
-            std::fill(copy->begin() + run[i].end, copy->begin() + run[i].next, ' ');
-          }
-        }
-        colon_before = m.definition_colon;
-      }
-      html_block = html_block || may_open_html_block(text);
-    }
-  }
-  return copy;
-}
-
 // The links of `page` that CommonMark renders as links, in text order of their openers.
 std::vector<ParsedLink> parsed_links(std::string_view page) {
   if (page.size() > 0xffffffffu) throw std::length_error("page too large to parse");
-  const std::optional<std::string> joined = with_long_runs_joined(page, join_runs_longer_than);
-  if (joined) page = *joined;
   Collector collector{page, {}, {}, 0, 0};
   MD_PARSER parser{};
   parser.abi_version = 0;
@@ -547,10 +361,6 @@ std::size_t matching_opener(std::string_view page, std::size_t from, std::size_t
 }
 
 }  // namespace
-
-std::size_t set_scan_line_joining(std::size_t runs_longer_than) {
-  return join_runs_longer_than.exchange(runs_longer_than);
-}
 
 std::string percent_decode(std::string_view path) {
   auto hex = [](char c) -> int {

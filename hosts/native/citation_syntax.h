@@ -90,13 +90,6 @@ std::vector<WrittenCitation> written_citations(std::string_view text, std::strin
 std::string repointed(std::string_view text, const WrittenCitation& link, const std::string& commit,
                       const std::string& path, wiki::LineRange lines);
 
-// md4c's time on one paragraph grows with its bracket pairs times its lines, so the scan hands it
-// each run of more than `runs_longer_than` non-blank lines (1000 unless set) with the line breaks
-// that md4c reads as it reads spaces made spaces: the same citations at the same offsets, in time
-// linear in the page. Tests set 0 (every run) and SIZE_MAX (none) to compare the two. Returns the
-// value it replaces.
-std::size_t set_scan_line_joining(std::size_t runs_longer_than);
-
 class MarkdownCitationSyntax : public wiki::CitationSyntax {
  public:
   // The folder (relative to the repository root, "" for the root) of the page whose text the next
