@@ -14,12 +14,19 @@ namespace tolbarrow::hosts::native::command {
 namespace fs = std::filesystem;
 namespace {
 
+// git run in `root` with `args`; CommandError when git is not installed.
+ProcessResult run_git(const fs::path& root, std::vector<std::string>& args,
+                      std::string_view input = {}) {
+  args.insert(args.begin(), "git");
+  ProcessResult result = run_process(args, root, input);
+  if (result.exit_code == 127) throw CommandError("git: not found; install the git package");
+  return result;
+}
+
 // git's output; CommandError naming the git command when it fails (exit codes in `ok` pass).
 std::string git(const fs::path& root, std::vector<std::string> args, std::string_view input = {},
                 std::initializer_list<int> ok = {0}) {
-  args.insert(args.begin(), "git");
-  const ProcessResult result = run_process(args, root, input);
-  if (result.exit_code == 127) throw CommandError("git: not found; install the git package");
+  const ProcessResult result = run_git(root, args, input);
   if (std::find(ok.begin(), ok.end(), result.exit_code) == ok.end()) {
     std::string err = result.err;
     while (!err.empty() && (err.back() == '\n' || err.back() == '\r')) err.pop_back();
@@ -51,6 +58,14 @@ class TempDir {
 };
 
 }  // namespace
+
+std::optional<std::string> git_output(const fs::path& root, std::vector<std::string> args) {
+  const ProcessResult result = run_git(root, args);
+  if (result.exit_code != 0) return std::nullopt;
+  std::string out = result.out;
+  while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
+  return out;
+}
 
 std::vector<std::string> split(std::string_view text, char sep) {
   std::vector<std::string> out;

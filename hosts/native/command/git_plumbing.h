@@ -16,6 +16,11 @@
 
 namespace tolbarrow::hosts::native::command {
 
+// git's output with its last line breaks trimmed, or nullopt when git fails (a question such as
+// "is there a HEAD?"); CommandError only when git is not installed.
+std::optional<std::string> git_output(const std::filesystem::path& root,
+                                      std::vector<std::string> args);
+
 // The non-empty fields of `text` between `sep`s.
 std::vector<std::string> split(std::string_view text, char sep);
 

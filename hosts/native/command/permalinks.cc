@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "hosts/native/command/git_plumbing.h"
+#include "hosts/native/repo_paths.h"
 
 namespace tolbarrow::hosts::native::command {
 namespace fs = std::filesystem;
@@ -41,12 +42,6 @@ struct AtHead {
   wiki::Line old_count = 0;
   std::string reason;
 };
-
-wiki::Line count_lines_of(std::string_view text) {
-  if (text.empty()) return 0;
-  return static_cast<wiki::Line>(std::count(text.begin(), text.end(), '\n')) +
-         (text.back() == '\n' ? 0 : 1);
-}
 
 // `lines` at HEAD when git's diff leaves every one of them unchanged and together.
 std::optional<wiki::LineRange> unchanged_range(const LineMap& map, wiki::LineRange lines) {
@@ -125,7 +120,7 @@ std::vector<Finding> follow_permalinks(const PermalinkPages& pages, bool update,
                      " is not at HEAD (deleted, or moved further than git's rename detection "
                      "follows)";
     } else {
-      where.old_count = count_lines_of(*old_text);
+      where.old_count = count_lines(*old_text);
       pairs.emplace_back(*old_text, *new_text);
       diffed.push_back(&where);
     }

@@ -35,18 +35,6 @@ namespace fs = std::filesystem;
 namespace cr = wiki::citation_refresh;
 namespace {
 
-// git's trimmed output, or nullopt when it fails; CommandError when git is not installed.
-std::optional<std::string> git(const std::vector<std::string>& args, const fs::path& cwd) {
-  std::vector<std::string> argv{"git"};
-  argv.insert(argv.end(), args.begin(), args.end());
-  const ProcessResult result = run_process(argv, cwd);
-  if (result.exit_code == 127) throw CommandError("git: not found; install the git package");
-  if (result.exit_code != 0) return std::nullopt;
-  std::string out = result.out;
-  while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-  return out;
-}
-
 struct Place {
   fs::path root;
   std::string branch;
@@ -62,7 +50,7 @@ Place locate(const Options& options) {
       throw CommandError(options.repo->string() + ": no such directory (--repo)");
     }
     place.root = canonical_root(*options.repo);
-  } else if (auto top = git({"rev-parse", "--show-toplevel"}, cwd); top && !top->empty()) {
+  } else if (auto top = git_output(cwd, {"rev-parse", "--show-toplevel"}); top && !top->empty()) {
     place.root = canonical_root(*top);
   } else {
     throw CommandError(cwd.string() + ": not inside a git work tree; pass --repo DIR");
@@ -70,11 +58,11 @@ Place locate(const Options& options) {
 
   if (options.branch) {
     place.branch = *options.branch;
-  } else if (auto name = git({"symbolic-ref", "--quiet", "--short", "HEAD"}, place.root)) {
+  } else if (auto name = git_output(place.root, {"symbolic-ref", "--quiet", "--short", "HEAD"})) {
     place.branch = *name;
-  } else if (auto commit = git({"rev-parse", "--verify", "--quiet", "HEAD"}, place.root)) {
+  } else if (auto commit = git_output(place.root, {"rev-parse", "--verify", "--quiet", "HEAD"})) {
     place.branch = *commit;  // a detached head
-  } else if (git({"rev-parse", "--is-inside-work-tree"}, place.root) != "true") {
+  } else if (git_output(place.root, {"rev-parse", "--is-inside-work-tree"}) != "true") {
     throw CommandError(place.root.string() +
                        ": not a git work tree (--repo); pass --branch NAME to refresh it "
                        "without git");
@@ -103,16 +91,15 @@ std::shared_ptr<const Forge> find_forge(const Options& options, const Place& pla
       throw CommandError("--forge-url: " + *options.forge_url +
                          " names no host and repository; give it as https://HOST/OWNER/REPO");
     }
-  } else if (auto url = git({"config", "--get", "remote.origin.url"}, place.root)) {
+  } else if (auto url = git_output(place.root, {"config", "--get", "remote.origin.url"})) {
     forge = forge_of(*url);
   }
   if (!forge) {
     detail("no forge (no origin remote): forge links are not citations");
     return nullptr;
   }
-  if (auto refs =
-          git({"for-each-ref", "--format=%(refname)", "refs/heads", "refs/tags", "refs/remotes"},
-              place.root)) {
+  if (auto refs = git_output(place.root, {"for-each-ref", "--format=%(refname)", "refs/heads",
+                                          "refs/tags", "refs/remotes"})) {
     for (const std::string& ref : split(*refs, '\n')) {
       std::string_view name = ref;
       for (const std::string_view prefix : {"refs/heads/", "refs/tags/", "refs/remotes/"}) {
@@ -920,8 +907,8 @@ Outcome run(const Options& options) {
     if (!ordered.pages_written().count(page.lexically_normal())) ++outcome.result.pages_written;
   }
   // A permalink to a commit the forge does not have yet leads nowhere.
-  if (!permalink_pages.empty() && git({"remote"}, place.root).value_or("") != "" &&
-      git({"branch", "--remotes", "--contains", "HEAD"}, place.root).value_or("x").empty()) {
+  if (!permalink_pages.empty() && git_output(place.root, {"remote"}).value_or("") != "" &&
+      git_output(place.root, {"branch", "--remotes", "--contains", "HEAD"}).value_or("x").empty()) {
     note(
         "permalinks now point at HEAD, which no remote branch holds yet: push it, or they lead "
         "nowhere");
