@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Fails, listing them, when any tracked C++ file differs from what the repository's .clang-format
-# makes of it. third_party/ is left out: its sources are kept as released.
+# makes of it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-mapfile -t files < <(git ls-files '*.h' '*.cc' '*.cpp' ':!third_party')
+mapfile -t files < <(git ls-files '*.h' '*.cc' '*.cpp')
 bad=()
 for file in "${files[@]}"; do
   [ -f "$file" ] || continue
