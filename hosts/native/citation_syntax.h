@@ -92,6 +92,9 @@ std::string repointed(std::string_view text, const WrittenCitation& link, const 
 
 class MarkdownCitationSyntax : public wiki::CitationSyntax {
  public:
+  // With `forge`, as set_forge below.
+  explicit MarkdownCitationSyntax(std::shared_ptr<const Forge> forge = nullptr)
+      : forge_(std::move(forge)) {}
   // The folder (relative to the repository root, "" for the root) of the page whose text the next
   // calls are given: its relative links start there.
   void set_page_folder(std::string folder) { folder_ = std::move(folder); }

@@ -93,19 +93,26 @@ void PrintTo(const FormCase& c, std::ostream* out) { *out << c.name; }
 
 class FormTest : public ::testing::TestWithParam<FormCase> {};
 
-TEST_P(FormTest, FindsAndRewritesEachForm) {
-  const FormCase& c = GetParam();
-  MarkdownCitationSyntax syntax;
-  syntax.set_page_folder(c.folder);
-  const Text text(c.text);
+// `syntax` finds `expected` in `text`, and rewrites it to `moved` with every citation found moved
+// ten lines down.
+void expect_found_and_moved(MarkdownCitationSyntax& syntax, const Text& text,
+                            const std::vector<Found>& expected, const std::string& moved) {
   std::vector<Found> found;
   wiki::Moves moves;
   syntax.find(text, [&](const wiki::Citation& f) {
     found.push_back({f.key.path, f.key.start, f.key.end, f.start});
     moves.set(f.key, {f.key.start + 10, f.key.end + 10});
   });
-  EXPECT_EQ(found, c.expected);
-  EXPECT_EQ(syntax.rewrite(text, moves), c.moved);
+  EXPECT_EQ(found, expected);
+  EXPECT_EQ(syntax.rewrite(text, moves), moved);
+}
+
+TEST_P(FormTest, FindsAndRewritesEachForm) {
+  const FormCase& c = GetParam();
+  MarkdownCitationSyntax syntax;
+  syntax.set_page_folder(c.folder);
+  const Text text(c.text);
+  expect_found_and_moved(syntax, text, c.expected, c.moved);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -412,14 +419,7 @@ TEST_P(ForgeTest, FindsAndRewritesThisRepositorysForgeLinks) {
   syntax.set_page_folder("docs");
   syntax.set_forge(std::make_shared<const Forge>(Forge{"github.com", "o/r", {"feature/x"}}));
   const Text text(c.text);
-  std::vector<Found> found;
-  wiki::Moves moves;
-  syntax.find(text, [&](const wiki::Citation& f) {
-    found.push_back({f.key.path, f.key.start, f.key.end, f.start});
-    moves.set(f.key, {f.key.start + 10, f.key.end + 10});
-  });
-  EXPECT_EQ(found, c.expected);
-  EXPECT_EQ(syntax.rewrite(text, moves), c.moved);
+  expect_found_and_moved(syntax, text, c.expected, c.moved);
   const auto all = written_citations(c.text, "docs", syntax.forge());
   EXPECT_EQ(std::count_if(all.begin(), all.end(), [](const auto& w) { return w.permalink; }),
             static_cast<std::ptrdiff_t>(c.permalinks));

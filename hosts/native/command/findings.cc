@@ -48,6 +48,10 @@ std::string permalink_place(const Finding& f) {
 
 std::string short_commit(const std::string& commit) { return commit.substr(0, 7); }
 
+nlohmann::ordered_json or_null(const std::string& text) {
+  return text.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(text);
+}
+
 nlohmann::ordered_json lines_json(const std::optional<wiki::LineRange>& lines) {
   if (!lines) return nullptr;
   return {{"start", lines->first}, {"end", lines->last}};
@@ -178,25 +182,34 @@ std::string github_line(const Finding& finding, bool written) {
 }
 
 nlohmann::ordered_json finding_json(const Finding& f) {
-  return {
-      {"page", f.page},
-      {"page_id", f.page_id},
-      {"line", f.line},
-      {"column", f.column},
-      {"link", f.link},
-      {"kind", kind_name(f.kind)},
-      {"path", f.path},
-      {"lines", lines_json(f.lines)},
-      {"new_path", !f.new_path.empty() && f.new_path != f.path ? nlohmann::ordered_json(f.new_path)
-                                                               : nlohmann::ordered_json(nullptr)},
-      {"new_lines", lines_json(f.new_lines)},
-      {"reason",
-       f.reason.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(f.reason)},
-      {"commit",
-       f.commit.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(f.commit)},
-      {"new_commit", f.new_commit.empty() ? nlohmann::ordered_json(nullptr)
-                                          : nlohmann::ordered_json(f.new_commit)},
-      {"action", f.action}};
+  return {{"page", f.page},
+          {"page_id", f.page_id},
+          {"line", f.line},
+          {"column", f.column},
+          {"link", f.link},
+          {"kind", kind_name(f.kind)},
+          {"path", f.path},
+          {"lines", lines_json(f.lines)},
+          {"new_path", or_null(f.new_path != f.path ? f.new_path : std::string())},
+          {"new_lines", lines_json(f.new_lines)},
+          {"reason", or_null(f.reason)},
+          {"commit", or_null(f.commit)},
+          {"new_commit", or_null(f.new_commit)},
+          {"action", f.action}};
+}
+
+std::pair<wiki::Line, wiki::Line> LineCursor::at(std::size_t offset) {
+  if (offset < at_) *this = LineCursor(bytes_);
+  for (; at_ < offset && at_ < bytes_.size(); ++at_) {
+    const char c = bytes_[at_];
+    if (c == '\n' || (c == '\r' && (at_ + 1 >= bytes_.size() || bytes_[at_ + 1] != '\n'))) {
+      ++line_;
+      column_ = 1;
+    } else if ((static_cast<unsigned char>(c) & 0xC0) != 0x80 && c != '\r') {
+      ++column_;
+    }
+  }
+  return {line_, column_};
 }
 
 std::vector<Placed> place_citations(wiki::CitationSyntax& syntax, const wiki::Text& text) {
@@ -204,23 +217,13 @@ std::vector<Placed> place_citations(wiki::CitationSyntax& syntax, const wiki::Te
   syntax.find(text, [&](const wiki::Citation& c) { found.push_back(c); });
   std::vector<Placed> out;
   out.reserve(found.size());
-  const std::string& bytes = text.str();
-  wiki::Line line = 1;
-  std::size_t line_begin = 0, counted = 0;  // bytes: the current line's start, newlines counted
+  LineCursor cursor(text.str());
   for (std::size_t i = 0; i < found.size(); ++i) {
-    const std::size_t at = text.byte_at(found[i].start);
-    for (; counted < at; ++counted) {
-      if (bytes[counted] == '\n') {
-        ++line;
-        line_begin = counted + 1;
-      }
-    }
+    const auto [line, column] = cursor.at(text.byte_at(found[i].start));
     // The link ends where the last citation in [start, next start) ends.
     const std::size_t bound = i + 1 < found.size() ? found[i + 1].start : text.length();
     const std::size_t end = syntax.last_end(text, found[i].start, bound).value_or(found[i].start);
-    out.push_back({found[i].key, line,
-                   static_cast<wiki::Line>(text.point_at(at) - text.point_at(line_begin)) + 1,
-                   std::string(text.slice(found[i].start, end))});
+    out.push_back({found[i].key, line, column, std::string(text.slice(found[i].start, end))});
   }
   return out;
 }

@@ -77,6 +77,20 @@ nlohmann::ordered_json finding_json(const Finding& finding);
 // property value (':' and ',').
 std::string github_escape(std::string_view text, bool property);
 
+// The 1-based line and column (in code points) of byte offsets of one text, asked in increasing
+// order so that each byte is counted once (an earlier offset starts over). A line ends at LF, CR
+// LF or a lone CR, as the refresh reads lines.
+class LineCursor {
+ public:
+  explicit LineCursor(std::string_view bytes) : bytes_(bytes) {}
+  std::pair<wiki::Line, wiki::Line> at(std::size_t offset);
+
+ private:
+  std::string_view bytes_;
+  std::size_t at_ = 0;
+  wiki::Line line_ = 1, column_ = 1;
+};
+
 // Where each citation of one page text stands: its key, 1-based line and column (in code points)
 // and the link as written, in text order.
 struct Placed {

@@ -11,30 +11,6 @@ namespace tolbarrow::hosts::native::command {
 namespace fs = std::filesystem;
 namespace {
 
-// Line and column of byte offsets given in increasing order, each line's bytes counted once.
-class LineCursor {
- public:
-  explicit LineCursor(std::string_view bytes) : bytes_(bytes) {}
-  std::pair<wiki::Line, wiki::Line> at(std::size_t offset) {
-    if (offset < at_) *this = LineCursor(bytes_);
-    for (; at_ < offset && at_ < bytes_.size(); ++at_) {
-      const char c = bytes_[at_];
-      if (c == '\n' || (c == '\r' && (at_ + 1 >= bytes_.size() || bytes_[at_ + 1] != '\n'))) {
-        ++line_;
-        column_ = 1;
-      } else if ((static_cast<unsigned char>(c) & 0xC0) != 0x80 && c != '\r') {
-        ++column_;
-      }
-    }
-    return {line_, column_};
-  }
-
- private:
-  std::string_view bytes_;
-  std::size_t at_ = 0;
-  wiki::Line line_ = 1, column_ = 1;
-};
-
 // Where a commit's file stands at HEAD: its path there and the map of its lines, or why not.
 struct AtHead {
   std::string path;

@@ -554,8 +554,20 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
     return f;
   };
 
+  using PageKey = std::tuple<std::string, std::string, wiki::Line, wiki::Line>;  // page id, key
+  // The citations whose landing the landing check took, and their new lines.
+  std::map<PageKey, wiki::LineRange> landed;
+  for (const auto& [file, keys] : moves) {
+    const auto id = id_of.find(file);
+    if (id == id_of.end()) continue;
+    for (const auto& [key, to] : keys) {
+      const auto& [path, start, end] = key;
+      landed.emplace(PageKey{id->second, path, start, end}, to);
+    }
+  }
+
   // Citations whose lines cannot be in any file: that, rather than what else befell them.
-  std::set<std::tuple<std::string, std::string, wiki::Line, wiki::Line>> invalid;
+  std::set<PageKey> invalid;
   for (const auto& [page_id, keys] : synced.cited) {
     for (const wiki::CitationKey& key : keys) {
       const std::string why = invalid_lines(key, std::nullopt);
@@ -565,9 +577,11 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
     }
   }
   std::unique_ptr<wiki::LineCounts> counts;
+  std::set<PageKey> lost_at;
   for (const wiki::Record& lost : outcome.result.lost) {
     const std::string page_id = lost.value("page_id", ""), path = lost.value("path", "");
     const wiki::LineRange lines = parse_lines(lost.value("lines", ""));
+    lost_at.emplace(page_id, path, lines.first, lines.last);
     if (invalid.count({page_id, path, lines.first, lines.last})) continue;
     std::optional<wiki::Line> line_count;
     if (lines.first >= 1 && store.is_indexed(path)) {
@@ -587,7 +601,8 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
                           [&](const wiki::Symbol& s) { return s.fqn == name || s.name == name; });
     };
     // A move the refresh held back (another citation of the page has those lines) is lost, not
-    // invalid: its lines were valid until its code moved.
+    // invalid: its lines were valid until its code moved. The refresh gives such a citation a
+    // reason telling where its code is (its landing is not always among the watched moves).
     const bool held_back = given.starts_with("its code is at ");
     if (const std::string why = invalid_lines({path, lines.first, lines.last}, line_count);
         !why.empty() && !held_back && !gone()) {
@@ -603,19 +618,10 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
   };
   // A landing the refresh took and then held back (it would have met another citation's key) is
   // told as lost.
-  std::set<std::tuple<std::string, std::string, wiki::Line, wiki::Line>> lost_at;
-  for (const wiki::Record& lost : outcome.result.lost) {
-    const wiki::LineRange lines = parse_lines(lost.value("lines", ""));
-    lost_at.emplace(lost.value("page_id", ""), lost.value("path", ""), lines.first, lines.last);
-  }
-  for (const auto& [file, keys] : moves) {
-    const auto id = id_of.find(file);
-    if (id == id_of.end()) continue;
-    for (const auto& [key, to] : keys) {
-      const auto& [path, start, end] = key;
-      if (lost_at.count({id->second, path, start, end})) continue;
-      add(id->second, FindingKind::moved, path, {start, end}).new_lines = to;
-    }
+  for (const auto& [key, to] : landed) {
+    if (lost_at.count(key)) continue;
+    const auto& [page_id, path, start, end] = key;
+    add(page_id, FindingKind::moved, path, {start, end}).new_lines = to;
   }
   // Each citation the history carried, once: renamed when its file was, else carried.
   for (const cr::CarriedMove& c : outcome.result.carried) {
@@ -635,8 +641,7 @@ std::vector<Finding> gather_findings(const Outcome& outcome, SqliteStore& store,
       add(m.page_id, FindingKind::unanchored, m.path, parse_lines(m.lines));
     }
   }
-  MarkdownCitationSyntax syntax;
-  syntax.set_forge(forge);
+  MarkdownCitationSyntax syntax(forge);
   for (const Misnamed& m : outcome.misnamed) {
     const auto rel = rel_of.find(m.page_id);
     syntax.set_page_folder(rel == rel_of.end() ? std::string()
@@ -744,8 +749,7 @@ Outcome run(const Options& options) {
       seed_pages(store, place.branch, records, anchors_hash);
       detail("took the records of " + anchors_file.string());
     }
-    MarkdownCitationSyntax syntax;
-    syntax.set_forge(forge);
+    MarkdownCitationSyntax syntax(forge);
     progress.begin("reading pages");
     synced = sync_pages(store, syntax, place.branch, place.wiki);
     progress.end();
@@ -823,8 +827,7 @@ Outcome run(const Options& options) {
   // a sync that added citations leaves records to anchor: other runs skip the pass.
   auto first_sight = [&] {
     if (synced.citations_added == 0) return;
-    MarkdownCitationSyntax syntax;
-    syntax.set_forge(forge);
+    MarkdownCitationSyntax syntax(forge);
     CtagsAnchoring anchoring;
     outcome.misnamed =
         anchor_first_sight(*store, syntax, anchoring, place.branch, place.wiki).misnamed;

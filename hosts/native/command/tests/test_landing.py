@@ -124,6 +124,9 @@ def test_a_move_onto_the_lines_another_citation_keeps_is_held_back(repo):
         lost = {x["lines"]: x.get("reason") for x in json.loads(check.stdout)["lost"]}
         assert lost == {"L1-L2": None, "L5-L6": "its code is at src/a.py#L1-L2 now, lines that "
                         "another citation of this page cites; settle that one first"}, options
+        # Its old lines are past the file's end now, yet it is lost (its code moved), not invalid.
+        kinds = {x["lines"]["start"]: x["kind"] for x in json.loads(check.stdout)["findings"]}
+        assert kinds == {1: "lost", 5: "lost"}, options
         assert repo.run(*options).returncode == 0
         assert repo.read("docs/p.md") == page
     repo.write("docs/p.md", page.replace("`g` [g](/src/a.py#L1-L2) and ", ""))
