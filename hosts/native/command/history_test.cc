@@ -319,5 +319,53 @@ TEST(History, CarriesFromWhatEachCitationWasPlacedAgainst) {
   }
 }
 
+// An anchors file of the first format kept a mark per branch under "refreshed": each record
+// without a blob gets the mark's blob for a file the mark lists as changed, else its commit's.
+TEST(History, PlacesFirstFormatRecordsFromTheBranchsMark) {
+  GitRepo repo;
+  repo.write("a.py", "one\n");
+  repo.write("b.py", "b\n");
+  repo.commit();
+  const std::string first = repo.head(), a_first = repo.blob("one\n"), b = repo.blob("b\n");
+  repo.write("a.py", "two\n");
+  repo.commit();
+  const std::string second = repo.head(), a_second = repo.blob("two\n");
+  const auto cites = [](const char* path) {
+    return Record{{"path", path}, {"line_start", 1}, {"line_end", 1}, {"symbol", nullptr}};
+  };
+  const auto mark = [](const std::string& commit, Record dirty = Record::object()) {
+    return Record{{"commit", commit}, {"dirty", std::move(dirty)}};
+  };
+  const Record marks{{"main", mark(first, {{"b.py", "0123"}})}, {"topic", mark(second)}};
+  struct Case {
+    const char* name;
+    Record marks;
+    std::string branch;
+    std::vector<std::optional<std::string>> blobs;  // of a.py, b.py, gone.py, a.py placed before
+  };
+  const Case cases[] = {
+      {"the branch's own mark", marks, "main", {a_first, "0123", std::nullopt, "kept"}},
+      {"another branch's", marks, "topic", {a_second, b, std::nullopt, "kept"}},
+      {"no mark of the branch among two", marks, "other", {{}, {}, {}, "kept"}},
+      {"the one mark there", Record{{"main", mark(first)}}, "other", {a_first, b, {}, "kept"}},
+      {"a commit that is no object id",
+       Record{{"main", mark("HEAD")}},
+       "main",
+       {{}, {}, {}, "kept"}},
+  };
+  for (const Case& c : cases) {
+    std::map<std::string, std::vector<Record>> pages{
+        {"p", {cites("a.py"), cites("b.py"), cites("gone.py"), cites("a.py")}}};
+    pages["p"][3][kBlobMember] = "kept";
+    place_from_marks(repo.root(), c.marks, c.branch, pages);
+    for (std::size_t i = 0; i < c.blobs.size(); ++i) {
+      const Record& r = pages["p"][i];
+      const std::optional<std::string> got =
+          r.contains(kBlobMember) ? std::optional(r[kBlobMember].get<std::string>()) : std::nullopt;
+      EXPECT_EQ(got, c.blobs[i]) << c.name << ", record " << i;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tolbarrow::hosts::native::command
